@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Faults are inputs: every call of the waist that can fail can be told to fail at its n-th call.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace host {
+
+/// The `n`-th call of `service` from now on (1: the next) fails, once. `service` is the waist's
+/// name: "kmalloc", "gx_hca_open", "gsi_post_send_dtgrm", ... An unknown name throws
+/// std::invalid_argument.
+void fail_nth(const std::string& service, unsigned long n);
+
+/// Takes back all that fail_nth set, and counts calls from 0 again.
+void clear_faults();
+
+/// How often `service` was called since the kernel began or clear_faults().
+unsigned long calls_of(const std::string& service);
+
+/// The services that can fail, in the order in which they are listed to a person.
+const std::vector<std::string>& services_that_fail();
+
+/// For the implementations: counts a call of `service`; true when this one is to fail.
+bool fails_now(const char* service);
+
+}  // namespace host
