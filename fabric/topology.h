@@ -9,11 +9,13 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace fabric {
 
-/// Input that cannot be understood or used. what() is "FILE:LINE: what was wrong".
+/// Input that cannot be understood or used. what() is "FILE:LINE: what was wrong", or "FILE: ..."
+/// for a file that cannot be read at all (line 0).
 class InputError : public std::runtime_error {
   public:
     InputError(const std::string& file, int line, const std::string& message);
@@ -53,13 +55,55 @@ struct Topology {
 /// used: no adapter, a node described twice, a GUID or LID given to two ports, a port number
 /// outside its node, a link to a node or a port that is not there or that is linked to somewhere
 /// else.
+///
+/// A link may be listed from both ends or from one. Where its two lines give two rates the slower
+/// counts, and where neither gives one it is 4xSDR. A GUID that the file does not give is the one
+/// in the node's id ("H-" or "S-" and 16 digits), the node's plus the port number, or the next of
+/// 0x100000 on (adapters, each node before its ports) or 0x200000 on (switches) that the file does
+/// not use.
 Topology read_topology(std::istream& in, const std::string& file);
 Topology read_topology(const std::string& path);
+
+/// Writes a topology in the form that `ibnetdiscover` prints. Reading it back gives the same nodes,
+/// links, LIDs and rates, and the same GUIDs of all nodes and linked ports.
+void write_topology(std::ostream& out, const Topology& topology);
+
+/// What make_fabric() builds: hosts below leaf switches, leaf switches below spines, and where one
+/// group of leaves is not enough, groups below core switches.
+struct FabricShape {
+    int hosts = 16;
+    int two_port_percent = 25;  ///< of the hosts, evenly spread; the first is always one of them
+    int hosts_per_leaf = 18;    ///< adapter ports on a leaf switch
+    int spines = 4;             ///< in a group of up to 18 leaf switches
+    bool lids = true;           ///< LIDs are given, from 1 on: the nodes must fit in one subnet
+};
+
+/// A fabric of that shape, the same at every call: hosts "node1 HCA-1", "node2 HCA-1", ... with
+/// 4xQDR to "leaf1", "leaf2", ... A second port goes to another leaf than the first, where there is
+/// one. Throws std::invalid_argument for a shape that no fabric can have.
+Topology make_fabric(const FabricShape& shape);
+
+/// The bandwidth behind a rate code in units of 100 Mb/s; 0 for a code that means none. The codes
+/// are not in the order of the bandwidths: compare rates by this only.
+int rate_bandwidth(std::uint8_t code);
+
+/// Of two rate codes (or MTU codes) that of the slower (or smaller), where 0 means unknown and
+/// yields to the other.
+std::uint8_t slower_rate(std::uint8_t one, std::uint8_t other);
+std::uint8_t smaller_mtu(std::uint8_t one, std::uint8_t other);
+
+/// The rate code of a link from its width and speed, as in "4xQDR"; 0 when the text is none. A
+/// bandwidth that has no code counts as the next lower one.
+std::uint8_t parse_rate(std::string_view text);
+
+/// A width and speed that have that rate code; empty for a code that means none.
+std::string_view format_rate(std::uint8_t code);
 
 /// A host of the fabric: an adapter node under the name by which people call it, with its address.
 struct Host {
     int node = -1;
     std::string name;  ///< first word of the node's name where that is unambiguous, else all of it
+                       ///< where that is, else the node's id
     std::uint32_t ip =
         0;  ///< network byte order: the first number stands in the lowest-addressed byte
 };
@@ -67,15 +111,16 @@ struct Host {
 /// The hosts of a topology, in file order, with addresses dealt out from 10.0.0.1 on.
 std::vector<Host> deal_addresses(const Topology& topology);
 
-/// The hosts of a topology with the addresses of a list (address, name, further names; '#'
-/// comments). Throws InputError for an address or a line that is not understood, an address given
-/// twice, a name that no host of the fabric has, a host given two addresses. Hosts that the list
-/// does not name are left out.
+/// The hosts of a topology, in file order, with the addresses of a list (address, name, further
+/// names; '#' comments). One of a line's names has to be a host's name or its node's id; the others
+/// may be anything that is not another host's. Throws InputError for an address or a line that is
+/// not understood, an address given twice, a name that no host of the fabric has, a host given two
+/// addresses. Hosts that the list does not name are left out.
 std::vector<Host> read_hosts(std::istream& in, const std::string& file, const Topology& topology);
 std::vector<Host> read_hosts(const std::string& path, const Topology& topology);
 
-/// The host of that name, or by default the first with two linked ports, else the first. Empty when
-/// no host has the name.
+/// The host of that name (or else of that node id), or by default the first with two linked ports,
+/// else the first. Empty when no host has the name.
 std::optional<std::size_t> choose_host(const Topology& topology, const std::vector<Host>& hosts,
                                        const std::string& name = {});
 
