@@ -12,7 +12,6 @@
 #include <fstream>
 #include <istream>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 namespace fabric {
@@ -25,9 +24,6 @@ namespace {
 constexpr int max_ports = 254;
 constexpr std::uint64_t max_lid = 0xBFFF;
 constexpr std::uint64_t max_lmc = 7;
-constexpr std::uint8_t default_rate = 3;  // 4xSDR, what every device can do
-constexpr std::uint64_t first_adapter_guid = 0x100000;
-constexpr std::uint64_t first_switch_guid = 0x200000;
 
 bool is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\r';
@@ -277,10 +273,6 @@ class Reader {
 
     void check_whole(int last_line) const;
     void check_lids() const;
-    void fill_guids();
-    void fill_port_guids(Node& node, bool node_guid_given);
-    std::uint64_t fresh_guid(NodeKind kind);
-    void fill_rates();
 
     [[noreturn]] void fail(int line, const std::string& message) const {
         throw InputError(topology_.file, line, message);
@@ -320,8 +312,6 @@ class Reader {
     std::unordered_map<std::uint64_t, int> node_guids_;
     std::unordered_map<std::uint64_t, PortNote> port_guids_;
     std::vector<PortNote> addressed_;  ///< ports that have a LID, in the order of the file
-    std::uint64_t next_adapter_guid_ = first_adapter_guid;
-    std::uint64_t next_switch_guid_ = first_switch_guid;
 };
 
 Topology Reader::read(std::istream& in) {
@@ -337,8 +327,7 @@ Topology Reader::read(std::istream& in) {
     for (const LinkLine& link : links_)
         connect(link);
     check_lids();
-    fill_guids();
-    fill_rates();
+    fill_missing(topology_);
     return std::move(topology_);
 }
 
@@ -652,53 +641,6 @@ void Reader::check_lids() const {
                                     port_text(owners[lid]->node, owners[lid]->port) + " in line " +
                                     std::to_string(owners[lid]->line));
             owners[lid] = &note;
-        }
-    }
-}
-
-std::uint64_t Reader::fresh_guid(NodeKind kind) {
-    std::uint64_t& next = kind == NodeKind::switch_node ? next_switch_guid_ : next_adapter_guid_;
-    while (node_guids_.contains(next) || port_guids_.contains(next))
-        ++next;
-    return next++;
-}
-
-void Reader::fill_guids() {
-    for (std::size_t i = 0; i < topology_.nodes.size(); ++i) {
-        Node& node = topology_.nodes[i];
-        const bool given = node.guid != 0;
-        if (!given) {
-            node.guid = fresh_guid(node.kind);
-            node_guids_.emplace(node.guid, static_cast<int>(i));
-        }
-        fill_port_guids(node, given);
-    }
-}
-
-/// Ports of a switch have no GUIDs of their own, except its management port, which has the node's.
-void Reader::fill_port_guids(Node& node, bool node_guid_given) {
-    const int index = ids_.at(node.id);
-    const bool is_switch = node.kind == NodeKind::switch_node;
-    const std::size_t first = is_switch ? 0 : 1;
-    const std::size_t end = is_switch ? 1 : node.ports.size();
-    for (std::size_t number = first; number < end; ++number) {
-        Port& port = node.ports[number];
-        if (port.guid != 0)
-            continue;
-        const std::uint64_t natural = node.guid + number;
-        const bool taken =
-            port_guids_.contains(natural) || (number != 0 && node_guids_.contains(natural));
-        const bool use_natural = !taken && (node_guid_given || is_switch);
-        port.guid = use_natural ? natural : fresh_guid(node.kind);
-        port_guids_.emplace(port.guid, PortNote{index, static_cast<int>(number), node.line});
-    }
-}
-
-void Reader::fill_rates() {
-    for (Node& node : topology_.nodes) {
-        for (Port& port : node.ports) {
-            if (port.linked && port.rate == 0)
-                port.rate = default_rate;
         }
     }
 }

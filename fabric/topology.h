@@ -64,6 +64,10 @@ struct Topology {
 Topology read_topology(std::istream& in, const std::string& file);
 Topology read_topology(const std::string& path);
 
+/// Gives what is missing and what read_topology() promises: GUIDs to the nodes and ports that have
+/// none, a rate to the links that have none. For topologies that are made, not read.
+void fill_missing(Topology& topology);
+
 /// Writes a topology in the form that `ibnetdiscover` prints. Reading it back gives the same nodes,
 /// links, LIDs and rates, and the same GUIDs of all nodes and linked ports.
 void write_topology(std::ostream& out, const Topology& topology);
@@ -73,8 +77,8 @@ void write_topology(std::ostream& out, const Topology& topology);
 struct FabricShape {
     int hosts = 16;
     int two_port_percent = 25;  ///< of the hosts, evenly spread; the first is always one of them
-    int hosts_per_leaf = 18;    ///< adapter ports on a leaf switch
-    int spines = 4;             ///< in a group of up to 18 leaf switches
+    int hosts_per_leaf = 16;    ///< a leaf switch has two ports for each
+    int spines = 4;             ///< in a group of up to 16 leaf switches, and as many core switches
     bool lids = true;           ///< LIDs are given, from 1 on: the nodes must fit in one subnet
 };
 
