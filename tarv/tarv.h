@@ -110,3 +110,17 @@ inline void tarv_aim_paths(tarv_arp_data_t* record) {
     record->primary_path = &record->paths[0];
     record->secondary_path = &record->paths[1];
 }
+
+/* A record with that mask holds the paths that are wanted; never true for another value of
+ * `wanted`. */
+inline bool tarv_mask_has_paths(u32 mask, tarv_paths_t wanted) {
+    switch (wanted) {
+        case tarv_paths_none:
+            return true;
+        case tarv_paths_primary:
+            return mask & TARV_MASK_PRIMARY_PATH;
+        case tarv_paths_both:
+            return (mask & TARV_MASK_BOTH_PATHS) == TARV_MASK_BOTH_PATHS;
+    }
+    return false;
+}

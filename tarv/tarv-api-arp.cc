@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The attached IPoIB driver, and the intake of the ARP packets that it receives.
+#include "platform/atomic.h"
+#include "platform/memory.h"
+#include "tarv/logger.h"
+#include "tarv/tarv-api.h"
+#include "tarv/tarv-arp-hash.h"
+#include "tarv/tarv-ptr.h"
+#include "tarv/tarv-sa.h"
+
+namespace {
+
+constexpr char tarv_unit[] = "tarv_api";
+
+/* The intake is one function to whoever reads the log. */
+constexpr char intake[] = "tarv_process_arp_data";
+
+/* The verbs layer numbers ports with 8 bits; what does not fit is no port. */
+u8 port_number(u32 local_port_num) {
+    return local_port_num <= 0xFF ? static_cast<u8>(local_port_num) : 0;
+}
+
+/* Gives the peer in `record` the static path, its own ends filled in. The template is used by every
+ * intake and by commands: the work is done on a copy, and only the new P_Key is put back. */
+void add_static_path(tarv_arp_data_t* record) {
+    ib_path_record_v2_t path;
+    {
+        const spin_guard guard(static_path_lock);
+        path = static_path;
+    }
+    tarv_change_path_pkey(record->dst_ip, &path, 1);
+    {
+        const spin_guard guard(static_path_lock);
+        static_path.pkey = path.pkey;
+    }
+    if (record->mask & TARV_MASK_PRIMARY_PATH)
+        return;
+    path.dlid = record->lid;
+    path.dgid = record->gid;
+    gx_lid_t slid = path.slid;
+    port_num2base_lid(read_once(hca_h), port_number(record->local_port_num), &slid);
+    path.slid = slid;
+    port_num2base_gid(read_once(hca_h), port_number(record->local_port_num), &path.sgid);
+    record->paths[0] = path;
+    record->primary_path = &record->paths[0];
+    record->mask |= TARV_MASK_PRIMARY_PATH;
+}
+
+/* The cache has an entry for the peer that may not be replaced; `record` becomes its record. */
+bool is_protected_static(tarv_arp_data_t* record) {
+    if (read_once(statics_inv_enabled))
+        return false;
+    tarv_arp_data_t cached;
+    if (tarv_hash_get_entry_data(record->dst_ip, &cached) != tarv_stat_ok ||
+        !(cached.mask & TARV_MASK_STATIC))
+        return false;
+    *record = cached;
+    tarv_aim_paths(record);
+    return true;
+}
+
+tarv_stat_t add_entry(tarv_arp_data_t* record) {
+    kptr<tarv_hash_entry_t> entry(GFP_ATOMIC);
+    if (!entry) {
+        TARV_LOG_FROM(intake, TARV_ERROR, "Not enough memory to allocate new arp entry.\n");
+        return tarv_stat_not_found;
+    }
+    record->mask |= TARV_MASK_SRC_IP;
+    entry->arp_data = *record;
+    tarv_aim_paths(&entry->arp_data);
+    return tarv_hash_add_entry(entry.release());
+}
+
+/* Moves a request, which is the caller's, on to the SA: it waits there for paths to `dgid`. */
+tarv_stat_t request_paths(tarv_list_entry_t* request, const gx_gid_t& dgid, u32 local_port_num) {
+    kptr<tarv_list_entry_t> owner(request);
+    owner->dgid = dgid;
+    tarv_set_request_static_flag(request);
+    owner->needed_paths_mask = owner->requested_paths == tarv_paths_both ? 3 : 1;
+    if (tarv_sa_add_request(request) != tarv_stat_ok) {
+        TARV_LOG_FROM(intake, TARV_ERROR,
+                      "Error adding the new sa request entry to the container.\n");
+    } else if (tarv_sa_query_path(local_port_num, &request->dgid) != tarv_stat_ok) {
+        TARV_LOG_FROM(intake, TARV_ERROR, "Error initiating multipath record query.\n");
+        tarv_sa_remove_request(request);
+    } else {
+        tarv_clear_request_static_flag(owner.release());
+        return tarv_stat_ok;
+    }
+    tarv_reply(request, tarv_stat_error, nullptr);
+    return tarv_stat_error;
+}
+
+/* What the peer's record holds is all that the request can get now. */
+bool is_answered_by(const tarv_list_entry_t* request, const tarv_arp_data_t& record) {
+    return request->requested_paths == tarv_paths_none || !read_once(sa_queries_enabled) ||
+           (record.mask & TARV_MASK_STATIC &&
+            tarv_mask_has_paths(record.mask, request->requested_paths));
+}
+
+/* Completes the requests that waited for the peer in `record`; `result` is the outcome so far. */
+tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
+    list_head found_head;
+    if (tarv_find_and_move_arp_requests_to_list(record->dst_ip, &found_head) != tarv_stat_ok)
+        return result;
+    tarv_found_list found(found_head);
+    while (tarv_list_entry_t* request = found.pop()) {
+        if (is_answered_by(request, *record)) {
+            tarv_reply(request, tarv_stat_ok, record);
+            kfree(request);
+        } else {
+            result = request_paths(request, record->gid, record->local_port_num);
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+constinit u8 enabled = 0;
+constinit u8 statics_inv_enabled = 1;
+constinit send_arp_data_fn_t local_send_arp_data_fn = nullptr;
+constinit get_if_info_fn_t local_get_if_info_fn = nullptr;
+constinit void* send_arp_data_fn_context = nullptr;
+constinit spinlock_t static_path_lock = {};
+constinit ib_path_record_v2_t static_path = {};
+
+tarv_stat_t tarv_attach(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
+                        void* context, void** handle) {
+    if (read_once(local_send_arp_data_fn) || read_once(local_get_if_info_fn)) {
+        TARV_LOG(TARV_ERROR, "send_arp_data_fn OR get_if_info_fn allready registered.\n");
+        return tarv_stat_error;
+    }
+    write_once(send_arp_data_fn_context, context);
+    write_once(local_send_arp_data_fn, send_arp_data_fn);
+    write_once(local_get_if_info_fn, get_if_info_fn);
+    *handle = TARV_ATTACH_HANDLE;
+    return tarv_stat_ok;
+}
+
+tarv_stat_t tarv_detach(void* handle) {
+    if (handle != TARV_ATTACH_HANDLE) {
+        TARV_LOG(TARV_ERROR, "Invalid handle.\n");
+        return tarv_stat_error;
+    }
+    write_once(local_send_arp_data_fn, nullptr);
+    write_once(local_get_if_info_fn, nullptr);
+    write_once(send_arp_data_fn_context, nullptr);
+    return tarv_stat_ok;
+}
+
+void swap_ips(u32* src_ip, u32* dst_ip) {
+    const u32 ip = *src_ip;
+    *src_ip = *dst_ip;
+    *dst_ip = ip;
+}
+
+tarv_stat_t tarv_process_arp_data(tarv_arp_data_t* arp_data) {
+    const kptr<tarv_arp_data_t> record(GFP_ATOMIC);
+    if (!record) {
+        TARV_LOG(TARV_ERROR, "Failed allocate memory for local_arp_data (%d).\n",
+                 static_cast<int>(sizeof(tarv_arp_data_t)));
+        return tarv_stat_ok;
+    }
+    *record = *arp_data;
+    if (!read_once(enabled))
+        return tarv_stat_ok;
+    switch (record->arp_operation) {
+        case TARV_ARP_OP_REQUEST:
+            TARV_LOG(TARV_DEBUG, "ARP_REQ received <src_ip:%08x,dst_ip:%08x>\n", record->src_ip,
+                     record->dst_ip);
+            break;
+        case TARV_ARP_OP_REPLY:
+            TARV_LOG(TARV_DEBUG, "ARP processed <src_ip:%08x,dst_ip:%08x>\n", record->src_ip,
+                     record->dst_ip);
+            break;
+        default:
+            TARV_LOG(TARV_ERROR, "Invalid ARP operation<%d>.\n", record->arp_operation);
+            return tarv_stat_error;
+    }
+    // From here on dst_ip is the peer, the cache's key.
+    swap_ips(&record->src_ip, &record->dst_ip);
+    if (!read_once(sa_queries_enabled))
+        add_static_path(record.get());
+
+    const tarv_stat_t updated = tarv_hash_update_ib_data(record->dst_ip, record.get());
+    if (updated != tarv_stat_not_found)
+        return updated;
+    // The administrator's entry stays the only one for its address, and the answer.
+    if (is_protected_static(record.get()))
+        return complete_requests(record.get(), tarv_stat_ok);
+    const tarv_stat_t added = add_entry(record.get());
+    if (added != tarv_stat_ok)
+        return added;
+    return complete_requests(record.get(), added);
+}

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The address cache: one table of address records keyed by the peer's IPv4 address.
+//
+// Ownership: an entry is made and filled by a caller and belongs to the table from
+// tarv_hash_add_entry on. The table frees what it purges and what it ages out;
+// tarv_hash_remove_entry hands an entry back. The table never allocates.
+//
+// Duplicates: the table does not refuse a second entry for an address. A new entry goes to the head
+// of its chain and lookups take the first match, so the newest entry hides older ones until it is
+// removed.
+//
+// Static entries (TARV_MASK_STATIC) are never aged out. While `statics_inv_enabled` is 0 they are
+// also passed over by removal by address and by replacement of the record. The purges take them
+// like others.
+//
+// Locks: every operation takes `tarv_lock` itself, and holds it only for its walk and its copy.
+// Nothing is called out under it, and no other lock of the module is held with it. Contexts: any,
+// except where an operation says otherwise.
+#pragma once
+
+#include "platform/annotations.h"
+#include "platform/list.h"
+#include "platform/spinlock.h"
+#include "platform/timer.h"
+#include "tarv/tarv.h"
+
+inline constexpr u32 TARV_HASH_BUCKETS = 32;
+
+/* One cached peer. */
+struct tarv_hash_entry_st {
+    tarv_hash_entry_st* next;  // in the chain of its bucket
+    list_head list_struct;     // not used
+    tarv_arp_data_t arp_data;  // dst_ip is the key
+    unsigned long
+        timestamp;  // jiffies of the last use; stored also by readers, hence with write_once
+};
+using tarv_hash_entry_t = tarv_hash_entry_st;
+
+struct tarv_hash_t {
+    tarv_hash_entry_t* hash_buckets[TARV_HASH_BUCKETS];
+    u32 size;  // entries in all chains
+};
+
+extern rwlock_t tarv_lock;
+extern tarv_hash_t tarv_table TA_GUARDED(tarv_lock);
+
+/* Seconds of idleness after which an entry that is not static is removed; read at every run. */
+extern unsigned long arp_cache_timeout_sec;
+
+extern timer_list tarv_garbage_collector_timer;
+
+/* The bucket, 0 to 31, of an address (network byte order, read as a number as it stands in memory).
+ */
+u32 tarv_hash_func(u32 req_ip);
+
+/* Empties the table without freeing anything and starts the ageing timer. Process context; first
+ * step of the engine start. Always tarv_stat_ok. */
+tarv_stat_t tarv_hash_init() TA_EXCL(tarv_lock);
+
+/* Stops the ageing timer, waiting for a running handler, and frees every entry. Process context. */
+void tarv_hash_destroy() TA_EXCL(tarv_lock);
+
+/* Stamps the entry, links it at the head of its chain; the table owns it. Always tarv_stat_ok. */
+tarv_stat_t tarv_hash_add_entry(tarv_hash_entry_t* entry) TA_EXCL(tarv_lock);
+
+/* Finds the newest entry of `req_ip` and refreshes its age. `*out`, where given, becomes a copy of
+ * the entry, or of its record, with the record's path pointers aimed at the copy's own paths; the
+ * copy's `next` is the table's and not to be followed. tarv_stat_ok or tarv_stat_not_found. */
+tarv_stat_t tarv_hash_get_entry(u32 req_ip, tarv_hash_entry_t* out) TA_EXCL(tarv_lock);
+tarv_stat_t tarv_hash_get_entry_data(u32 req_ip, tarv_arp_data_t* out) TA_EXCL(tarv_lock);
+
+/* Takes the newest removable entry of `req_ip` out of the table; `*out` is the caller's to free.
+ * tarv_stat_not_found, and `*out` untouched, when there is none. */
+tarv_stat_t tarv_hash_remove_entry(u32 req_ip, tarv_hash_entry_t** out) TA_EXCL(tarv_lock);
+
+/* Replaces the whole record of the newest replaceable entry of `req_ip` by `*record`, mask and
+ * paths included, and refreshes its age. tarv_stat_not_found when there is none. */
+tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) TA_EXCL(tarv_lock);
+
+/* Frees every entry. Always tarv_stat_ok. */
+tarv_stat_t tarv_hash_remove_all() TA_EXCL(tarv_lock);
+
+/* Frees every entry that holds a valid path from the local port with that GID. Always tarv_stat_ok.
+ */
+tarv_stat_t tarv_hash_remove_entries_by_sgid(gx_gid_t* sgid) TA_EXCL(tarv_lock);
+
+/* Finds the first entry, in table order, whose record has that GID, whatever its mask; copies the
+ * record to `*out` and refreshes the entry's age. Offered to other modules. tarv_stat_ok or
+ * tarv_stat_not_found. */
+tarv_stat_t tarv_hash_seq_cache_lookup(gx_gid_t* gid, tarv_arp_data_t* out) TA_EXCL(tarv_lock);
+
+/* Stores a primary path, a secondary path, or both (null: not given) into the newest entry of
+ * `req_ip`, static or not, as they are. tarv_stat_ok or tarv_stat_not_found. */
+tarv_stat_t tarv_hash_set_paths(u32 req_ip, ib_path_record_v2_t* pri_path,
+                                ib_path_record_v2_t* sec_path) TA_EXCL(tarv_lock);
+
+/* Stores the `path_count` (at most 3) records of an SA answer into the newest entry of `req_ip`,
+ * after rewriting the P_Keys of `paths` in place (also when there is no entry). tarv_stat_ok when
+ * the entry then has all paths that `needed_paths_count` asks for, and `*entry`, where given, is a
+ * copy of it; tarv_stat_pending when one is missing; tarv_stat_not_found without an entry. */
+tarv_stat_t tarv_hash_update_paths(u32 req_ip, ib_path_record_v2_t* paths, int path_count,
+                                   tarv_paths_t needed_paths_count, tarv_hash_entry_t* entry)
+    TA_EXCL(tarv_lock);
+
+/* Rewrites the P_Key of the first two of `paths` to what this host uses towards `req_ip`: that of
+ * the interface that serves the address, or, for one of our own addresses, a full-member P_Key of
+ * the port at which the path starts. Asks the driver and the adapter: no lock may be held. What
+ * cannot be found out leaves the records as they are. */
+void tarv_change_path_pkey(u32 req_ip, ib_path_record_v2_t* paths, int path_count)
+    TA_EXCL(tarv_lock);
+
+/* The first full-member P_Key among the first five of the local port whose base GID is `*sgid`.
+ * tarv_stat_error when there is none; no lock may be held. */
+tarv_stat_t tarv_get_local_pkey(gx_gid_t* sgid, gx_p_key_t* pkey) TA_EXCL(tarv_lock);
+
+/* The ageing timer: every 15000 ticks, frees the entries that have been idle too long. */
+void tarv_garbage_collector_timer_handler(unsigned long context) TA_EXCL(tarv_lock);
+void tarv_garbage_collector_start();
+
+/* Prints the table to the console. */
+void tarv_hash_dump() TA_EXCL(tarv_lock);
+
+/* Renders the table in the layout of the kernel's own ARP table into a new buffer: `*buffer` is the
+ * caller's to kfree, `*len` its length without the NUL. Null and 0 when there is no memory. Process
+ * context. */
+void tarv_hash_print_to_string(char** buffer, u32* len) TA_EXCL(tarv_lock);

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The kernel's list links with types: a view of a list head as a list of T, linked through the
+// links that stand at a fixed offset inside T. An entry may be on several lists through different
+// links.
+#pragma once
+
+#include "platform/list.h"
+
+/* `Offset` is offsetof(T, links). The view owns nothing and costs nothing; make one where needed.
+ */
+template <class T, size_t Offset>
+class list_of {
+  public:
+    explicit list_of(list_head& head) : head_(head) {}
+
+    bool empty() const { return list_empty(&head_); }
+
+    /* Links `entry` in as the first. */
+    void push(T* entry) { list_add(links_of(entry), &head_); }
+
+    /* Unlinks the first entry and returns it; null when there is none. */
+    T* pop() {
+        if (empty())
+            return nullptr;
+        T* entry = entry_of(head_.next);
+        unlink(entry);
+        return entry;
+    }
+
+    /* Takes `entry` off whatever list it is on through these links. */
+    static void unlink(T* entry) { list_del_init(links_of(entry)); }
+
+    /* From first to last. The walk survives the unlinking of the entry that it stands on. */
+    class iterator {
+      public:
+        explicit iterator(list_head* at) : at_(at), next_(at->next) {}
+        T* operator*() const { return entry_of(at_); }
+        iterator& operator++() {
+            at_ = next_;
+            next_ = at_->next;
+            return *this;
+        }
+        bool operator!=(const iterator& other) const { return at_ != other.at_; }
+
+      private:
+        list_head* at_;
+        list_head* next_;
+    };
+    iterator begin() const { return iterator(head_.next); }
+    iterator end() const { return iterator(&head_); }
+
+  private:
+    static list_head* links_of(T* entry) {
+        return reinterpret_cast<list_head*>(reinterpret_cast<char*>(entry) + Offset);
+    }
+    static T* entry_of(list_head* links) {
+        return reinterpret_cast<T*>(reinterpret_cast<char*>(links) - Offset);
+    }
+
+    list_head& head_;
+};

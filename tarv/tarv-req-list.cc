@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The requests that wait for an ARP reply.
+#include "tarv/tarv-req-list.h"
+
+#include "platform/memory.h"
+#include "tarv/tarv-pending.h"
+
+namespace {
+
+constexpr char tarv_unit[] = "tarv_req_list";
+
+constexpr u32 arp_timeout = 1000;  // ticks
+
+/* Read without the lock: whether a walk is worth while. */
+bool nothing_waits() TA_NO_ANALYSIS {
+    return read_once(requests.count) == 0;
+}
+
+}  // namespace
+
+constinit spinlock_t tarv_rl_lock = {};
+constinit tarv_list_t requests = {};
+constinit timer_list tarv_req_timer = {};
+
+tarv_stat_t tarv_req_list_init() {
+    spin_lock_init(&tarv_rl_lock, "tarv_rl_lock");
+    tarv_list_t* list = nullptr;
+    {
+        const spin_guard guard(tarv_rl_lock);
+        pending_clear(requests);
+        list = &requests;
+    }
+    pending_make_timer(&tarv_req_timer, tarv_req_timer_handler, list);
+    return tarv_stat_ok;
+}
+
+void tarv_req_list_destroy() {
+    del_timing_sync(&tarv_req_timer);
+    const spin_guard guard(tarv_rl_lock);
+    for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
+        pending_take(requests, entry);
+        kfree(entry);
+    }
+}
+
+tarv_stat_t tarv_add_arp_request(tarv_list_entry_t* entry) {
+    entry->timestamp = pending_stamp();
+    const spin_guard guard(tarv_rl_lock);
+    TARV_LOG(TARV_DEBUG, "Added req: %p\n", static_cast<void*>(entry));
+    pending_push(requests, entry);
+    return tarv_stat_ok;
+}
+
+tarv_stat_t tarv_remove_arp_request(tarv_list_entry_t* entry) {
+    const spin_guard guard(tarv_rl_lock);
+    pending_take(requests, entry);
+    return tarv_stat_ok;
+}
+
+bool tarv_release_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker,
+                              bool drop_reply) {
+    const spin_guard guard(tarv_rl_lock);
+    if (maker->taken)
+        return false;
+    entry->maker = nullptr;
+    if (drop_reply)
+        entry->reply_cb = nullptr;
+    tarv_clear_request_static_flag(entry);
+    return true;
+}
+
+int tarv_num_identical_reqs(tarv_list_entry_t* entry) {
+    const spin_guard guard(tarv_rl_lock);
+    return pending_count_identical(requests, entry);
+}
+
+tarv_stat_t tarv_find_and_move_arp_requests_to_list(u32 req_ip, list_head* found_list) {
+    INIT_LIST_HEAD(found_list);
+    tarv_found_list found(*found_list);
+    const spin_guard guard(tarv_rl_lock);
+    for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
+        if (entry->req_ip != req_ip)
+            continue;
+        pending_take(requests, entry);
+        found.push(entry);
+    }
+    return found.empty() ? tarv_stat_not_found : tarv_stat_ok;
+}
+
+void tarv_req_timer_handler(unsigned long) {
+    if (!nothing_waits()) {
+        list_head timed_out_head;
+        INIT_LIST_HEAD(&timed_out_head);
+        tarv_found_list timed_out(timed_out_head);
+        {
+            const spin_guard guard(tarv_rl_lock);
+            for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
+                TARV_LOG(TARV_FUNC, "Checking request entry: <0x%p>\n", static_cast<void*>(entry));
+                if (tarv_get_request_static_flag(entry) || !pending_is_due(entry, arp_timeout))
+                    continue;
+                TARV_LOG(TARV_FUNC, "\t\t-> timeouted!\n");
+                pending_take(requests, entry);
+                timed_out.push(entry);
+            }
+        }
+        for ([[maybe_unused]] const tarv_list_entry_t* entry : timed_out)
+            TARV_LOG(TARV_FUNC, "All the timeouted requests processed.\n");
+        if (!timed_out.empty()) {
+            write_once(tarv_media_reset, 1);
+            TARV_LOG(TARV_DEBUG, "*** At least one timeout found resetting media ***\n");
+        }
+        while (tarv_list_entry_t* entry = timed_out.pop()) {
+            TARV_LOG(TARV_FUNC, "found entry : 0x%p\n", static_cast<void*>(entry));
+            tarv_retry_ib_data_request(entry, nullptr);
+            kfree(entry);
+        }
+    }
+    if (!read_once(halted))
+        pending_start_timer(&tarv_req_timer);
+}
+
+void tarv_req_list_dump() {
+    const spin_guard guard(tarv_rl_lock);
+    pending_dump(requests, "ib-arp");
+}

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Pending requests: the resolutions that the cache could not answer. A request waits on one of two
+// lists, for an ARP reply (`requests`) or for SA path records (`sa_requests`), newest first. Each
+// list has a lock and a timer that hands requests which waited too long back for a retry or a
+// time-out.
+//
+// Ownership: whoever takes a request off a list owns it, answers it at most once, and frees it.
+//
+// The maker and the takers. A request is on its list before its ARP request or path query goes out,
+// so that an answer that comes back at once finds it. While its maker is still busy sending, its
+// `static_flag` is set: the timers and the matching of SA replies pass it over. ARP data does not
+// wait: it takes the request at once, and tells the maker so through the maker's own
+// `tarv_maker_t`, under the list's lock. So the maker learns whether the request is still its own
+// without touching it.
+//
+// Locks: every operation takes its list's lock itself. No callback, re-issue or other operation of
+// the module is called under one. Contexts: any, except for init and destroy (process).
+#pragma once
+
+#include "platform/annotations.h"
+#include "platform/atomic.h"
+#include "platform/list.h"
+#include "platform/spinlock.h"
+#include "platform/timer.h"
+#include "tarv/tarv-list.h"
+#include "tarv/tarv.h"
+
+/* Stands on the stack of a request's maker while it sends; guarded by the lock of the ARP list. */
+struct tarv_maker_t {
+    bool taken;  // somebody has taken the request: it may be gone
+};
+
+/* One pending request. */
+struct tarv_list_entry {
+    list_head list_struct;        // on `requests` or `sa_requests`
+    list_head found_list_struct;  // on a private list of whoever is taking it off
+    u8 is_from_fwd;
+    u32 req_ip;      // the address to resolve, network byte order
+    u32 src_ip;      // the caller's source address
+    u32 timestamp;   // low 32 bits of jiffies when it came onto its list
+    void* reply_cb;  // the caller's tarv_get_ib_data_reply_fn_t; may be null
+    void* context;   // the caller's
+    tarv_paths_t requested_paths;
+    u8 needed_paths_mask;           // 1 primary, 3 both; of an SA request
+    gx_gid_t dgid;                  // the peer's GID, by which SA answers are matched
+    u8 not_valid;                   // scratch of the matching; 0 while on the SA list
+    int n_retries;                  // how often it has been re-issued already
+    tarv_arp_data_t orig_arp_data;  // the caller's record as it was given
+    atomic_t static_flag;           // the maker is busy with it
+
+    /* Where the maker is to be told that the request was taken; null once it is done sending. */
+    tarv_maker_t* maker;
+};
+using tarv_list_entry_t = tarv_list_entry;
+
+struct tarv_list_t {
+    list_head head;
+    u32 count;
+};
+
+/* The two lists, and the private lists that requests are collected on. */
+using tarv_request_list = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, list_struct)>;
+using tarv_found_list = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, found_list_struct)>;
+
+inline void tarv_set_request_static_flag(tarv_list_entry_t* entry) {
+    atomic_set(&entry->static_flag, 1);
+}
+inline void tarv_clear_request_static_flag(tarv_list_entry_t* entry) {
+    atomic_set(&entry->static_flag, 0);
+}
+inline int tarv_get_request_static_flag(tarv_list_entry_t* entry) {
+    return atomic_read(&entry->static_flag);
+}
+
+/* Calls the request's reply callback where it has one; returns whether it had. No lock held. */
+inline bool tarv_reply(const tarv_list_entry_t* entry, tarv_stat_t status,
+                       tarv_arp_data_t* record) {
+    const auto reply = reinterpret_cast<tarv_get_ib_data_reply_fn_t>(entry->reply_cb);
+    if (reply)
+        reply(status, record, entry->context);
+    return reply != nullptr;
+}
+
+/* The ARP requests. */
+
+extern spinlock_t tarv_rl_lock;
+extern tarv_list_t requests TA_GUARDED(tarv_rl_lock);
+extern timer_list tarv_req_timer;
+
+/* Empties the list and starts its timer. Process context. Always tarv_stat_ok. */
+tarv_stat_t tarv_req_list_init() TA_EXCL(tarv_rl_lock);
+
+/* Stops the timer, waiting for a running handler, and frees what waits, without a reply. Process
+ * context; nobody files requests any more. */
+void tarv_req_list_destroy() TA_EXCL(tarv_rl_lock);
+
+/* Stamps the request and puts it at the head of the list, which owns it then. Always tarv_stat_ok.
+ */
+tarv_stat_t tarv_add_arp_request(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock);
+
+/* Takes the request off the list; it is the caller's. Always tarv_stat_ok. */
+tarv_stat_t tarv_remove_arp_request(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock);
+
+/* The maker is done sending `entry`, which it filed with `maker` in it. True: the request is on the
+ * list, its static flag now clear, and waits, without its reply callback when `drop_reply` is set.
+ * False: it was taken meanwhile and must not be touched. */
+bool tarv_release_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker, bool drop_reply)
+    TA_EXCL(tarv_rl_lock);
+
+/* How many requests wait for the same address with the same number of paths, `entry` included when
+ * it is one of them. */
+int tarv_num_identical_reqs(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock);
+
+/* Takes every request for the address, busy or not, off the list and hands them over on
+ * `found_list` (made empty first), oldest first. tarv_stat_not_found when there was none. */
+tarv_stat_t tarv_find_and_move_arp_requests_to_list(u32 req_ip, list_head* found_list)
+    TA_EXCL(tarv_rl_lock);
+
+/* Every 1000 ticks: hands requests that have waited 1000 ticks (all of them when the module is
+ * halted) to tarv_retry_ib_data_request. Timer context, or the process that halts the module. */
+void tarv_req_timer_handler(unsigned long context) TA_EXCL(tarv_rl_lock);
+
+/* Prints the list to the console. */
+void tarv_req_list_dump() TA_EXCL(tarv_rl_lock);
+
+/* The SA requests: the same for `sa_requests`, where the differences are. */
+
+extern spinlock_t tarv_sa_rl_lock;
+extern tarv_list_t sa_requests TA_GUARDED(tarv_sa_rl_lock);
+extern timer_list tarv_sa_req_timer;
+
+tarv_stat_t tarv_sa_req_list_init() TA_EXCL(tarv_sa_rl_lock);
+
+/* Gives every waiting request its last word through tarv_retry_ib_data_request before it is freed.
+ */
+void tarv_sa_req_list_destroy() TA_EXCL(tarv_sa_rl_lock);
+
+tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
+tarv_stat_t tarv_sa_remove_request(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
+int tarv_sa_num_identical_reqs(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
+
+/* An SA answer came: stores its `path_count` records (at most 3) into the cache for every request
+ * that waits for the GID of the first and is not busy, and hands those requests over on
+ * `found_list` (made empty first), oldest first, whose cache entry now has all the paths that they
+ * want. The others go back to the list, with the time stamp they had. tarv_stat_not_found when none
+ * is handed over. */
+tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path, int path_count,
+                                                   u32 local_port_num, list_head* found_list)
+    TA_EXCL(tarv_sa_rl_lock);
+
+/* As for the ARP requests, with 3000 ticks. */
+void tarv_sa_req_timer_handler(unsigned long context) TA_EXCL(tarv_sa_rl_lock);
+
+void tarv_sa_req_list_dump() TA_EXCL(tarv_sa_rl_lock);

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The requests that wait for SA path records.
+#include "platform/memory.h"
+#include "tarv/tarv-arp-hash.h"
+#include "tarv/tarv-pending.h"
+#include "tarv/tarv-req-list.h"
+
+namespace {
+
+constexpr char tarv_unit[] = "tarv_sa_req_list";
+
+constexpr u32 sa_timeout = 3000;  // ticks
+
+bool nothing_waits() TA_NO_ANALYSIS {
+    return read_once(sa_requests.count) == 0;
+}
+
+/* Takes the newest request off the list; null when there is none. */
+tarv_list_entry_t* take_first() TA_EXCL(tarv_sa_rl_lock) {
+    const spin_guard guard(tarv_sa_rl_lock);
+    for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
+        pending_take(sa_requests, entry);
+        return entry;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+constinit spinlock_t tarv_sa_rl_lock = {};
+constinit tarv_list_t sa_requests = {};
+constinit timer_list tarv_sa_req_timer = {};
+
+tarv_stat_t tarv_sa_req_list_init() {
+    spin_lock_init(&tarv_sa_rl_lock, "tarv_sa_rl_lock");
+    tarv_list_t* list = nullptr;
+    {
+        const spin_guard guard(tarv_sa_rl_lock);
+        pending_clear(sa_requests);
+        list = &sa_requests;
+    }
+    pending_make_timer(&tarv_sa_req_timer, tarv_sa_req_timer_handler, list);
+    return tarv_stat_ok;
+}
+
+void tarv_sa_req_list_destroy() {
+    del_timing_sync(&tarv_sa_req_timer);
+    // A last word may be a re-issue, which comes onto this list too: it has one retry less left, so
+    // the walk ends.
+    while (tarv_list_entry_t* entry = take_first()) {
+        tarv_retry_ib_data_request(entry, nullptr);
+        kfree(entry);
+    }
+}
+
+tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) {
+    entry->not_valid = 0;
+    entry->timestamp = pending_stamp();
+    const spin_guard guard(tarv_sa_rl_lock);
+    TARV_LOG(TARV_DEBUG, "Added SA req: %p\n", static_cast<void*>(entry));
+    pending_push(sa_requests, entry);
+    return tarv_stat_ok;
+}
+
+tarv_stat_t tarv_sa_remove_request(tarv_list_entry_t* entry) {
+    const spin_guard guard(tarv_sa_rl_lock);
+    pending_take(sa_requests, entry);
+    return tarv_stat_ok;
+}
+
+int tarv_sa_num_identical_reqs(tarv_list_entry_t* entry) {
+    const spin_guard guard(tarv_sa_rl_lock);
+    return pending_count_identical(sa_requests, entry);
+}
+
+tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path, int path_count,
+                                                   u32, list_head* found_list) {
+    INIT_LIST_HEAD(found_list);
+    tarv_found_list found(*found_list);
+    {
+        const spin_guard guard(tarv_sa_rl_lock);
+        for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
+            if (!(entry->dgid == new_path[0].dgid) || tarv_get_request_static_flag(entry))
+                continue;
+            pending_take(sa_requests, entry);
+            found.push(entry);
+        }
+    }
+    for (tarv_list_entry_t* entry : found) {
+        const tarv_stat_t status = tarv_hash_update_paths(entry->req_ip, new_path, path_count,
+                                                          entry->requested_paths, nullptr);
+        if (status == tarv_stat_ok)
+            continue;
+        entry->not_valid = 1;
+        if (status != tarv_stat_not_found)
+            TARV_LOG(TARV_ERROR, "tarv_hash_update_paths() failed. returned %d\n", status);
+    }
+    {
+        const spin_guard guard(tarv_sa_rl_lock);
+        for (tarv_list_entry_t* entry : found) {
+            if (!entry->not_valid)
+                continue;
+            tarv_found_list::unlink(entry);
+            entry->not_valid = 0;
+            pending_push(sa_requests, entry);
+        }
+    }
+    return found.empty() ? tarv_stat_not_found : tarv_stat_ok;
+}
+
+void tarv_sa_req_timer_handler(unsigned long) {
+    if (!nothing_waits()) {
+        list_head timed_out_head;
+        INIT_LIST_HEAD(&timed_out_head);
+        tarv_found_list timed_out(timed_out_head);
+        {
+            const spin_guard guard(tarv_sa_rl_lock);
+            for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
+                const int busy = tarv_get_request_static_flag(entry);
+                TARV_LOG(TARV_FUNC, "Checking sa request entry: <0x%p>, static flag:%d\n",
+                         static_cast<void*>(entry), busy);
+                if (busy || !pending_is_due(entry, sa_timeout))
+                    continue;
+                TARV_LOG(TARV_FUNC, "\t\t-> timeouted!\n");
+                pending_take(sa_requests, entry);
+                timed_out.push(entry);
+            }
+        }
+        for (tarv_list_entry_t* entry : timed_out)
+            tarv_retry_ib_data_request(entry, nullptr);
+        while (tarv_list_entry_t* entry = timed_out.pop()) {
+            TARV_LOG(TARV_FUNC, "found entry : 0x%p\n", static_cast<void*>(entry));
+            kfree(entry);
+        }
+    }
+    if (!read_once(halted))
+        pending_start_timer(&tarv_sa_req_timer);
+}
+
+void tarv_sa_req_list_dump() {
+    const spin_guard guard(tarv_sa_rl_lock);
+    pending_dump(sa_requests, "sa");
+}
