@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Loading modules, and the names under which they find each other.
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+
+#include "host/internal.h"
+#include "host/services.h"
+#include "platform/module.h"
+
+struct module {
+    const module_info_t* info;
+};
+
+namespace host {
+namespace {
+
+struct Name {
+    std::string name;
+    const struct ::module* owner;
+    const void* data;
+};
+
+std::mutex names_mutex;
+std::vector<Name> names;
+std::vector<std::unique_ptr<struct ::module>> loaded;
+
+auto find_name(const std::string& name) {
+    return std::ranges::find(names, name, &Name::name);
+}
+
+void forget_all() {
+    const std::lock_guard guard(names_mutex);
+    names.clear();
+    loaded.clear();
+}
+
+void report_names(std::vector<std::string>& lines) {
+    for (const std::string& name : inter_module_names())
+        lines.push_back("module: the name " + name + " is registered");
+}
+
+[[noreturn]] void refuse(const std::string& parameter, const char* why) {
+    throw std::invalid_argument("module parameter \"" + parameter + "\": " + why);
+}
+
+unsigned long read_variable(const module_param_t& param) {
+    return param.type == module_param_byte ? *static_cast<u8*>(param.variable)
+                                           : *static_cast<unsigned long*>(param.variable);
+}
+
+void write_variable(const module_param_t& param, unsigned long value) {
+    if (param.type == module_param_byte)
+        *static_cast<u8*>(param.variable) = static_cast<u8>(value);
+    else
+        *static_cast<unsigned long*>(param.variable) = value;
+}
+
+const module_param_t& find_param(const module_info_t& info, const std::string& parameter) {
+    const std::string name = parameter.substr(0, parameter.find('='));
+    for (u32 i = 0; i < info.param_count; ++i)
+        if (name == info.params[i].name)
+            return info.params[i];
+    refuse(parameter, "the module has none of that name");
+}
+
+unsigned long parse_value(const module_param_t& param, const std::string& parameter) {
+    const std::size_t equals = parameter.find('=');
+    if (equals == std::string::npos || equals + 1 == parameter.size())
+        refuse(parameter, "it has no value");
+    const char* const text = parameter.c_str() + equals + 1;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(text, &end, 0);
+    if (*text < '0' || *text > '9' || *end != '\0')
+        refuse(parameter, "the value is no number");
+    if (errno == ERANGE ||
+        (param.type == module_param_byte && value > std::numeric_limits<u8>::max()))
+        refuse(parameter, "the value is out of range");
+    return value;
+}
+
+/* A module that is loaded afresh has its variables as they were built, also where its storage is
+ * that of an earlier load. */
+void restore_defaults(const module_info_t& info) {
+    static std::map<const void*, unsigned long> defaults;
+    for (u32 i = 0; i < info.param_count; ++i) {
+        const module_param_t& param = info.params[i];
+        write_variable(param,
+                       defaults.try_emplace(param.variable, read_variable(param)).first->second);
+    }
+}
+
+void apply_parameters(const module_info_t& info, const std::vector<std::string>& parameters) {
+    std::vector<std::pair<const module_param_t*, unsigned long>> values;
+    for (const std::string& parameter : parameters) {
+        const module_param_t& param = find_param(info, parameter);
+        values.emplace_back(&param, parse_value(param, parameter));
+    }
+    restore_defaults(info);
+    for (const auto& [param, value] : values)
+        write_variable(*param, value);
+}
+
+auto find_loaded(const module_info_t& info) {
+    return std::ranges::find(loaded, &info, [](const auto& one) { return one->info; });
+}
+
+}  // namespace
+
+const Service module_service = {forget_all, forget_all, report_names};
+
+const void* inter_module_get(const std::string& name) {
+    enter("inter_module_get");
+    const std::lock_guard guard(names_mutex);
+    const auto found = find_name(name);
+    return found == names.end() ? nullptr : found->data;
+}
+
+std::vector<std::string> inter_module_names() {
+    const std::lock_guard guard(names_mutex);
+    std::vector<std::string> result;
+    for (const Name& name : names)
+        result.push_back(name.name);
+    return result;
+}
+
+int load_module(const module_info_t& info, const std::vector<std::string>& parameters) {
+    enter("load_module");
+    must_sleep("load_module");
+    if (find_loaded(info) != loaded.end())
+        die("load_module: %s is loaded already", info.name);
+    apply_parameters(info, parameters);
+    loaded.push_back(std::make_unique<struct ::module>(&info));
+    const ContextScope scope(Context::process);
+    const int result = info.init();
+    must_return_lock_free("the init function of", reinterpret_cast<const void*>(info.init));
+    if (result != 0)
+        loaded.erase(find_loaded(info));
+    return result;
+}
+
+void unload_module(const module_info_t& info) {
+    enter("unload_module");
+    must_sleep("unload_module");
+    if (find_loaded(info) == loaded.end())
+        die("unload_module: %s is not loaded", info.name);
+    const ContextScope scope(Context::process);
+    info.exit();
+    must_return_lock_free("the exit function of", reinterpret_cast<const void*>(info.exit));
+    loaded.erase(find_loaded(info));
+}
+
+}  // namespace host
+
+struct module* this_module() {
+    host::enter("this_module");
+    return host::loaded.empty() ? nullptr : host::loaded.back().get();
+}
+
+void inter_module_register(const char* name, struct module* owner, const void* userdata) {
+    host::enter("inter_module_register");
+    host::must_sleep("inter_module_register");
+    const std::lock_guard guard(host::names_mutex);
+    if (host::find_name(name) != host::names.end())
+        host::die("inter_module_register: the name %s is taken", name);
+    host::names.push_back({name, owner, userdata});
+}
+
+void inter_module_unregister(const char* name) {
+    host::enter("inter_module_unregister");
+    host::must_sleep("inter_module_unregister");
+    const std::lock_guard guard(host::names_mutex);
+    const auto found = host::find_name(name);
+    if (found == host::names.end())
+        host::die("inter_module_unregister: nobody registered the name %s", name);
+    host::names.erase(found);
+}
