@@ -69,6 +69,9 @@ void must_return_lock_free(const char* what, const void* function);
 /// "SYMBOL+0x12" or "PROGRAM+0x1234" where the loader knows the address, else the address.
 std::string describe_address(const void* address);
 
+/// A timer that is armed, or whose function another thread runs, in these bytes; or null.
+const timer_list* active_timer_within(const void* memory, std::size_t size);
+
 /// A service's part in the life of a Kernel. begin() starts from nothing, end() gives back what is
 /// still there, remains() appends what a finished module should not have left.
 struct Service {

@@ -76,6 +76,7 @@ Clock Kernel::clock() const {
 }
 
 unsigned long Kernel::jiffies() const {
+    enter("Kernel::jiffies");
     return impl_->executor->now();
 }
 

@@ -13,7 +13,6 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "host/executor.h"
 #include "host/faults.h"
 #include "host/internal.h"
 #include "host/services.h"
@@ -103,8 +102,8 @@ void* allocate(std::size_t size, const void* caller) {
 
 void release(void* memory) {
     const Block block = shard_of(memory).take(memory);
-    if (const timer_list* timer = executor().timer_within(memory, block.size))
-        die("kfree: the memory at %p holds the timer at %p, which is armed", memory,
+    if (const timer_list* timer = active_timer_within(memory, block.size))
+        die("kfree: the memory at %p holds the timer at %p, which is armed or running", memory,
             static_cast<const void*>(timer));
     live_blocks.fetch_sub(1, std::memory_order_relaxed);
     live_bytes.fetch_sub(block.size, std::memory_order_relaxed);

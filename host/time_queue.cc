@@ -75,9 +75,11 @@ std::vector<ArmedTimer> TimeQueue::armed_timers() const {
     return result;
 }
 
+// What the dropped work owns may queue something when it goes.
 void TimeQueue::clear() {
-    entries_.clear();
     armed_.clear();
+    while (!entries_.empty())
+        pop();
 }
 
 void run_entry(TimeQueue::Entry& entry) {

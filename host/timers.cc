@@ -22,6 +22,25 @@ void usable(const timer_list* timer, const char* call) {
         die("%s: the timer at %p was never initialised", call, static_cast<const void*>(timer));
 }
 
+/* Between these lies every timer that was ever armed. Nearly all memory that is freed lies outside,
+ * and is told so without asking the executor. */
+std::atomic<std::uintptr_t> lowest_timer, highest_timer;
+
+void begin_timers() {
+    lowest_timer = ~std::uintptr_t{0};
+    highest_timer = 0;
+}
+
+void note_armed(const timer_list* timer) {
+    const auto address = reinterpret_cast<std::uintptr_t>(timer);
+    auto low = lowest_timer.load();
+    while (address < low && !lowest_timer.compare_exchange_weak(low, address)) {
+    }
+    auto high = highest_timer.load();
+    while (address > high && !highest_timer.compare_exchange_weak(high, address)) {
+    }
+}
+
 void report_armed(std::vector<std::string>& lines) {
     for (const ArmedTimer& armed : executor().armed_timers()) {
         char text[64];
@@ -33,7 +52,15 @@ void report_armed(std::vector<std::string>& lines) {
 
 }  // namespace
 
-const Service timer_service = {[] {}, [] {}, report_armed};
+const Service timer_service = {begin_timers, begin_timers, report_armed};
+
+const timer_list* active_timer_within(const void* memory, std::size_t size) {
+    const auto begin = reinterpret_cast<std::uintptr_t>(memory);
+    if (begin > highest_timer.load(std::memory_order_relaxed) ||
+        begin + size <= lowest_timer.load(std::memory_order_relaxed))
+        return nullptr;
+    return executor().timer_within(memory, size);
+}
 
 }  // namespace host
 
@@ -49,6 +76,7 @@ void add_timing(timer_list* timer) {
     host::usable(timer, "add_timing");
     if (!timer->function)
         host::die("add_timing: the timer at %p has no function", static_cast<const void*>(timer));
+    host::note_armed(timer);
     host::executor().add_timer(timer);
 }
 
