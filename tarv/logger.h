@@ -50,3 +50,8 @@ inline bool tarv_log_enabled(tarv_log_level_t level) {
 
 /* The four bytes of an IPv4 address in memory order, as arguments for a format. */
 #define TARV_IP_BYTES(ip) ((ip)&0xFF), ((ip) >> 8 & 0xFF), ((ip) >> 16 & 0xFF), ((ip) >> 24 & 0xFF)
+
+/* Binds the trace level to "debug-level" under "quorvane/modules/tarv/" in the repository; it is 0
+ * where that cannot be read. Ends the binding. Process context, at load and unload. */
+void tarv_log_bind();
+void tarv_log_unbind();

@@ -9,7 +9,7 @@
  * data. */
 template <class T>
 class kptr {
-    static_assert(__is_trivially_copyable(T) && __is_aggregate(T));
+    static_assert(__is_trivially_copyable(T));
 
   public:
     /* Allocates. Context: as `flags` says. */

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "tarv/qversion.h"
+
+#include "platform/memory.h"
+#include "platform/string.h"
+#include "tarv/tarv-ptr.h"
+
+namespace {
+
+constexpr char compiler[] = "(3.4)";
+constexpr char kernel[] = "(2.6.9-34.ELsmp)";
+constexpr char build_date[] = "(Mar 19 2006)";
+constexpr char build_time[] = "07:54:49";
+
+bool is_blank(const char* text) {
+    if (!text)
+        return true;
+    while (kisspace(static_cast<u8>(*text)))
+        text++;
+    return *text == '\0';
+}
+
+const char* text_or(const char* text, const char* fallback) {
+    return is_blank(text) ? fallback : text;
+}
+
+const char* find(const char* text, char wanted) {
+    while (*text && *text != wanted)
+        text++;
+    return *text ? text : nullptr;
+}
+
+/* The value of a source-control keyword: what stands between ':' and '$', blanks trimmed. */
+template <size_t Size>
+struct keyword_value {
+    char text[Size] = {};
+
+    /* False when `keyword` does not have that shape. */
+    bool take(const char* keyword) {
+        const char* from = find(keyword, ':');
+        const char* to = from ? find(from, '$') : nullptr;
+        if (!to)
+            return false;
+        size_t length = 0;
+        for (from++; from < to && length < Size - 1; from++)
+            text[length++] = *from;
+        trim(length);
+        return true;
+    }
+
+  private:
+    void trim(size_t length) {
+        size_t begin = 0;
+        while (begin < length && kisspace(static_cast<u8>(text[begin])))
+            begin++;
+        while (length > begin && kisspace(static_cast<u8>(text[length - 1])))
+            length--;
+        for (size_t i = begin; i < length; i++)
+            text[i - begin] = text[i];
+        text[length - begin] = '\0';
+    }
+};
+
+/* A formatted text in memory of its own; null when there is none. The caller's to kfree. */
+template <class... Args>
+char* format_text(const char* format, Args... args) {
+    const size_t size = static_cast<size_t>(ksnprintf(nullptr, 0, format, args...)) + 1;
+    char* text = static_cast<char*>(kmalloc(size, GFP_KERNEL));
+    if (text)
+        ksnprintf(text, size, format, args...);
+    return text;
+}
+
+char* make_banner(const char* name, const char* version, const char* tag) {
+    keyword_value<30> tag_value;
+    const char* tag_field = "NoTag";
+    if (tag_value.take(text_or(tag, "NoTag")) && tag_value.text[0])
+        tag_field = tag_value.text;
+
+    keyword_value<10> version_value;
+    const char* version_field = text_or(version, "0");
+    if (version_value.take(version_field))
+        version_field = version_value.text[0] ? version_value.text : "0";
+
+    return format_text("%s %s %s %s %s %s %s\n", text_or(name, "Unknown"), version_field, tag_field,
+                       text_or(compiler, "(Unknown Compiler)"), text_or(kernel, "(Unknown Kernel)"),
+                       build_date, build_time);
+}
+
+bool create_file(const char* path) {
+    proc_dir_entry* entry = create_proc_entry(path, 0, nullptr);
+    if (!entry)
+        return false;
+    entry->data = nullptr;
+    entry->owner = this_module();
+    entry->read_proc = version_read_proc;
+    return true;
+}
+
+bool create_directories(const char* name) {
+    const kptr<char> path(format_text("quorvane/%s", name));
+    if (!path)
+        return false;
+    if (proc_mkdir(path.get(), nullptr))
+        return true;
+    proc_mkdir("quorvane", nullptr);
+    return proc_mkdir(path.get(), nullptr);
+}
+
+}  // namespace
+
+constinit char* module_banner = nullptr;
+
+int module_version_init(const char* name, const char* version, const char* tag) {
+    module_banner = make_banner(name, version, tag);
+    if (!module_banner)
+        return -1;
+    const kptr<char> path(format_text("quorvane/%s/version", name));
+    if (path && (create_file(path.get()) || (create_directories(name) && create_file(path.get()))))
+        return 0;
+    kfree(module_banner);
+    module_banner = nullptr;
+    return -1;
+}
+
+int module_version_exit(const char* name) {
+    if (!name)
+        return -1;
+    const kptr<char> path(format_text("quorvane/%s/version", name));
+    if (!path)
+        return -1;
+    // Whoever still reads the line is done with it when this returns.
+    remove_proc_entry(path.get(), nullptr);
+    kfree(module_banner);
+    module_banner = nullptr;
+    return 0;
+}
+
+int version_read_proc(char* page, char** start, off_t off, int count, int* eof, void*) {
+    const long length = ksnprintf(page, PAGE_SIZE, "%s", module_banner ? module_banner : "Error\n");
+    if (length <= off + count)
+        *eof = 1;
+    *start = page + off;
+    const long left = length - off;
+    if (left < 0)
+        return 0;
+    return left < count ? static_cast<int>(left) : count;
+}
