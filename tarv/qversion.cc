@@ -30,36 +30,31 @@ const char* find(const char* text, char wanted) {
     return *text ? text : nullptr;
 }
 
-/* The value of a source-control keyword: what stands between ':' and '$', blanks trimmed. */
-template <size_t Size>
-struct keyword_value {
-    char text[Size] = {};
+/* Cuts the blanks off both ends of the `length` characters at `text`. */
+void trim(char* text, size_t length) {
+    size_t begin = 0;
+    while (begin < length && kisspace(static_cast<u8>(text[begin])))
+        begin++;
+    while (length > begin && kisspace(static_cast<u8>(text[length - 1])))
+        length--;
+    for (size_t i = begin; i < length; i++)
+        text[i - begin] = text[i];
+    text[length - begin] = '\0';
+}
 
-    /* False when `keyword` does not have that shape. */
-    bool take(const char* keyword) {
-        const char* from = find(keyword, ':');
-        const char* to = from ? find(from, '$') : nullptr;
-        if (!to)
-            return false;
-        size_t length = 0;
-        for (from++; from < to && length < Size - 1; from++)
-            text[length++] = *from;
-        trim(length);
-        return true;
-    }
-
-  private:
-    void trim(size_t length) {
-        size_t begin = 0;
-        while (begin < length && kisspace(static_cast<u8>(text[begin])))
-            begin++;
-        while (length > begin && kisspace(static_cast<u8>(text[length - 1])))
-            length--;
-        for (size_t i = begin; i < length; i++)
-            text[i - begin] = text[i];
-        text[length - begin] = '\0';
-    }
-};
+/* The value of a source-control keyword, which stands between ':' and '$': at most `size` - 1
+ * characters of it, blanks trimmed. False when `keyword` does not have that shape. */
+bool take_keyword_value(const char* keyword, char* value, size_t size) {
+    const char* from = find(keyword, ':');
+    const char* to = from ? find(from, '$') : nullptr;
+    if (!to)
+        return false;
+    size_t length = 0;
+    for (from++; from < to && length < size - 1; from++)
+        value[length++] = *from;
+    trim(value, length);
+    return true;
+}
 
 /* A formatted text in memory of its own; null when there is none. The caller's to kfree. */
 template <class... Args>
@@ -72,15 +67,15 @@ char* format_text(const char* format, Args... args) {
 }
 
 char* make_banner(const char* name, const char* version, const char* tag) {
-    keyword_value<30> tag_value;
-    const char* tag_field = "NoTag";
-    if (tag_value.take(text_or(tag, "NoTag")) && tag_value.text[0])
-        tag_field = tag_value.text;
+    char tag_value[30];
+    const bool has_tag =
+        take_keyword_value(text_or(tag, ""), tag_value, sizeof tag_value) && tag_value[0];
+    const char* tag_field = has_tag ? tag_value : "NoTag";
 
-    keyword_value<10> version_value;
+    char version_value[10];
     const char* version_field = text_or(version, "0");
-    if (version_value.take(version_field))
-        version_field = version_value.text[0] ? version_value.text : "0";
+    if (take_keyword_value(version_field, version_value, sizeof version_value))
+        version_field = version_value[0] ? version_value : "0";
 
     return format_text("%s %s %s %s %s %s %s\n", text_or(name, "Unknown"), version_field, tag_field,
                        text_or(compiler, "(Unknown Compiler)"), text_or(kernel, "(Unknown Kernel)"),
