@@ -21,7 +21,7 @@ constexpr int first_gid_component = 20;
  * has room for two: the port that it is sent on, and the lowest other one. */
 int collect_source_gids(u32 port_num, gx_gid_t* gids) {
     const int port_count = read_once(tarv_sa_g.port_count);
-    const bool sender_counts = port_num >= 1 && static_cast<int>(port_num) <= port_count &&
+    const bool sender_counts = port_num >= 1 && port_num <= static_cast<u32>(port_count) &&
                                read_once(tarv_sa_g.ports[port_num - 1].is_valid);
     int others = sender_counts ? SA_MAX_SGIDS - 1 : SA_MAX_SGIDS;
     int count = 0;
