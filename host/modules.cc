@@ -15,19 +15,20 @@
 struct module {
     const module_info_t* info;
 };
+using LoadedModule = struct module;
 
 namespace host {
 namespace {
 
 struct Name {
     std::string name;
-    const struct ::module* owner;
+    const LoadedModule* owner;
     const void* data;
 };
 
 std::mutex names_mutex;
 std::vector<Name> names;
-std::vector<std::unique_ptr<struct ::module>> loaded;
+std::vector<std::unique_ptr<LoadedModule>> loaded;
 
 auto find_name(const std::string& name) {
     return std::ranges::find(names, name, &Name::name);
@@ -135,7 +136,7 @@ int load_module(const module_info_t& info, const std::vector<std::string>& param
     if (find_loaded(info) != loaded.end())
         die("load_module: %s is loaded already", info.name);
     apply_parameters(info, parameters);
-    loaded.push_back(std::make_unique<struct ::module>(&info));
+    loaded.push_back(std::make_unique<LoadedModule>(LoadedModule{&info}));
     const ContextScope scope(Context::process);
     const int result = info.init();
     must_return_lock_free("the init function of", reinterpret_cast<const void*>(info.init));

@@ -151,7 +151,7 @@ int rep_open_key(rep_key_t parent, const char* path, u32, rep_key_t* key) {
     const std::string whole = parent->path + path;
     if (!keys.contains(whole))
         return not_found;
-    open_keys.push_back(std::make_unique<rep_key>(whole));
+    open_keys.push_back(std::make_unique<rep_key>(rep_key{whole}));
     *key = open_keys.back().get();
     return 0;
 }
