@@ -45,10 +45,17 @@ std::vector<Host> name_hosts(const Topology& topology) {
     return hosts;
 }
 
-/// Addresses that no host can have: this network, loopback, multicast and what lies above.
+/// Lines that stand in every machine's /etc/hosts and speak of no host of the fabric: loopback, and
+/// IPv6, of which the address resolution knows nothing.
+bool is_of_no_concern(const std::string& address) {
+    const std::optional<std::uint32_t> ip = parse_ip(address);
+    return ip ? ntohl(*ip) >> 24 == 127 : address.find(':') != std::string::npos;
+}
+
+/// Addresses that no host can have: this network, multicast and what lies above.
 bool is_host_ip(std::uint32_t ip) {
     const std::uint32_t first = ntohl(ip) >> 24;
-    return first != 0 && first != 127 && first < 224;
+    return first != 0 && first < 224;
 }
 
 /// Reads one list into the hosts of one topology.
@@ -79,7 +86,7 @@ class HostList {
     void read_line(const std::string& text) {
         std::istringstream words(text);
         std::string address;
-        if (!(words >> address))
+        if (!(words >> address) || is_of_no_concern(address))
             return;
         const std::optional<std::uint32_t> ip = parse_ip(address);
         if (!ip)

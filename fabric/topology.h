@@ -119,7 +119,8 @@ std::vector<Host> deal_addresses(const Topology& topology);
 /// names; '#' comments). One of a line's names has to be a host's name or its node's id; the others
 /// may be anything that is not another host's. Throws InputError for an address or a line that is
 /// not understood, an address given twice, a name that no host of the fabric has, a host given two
-/// addresses. Hosts that the list does not name are left out.
+/// addresses. Hosts that the list does not name are left out; loopback and IPv6 lines are passed
+/// over.
 std::vector<Host> read_hosts(std::istream& in, const std::string& file, const Topology& topology);
 std::vector<Host> read_hosts(const std::string& path, const Topology& topology);
 
