@@ -16,8 +16,9 @@ namespace {
 
 using Report = std::function<void(std::vector<std::string>&)>;
 
-constexpr std::array services = {&fault_service, &console_service, &memory_service, &timer_service,
-                                 &module_service};
+constexpr std::array services = {&fault_service,     &console_service, &memory_service,
+                                 &timer_service,     &proc_service,    &module_service,
+                                 &repository_service};
 
 Kernel* the_kernel = nullptr;
 Executor* the_executor = nullptr;
