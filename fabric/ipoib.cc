@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "fabric/ipoib.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "fabric/fabric.h"
+#include "host/check.h"
+#include "host/faults.h"
+#include "host/services.h"
+#include "platform/jiffies.h"
+
+namespace fabric {
+namespace {
+
+constexpr std::size_t requests_kept = 16384;
+constexpr u32 learned = TARV_MASK_SRC_IP | TARV_MASK_DST_IP | TARV_MASK_GID | TARV_MASK_QPN |
+                        TARV_MASK_LID | TARV_MASK_QKEY | TARV_MASK_CAP_FLG | TARV_MASK_LOCAL_PORT;
+
+/* A function that the module registered for others, or null. */
+template <class Function>
+Function* module_function(const char* name) {
+    const void* address = host::inter_module_get(name);
+    return reinterpret_cast<Function*>(const_cast<void*>(address));
+}
+
+tarv_stat_t send_arp_data(tarv_arp_data_t* record, void* context, int media_reset) {
+    host::must_hold_no_lock("send_arp_data_fn");
+    return static_cast<Ipoib*>(context)->send_request(*record, media_reset);
+}
+
+/* The module gives no context here: the query is about the host, which has one driver. */
+tarv_stat_t get_if_info(u32 ip, gx_p_key_t* pkey, u32* unused, int* scratch, int* loopback) {
+    host::must_hold_no_lock("get_if_info_fn");
+    if (unused != nullptr)
+        *unused = 0;
+    if (scratch != nullptr)
+        *scratch = 0;
+    return Fabric::current().ipoib().interface_info(ip, pkey, loopback);
+}
+
+tarv_arp_data_t make_record(const ArpPacket& arp, const Packet& packet, int port) {
+    tarv_arp_data_t record{};
+    record.mask = learned;
+    record.arp_operation = arp.operation;
+    record.src_ip = arp.sender_ip;
+    record.dst_ip = arp.target_ip;
+    record.gid = held(arp.sender_gid);
+    record.qpn = arp.sender_qpn;
+    record.cap_flg = arp.sender_flags;
+    record.lid = packet.slid;
+    record.qkey = packet.qkey;
+    record.local_port_num = static_cast<u32>(port);
+    return record;
+}
+
+bool is_ipoib_arp(const ArpPacket& arp) {
+    ArpPacket proper;
+    return arp.ether_type == proper.ether_type && arp.hardware_type == proper.hardware_type &&
+           arp.protocol_type == proper.protocol_type && arp.hardware_size == proper.hardware_size &&
+           arp.protocol_size == proper.protocol_size;
+}
+
+}  // namespace
+
+Ipoib::Ipoib(Subnet& subnet, Network& network, Adapter& adapter, std::uint32_t ip,
+             std::uint32_t qpn, std::uint32_t prefix_mask)
+    : subnet_(subnet),
+      network_(network),
+      adapter_(adapter),
+      qpn_(qpn),
+      addresses_{ip},
+      mask_(prefix_mask) {
+    choose_port();
+}
+
+tarv_stat_t Ipoib::attach() {
+    auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
+    if (attach_fn == nullptr)
+        return tarv_stat_error;
+    void* handle = nullptr;
+    tarv_stat_t status = attach_fn(get_if_info, send_arp_data, this, &handle);
+    if (status != tarv_stat_ok)
+        return status;
+    MutexLock lock(mutex_);
+    attached_ = true;
+    handle_ = handle;
+    return status;
+}
+
+tarv_stat_t Ipoib::detach() {
+    void* handle;
+    {
+        MutexLock lock(mutex_);
+        attached_ = false;
+        handle = handle_;
+        while (intakes_ > 0)
+            idle_.wait(mutex_);
+    }
+    auto* detach_fn = module_function<tarv_detach_fn_t>("tarv_detach_fn");
+    return detach_fn == nullptr ? tarv_stat_error : detach_fn(handle);
+}
+
+bool Ipoib::attached() const {
+    MutexLock lock(mutex_);
+    return attached_;
+}
+
+int Ipoib::port() const {
+    MutexLock lock(mutex_);
+    return port_;
+}
+
+Station Ipoib::station() const {
+    MutexLock lock(mutex_);
+    Station station{addresses_.front(), {adapter_.node(), port_}, 0, {}, qpn_, flags_};
+    if (std::optional<EndPort> end = subnet_.at(station.at); end && port_ != 0) {
+        station.lid = end->lid;
+        station.gid = end->gid;
+    }
+    return station;
+}
+
+void Ipoib::choose_port() {
+    int chosen = 0;
+    for (int number = adapter_.ports(); number >= 1; number--) {
+        if (adapter_.port(number).up)
+            chosen = number;
+    }
+    MutexLock lock(mutex_);
+    port_ = chosen;
+}
+
+void Ipoib::set_pkey(std::uint16_t pkey) {
+    MutexLock lock(mutex_);
+    pkey_ = pkey;
+}
+
+std::uint16_t Ipoib::pkey() const {
+    MutexLock lock(mutex_);
+    return pkey_;
+}
+
+void Ipoib::set_flags(std::uint8_t flags) {
+    MutexLock lock(mutex_);
+    flags_ = flags;
+}
+
+void Ipoib::add_address(std::uint32_t ip) {
+    MutexLock lock(mutex_);
+    addresses_.push_back(ip);
+}
+
+void Ipoib::set_mask(std::uint32_t mask) {
+    MutexLock lock(mutex_);
+    mask_ = mask;
+}
+
+std::size_t Ipoib::media_resets() const {
+    MutexLock lock(mutex_);
+    return media_resets_;
+}
+
+std::size_t Ipoib::requests_sent() const {
+    MutexLock lock(mutex_);
+    return sent_;
+}
+
+std::vector<SentRequest> Ipoib::requests() const {
+    MutexLock lock(mutex_);
+    return {requests_.begin(), requests_.end()};
+}
+
+void Ipoib::forget_requests() {
+    MutexLock lock(mutex_);
+    requests_.clear();
+}
+
+bool Ipoib::is_ours(std::uint32_t ip) const {
+    return std::find(addresses_.begin(), addresses_.end(), ip) != addresses_.end();
+}
+
+tarv_stat_t Ipoib::interface_info(std::uint32_t ip, gx_p_key_t* pkey, int* loopback) const {
+    if (host::fails_now("get_if_info"))
+        return tarv_stat_error;
+    MutexLock lock(mutex_);
+    bool ours = is_ours(ip);
+    if (!ours && ((ip ^ addresses_.front()) & mask_) != 0)
+        return tarv_stat_not_found;
+    *pkey = pkey_;
+    *loopback = ours ? 1 : 0;
+    return tarv_stat_ok;
+}
+
+tarv_stat_t Ipoib::send_request(const tarv_arp_data_t& record, int media_reset) {
+    {
+        MutexLock lock(mutex_);
+        sent_++;
+        media_resets_ += media_reset != 0 ? 1 : 0;
+        requests_.push_back({jiffies(), record.dst_ip, media_reset, record});
+        if (requests_.size() > requests_kept)
+            requests_.pop_front();
+    }
+    if (host::fails_now("send_arp"))
+        return tarv_stat_error;
+    int before = port();
+    if (media_reset != 0 || before == 0 || !adapter_.port(before).up)
+        choose_port();
+    Station from = station();
+    if (from.at.port == 0)
+        return tarv_stat_error;
+    from.ip = record.src_ip;
+    network_.send(from.at.port, make_arp(from, arp_request, record.dst_ip, pkey(), nullptr));
+    return tarv_stat_ok;
+}
+
+/* Whether a packet about that address goes to the module; then it is counted until it is there. */
+bool Ipoib::begin_intake(std::uint32_t target_ip) {
+    MutexLock lock(mutex_);
+    if (!attached_ || !is_ours(target_ip))
+        return false;
+    intakes_++;
+    return true;
+}
+
+void Ipoib::receive(int port, const Packet& packet) {
+    std::optional<ArpPacket> arp = decode<ArpPacket>(packet.payload);
+    if (!arp || !is_ipoib_arp(*arp) || (packet.dest_qp != qpn_ && packet.dest_qp != multicast_qp) ||
+        !begin_intake(arp->target_ip))
+        return;
+    tarv_arp_data_t record = make_record(*arp, packet, port);
+    if (auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn"))
+        process(&record);
+    if (arp->operation == arp_request)
+        answer(*arp, packet, port);
+    MutexLock lock(mutex_);
+    intakes_--;
+    idle_.notify_all();
+}
+
+/* The peer that asks for us is told where we are. */
+void Ipoib::answer(const ArpPacket& arp, const Packet& packet, int port) {
+    Station us = station();
+    us.ip = arp.target_ip;
+    Station peer{arp.sender_ip, {}, packet.slid, arp.sender_gid, arp.sender_qpn, arp.sender_flags};
+    network_.send(port, make_arp(us, arp_reply, peer.ip, packet.pkey, &peer));
+}
+
+}  // namespace fabric

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Our host's IPoIB driver: the one that the module has ARP requests sent through, and that hands
+// ARP packets to it.
+//
+// Life cycle: attach() finds the module by the names that it registered and gives it the driver's
+// functions; detach() waits until no packet is being handed over, then takes them back. Packets
+// that arrive meanwhile or later are dropped, and so are packets for addresses that are not ours.
+//
+// The driver has one interface, with our host's address, on the first port that is up. It chooses
+// anew when it has to send and its port is down, and when the module asks for a media reset.
+// The calls "send_arp" and "get_if_info" can be made to fail (host/faults.h).
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "fabric/adapter.h"
+#include "fabric/mutex.h"
+#include "fabric/network.h"
+#include "fabric/peers.h"
+#include "tarv/tarv.h"
+
+namespace fabric {
+
+/// An ARP request that the module had sent.
+struct SentRequest {
+    unsigned long jiffies;
+    std::uint32_t target_ip;
+    int media_reset;
+    tarv_arp_data_t record;  ///< as the module gave it
+};
+
+class Ipoib {
+  public:
+    /// The interface's network is `network`/`prefix`, in network order.
+    Ipoib(Subnet& subnet, Network& network, Adapter& adapter, std::uint32_t ip, std::uint32_t qpn,
+          std::uint32_t prefix_mask);
+
+    /// The module's answer; tarv_stat_error also when no module is there.
+    tarv_stat_t attach();
+    tarv_stat_t detach();
+    bool attached() const;
+
+    /// The interface's port now; 0: no port is up.
+    int port() const;
+    Station station() const;
+
+    /// The interface's partition, for its packets and for whoever asks; 0xFFFF by default.
+    void set_pkey(std::uint16_t pkey);
+    std::uint16_t pkey() const;
+    void set_flags(std::uint8_t flags);
+    /// Further address of ours.
+    void add_address(std::uint32_t ip);
+    /// Mask of the network that the interface serves, in network order.
+    void set_mask(std::uint32_t mask);
+
+    std::size_t media_resets() const;   ///< asked for by the module so far
+    std::size_t requests_sent() const;  ///< by the module's order, lost ones included
+    /// The last of them (at most 16384), oldest first, and forgetting them.
+    std::vector<SentRequest> requests() const;
+    void forget_requests();
+
+    /// An IPoIB packet arrived at our port.
+    void receive(int port, const Packet& packet);
+
+    // What the module calls.
+    tarv_stat_t send_request(const tarv_arp_data_t& record, int media_reset);
+    tarv_stat_t interface_info(std::uint32_t ip, gx_p_key_t* pkey, int* loopback) const;
+
+  private:
+    bool is_ours(std::uint32_t ip) const TA_REQ(mutex_);
+    void choose_port();
+    bool begin_intake(std::uint32_t target_ip);
+    void answer(const ArpPacket& arp, const Packet& packet, int port);
+
+    Subnet& subnet_;
+    Network& network_;
+    Adapter& adapter_;
+    const std::uint32_t qpn_;
+    mutable Mutex mutex_;
+    std::condition_variable_any idle_;
+    std::vector<std::uint32_t> addresses_ TA_GUARDED(mutex_);
+    std::uint32_t mask_ TA_GUARDED(mutex_);
+    std::uint16_t pkey_ TA_GUARDED(mutex_) = 0xFFFF;
+    std::uint8_t flags_ TA_GUARDED(mutex_) = interface_flags;
+    int port_ TA_GUARDED(mutex_) = 0;
+    bool attached_ TA_GUARDED(mutex_) = false;
+    void* handle_ TA_GUARDED(mutex_) = nullptr;
+    int intakes_ TA_GUARDED(mutex_) = 0;  ///< packets being handed to the module
+    std::size_t media_resets_ TA_GUARDED(mutex_) = 0;
+    std::size_t sent_ TA_GUARDED(mutex_) = 0;
+    std::deque<SentRequest> requests_ TA_GUARDED(mutex_);
+};
+
+}  // namespace fabric

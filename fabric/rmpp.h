@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The reliable multi-packet protocol of SA answers: a block of data as numbered segments that are
+// acknowledged window by window. These two classes are its arithmetic; who sends what when is the
+// business of the SA and of the GSI service.
+//
+// Each segment is a MAD with all headers and a piece of the data; a MAD is as long as what it
+// holds. The first segment goes alone; its acknowledgement opens the window. A transfer of one
+// segment (FIRST and LAST at once) is not acknowledged: its requester repeats the whole question.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "fabric/wire.h"
+
+namespace fabric {
+
+/// The RMPP header of a MAD; empty when the MAD has none.
+std::optional<RmppHeader> rmpp_header(const Bytes& mad);
+
+class RmppSender {
+  public:
+    /// `headers` are a MAD's first 56 bytes with an empty RMPP header; each segment carries
+    /// `piece` bytes of the data, the last one the rest.
+    RmppSender(Bytes headers, Bytes data, std::size_t piece = sa_data_size);
+
+    std::uint32_t segments() const { return segments_; }
+    Bytes segment(std::uint32_t number) const;  ///< from 1
+
+    std::uint32_t acked() const { return acked_; }
+    std::uint32_t window_last() const { return window_last_; }
+    bool done() const { return acked_ == segments_; }
+
+    /// Takes in an acknowledgement of all segments up to `segment`. False when it is not for this
+    /// transfer as it stands.
+    bool acknowledge(std::uint32_t segment, std::uint32_t new_window_last);
+
+  private:
+    Bytes headers_;
+    Bytes data_;
+    std::size_t piece_;
+    std::uint32_t segments_;
+    std::uint32_t acked_ = 0;
+    std::uint32_t window_last_ = 1;
+};
+
+class RmppReceiver {
+  public:
+    static constexpr std::uint32_t window = 8;
+
+    /// Takes in a DATA segment. The acknowledgement to send, or empty.
+    std::optional<RmppHeader> take(const Bytes& mad, const RmppHeader& header);
+
+    bool complete() const { return complete_; }
+    /// Once complete: the SA header of the first segment and the data of all. Leaves none behind.
+    Bytes take_block() { return std::move(block_); }
+    /// The first segment.
+    const Bytes& first() const { return first_; }
+
+  private:
+    Bytes first_;
+    Bytes block_;
+    std::uint32_t received_ = 0;
+    std::uint32_t window_last_ = 1;
+    bool complete_ = false;
+};
+
+}  // namespace fabric

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Queries and the paths that answer them. How an answer travels, and how it is made wrong, is in
+// sa_answer.cc.
+#include "fabric/sa.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace fabric {
+namespace {
+
+// Components of a MultiPathRecord, as bits of the mask.
+constexpr std::uint64_t with_numb_path = 1 << 6;
+constexpr std::uint64_t with_pkey = 1 << 7;
+constexpr std::uint64_t with_sl = 1 << 9;
+constexpr std::uint64_t with_mtu_selector = 1 << 10;
+constexpr std::uint64_t with_mtu = 1 << 11;
+constexpr std::uint64_t with_rate_selector = 1 << 12;
+constexpr std::uint64_t with_rate = 1 << 13;
+constexpr std::uint64_t with_life_time_selector = 1 << 14;
+constexpr std::uint64_t with_life_time = 1 << 15;
+constexpr std::uint64_t gid_counts_current = 3 << 19;
+constexpr std::uint64_t gid_counts_original = 3 << 18;
+
+constexpr std::uint16_t bad_rmpp = 0x0200;
+constexpr std::uint16_t bad_gid = 0x0500;
+constexpr std::uint16_t missing_component = 0x0600;
+constexpr std::uint16_t unsupported = 0x000C;
+
+constexpr std::uint8_t packet_life_time = 18;  // 4.096 us * 2^18
+constexpr unsigned all_paths = 127;
+
+enum Selector : std::uint8_t { greater_than = 0, less_than = 1, exactly = 2, largest = 3 };
+
+/* Whether a path's value is one that the query accepts. */
+bool accepted(std::uint64_t components, std::uint64_t both, std::uint8_t selector,
+              std::uint8_t wanted, std::uint8_t value) {
+    if ((components & both) != both || selector == largest)
+        return true;
+    if (selector == greater_than)
+        return value > wanted;
+    return selector == less_than ? value < wanted : value == wanted;
+}
+
+bool is_whole_request(const RmppHeader& rmpp) {
+    constexpr std::uint8_t flags = rmpp_active | rmpp_first | rmpp_last;
+    return rmpp.version == 1 && rmpp.type == rmpp_data && (rmpp.flags & flags) == flags &&
+           rmpp.segment == 1;
+}
+
+std::vector<Gid> gids_at(std::span<const std::uint8_t> from, std::size_t count) {
+    std::vector<Gid> gids(count);
+    for (std::size_t i = 0; i < count; i++)
+        std::copy_n(from.begin() + static_cast<std::ptrdiff_t>(i * sizeof(Gid)), sizeof(Gid),
+                    gids[i].begin());
+    return gids;
+}
+
+}  // namespace
+
+Sa::Sa(Works& works, Subnet& subnet, Network& network)
+    : works_(works), subnet_(subnet), network_(network) {}
+
+void Sa::speak(SaDialect dialect) {
+    MutexLock lock(mutex_);
+    dialect_ = dialect;
+}
+
+void Sa::set_service_level(std::uint8_t sl) {
+    MutexLock lock(mutex_);
+    sl_ = sl;
+}
+
+unsigned long Sa::queries() const {
+    MutexLock lock(mutex_);
+    return queries_;
+}
+
+void Sa::receive(const Packet& packet) {
+    std::optional<MadHeader> header = decode<MadHeader>(packet.payload);
+    if (!header || header->management_class != sa_class || header->base_version != 1)
+        return;
+    std::optional<RmppHeader> rmpp = rmpp_header(packet.payload);
+    if (rmpp && rmpp->type != rmpp_data)
+        return acknowledged(packet, *header, *rmpp);
+    Query query;
+    Answer answer;
+    answer.header = *header;
+    answer.header.method |= 0x80;
+    answer.header.status = check(packet, *header, query);
+    answer.sa.attribute_offset = PathRecord::wire_size / 8;
+    answer.sa.component_mask = query.components;
+    if (answer.header.status == 0)
+        answer.header.status = resolve(query, answer.records);
+    {
+        MutexLock lock(mutex_);
+        queries_++;
+        if (dialect_ == SaDialect::current && header->attribute == attribute_multi_path_record)
+            answer.header.attribute = attribute_path_record;
+    }
+    apply_edits(answer);
+    send(packet, answer);
+}
+
+/* Takes the query apart. The status with which it is to be refused, or 0. */
+std::uint16_t Sa::check(const Packet& packet, const MadHeader& header, Query& query) const {
+    if (header.method != method_get_multi || header.attribute != attribute_multi_path_record ||
+        header.class_version != sa_class_version)
+        return unsupported;
+    std::optional<RmppHeader> rmpp = rmpp_header(packet.payload);
+    if (!rmpp || !is_whole_request(*rmpp))
+        return bad_rmpp;
+    std::span<const std::uint8_t> block = std::span(packet.payload).subspan(sa_offset);
+    std::optional<SaHeader> sa = decode<SaHeader>(block);
+    if (!sa || block.size() < sa_header_size + MultiPathRecord::wire_size)
+        return missing_component;
+    query.components = sa->component_mask;
+    query.record = *decode<MultiPathRecord>(block.subspan(sa_header_size));
+    std::uint64_t required;
+    {
+        MutexLock lock(mutex_);
+        required = dialect_ == SaDialect::current ? gid_counts_current : gid_counts_original;
+    }
+    if ((query.components & required) != required)
+        return missing_component;
+    std::span<const std::uint8_t> gids = block.subspan(sa_header_size + MultiPathRecord::wire_size);
+    std::size_t sources = query.record.sgid_count;
+    std::size_t all = sources + query.record.dgid_count;
+    if (sources == 0 || all == sources || all * sizeof(Gid) > gids.size())
+        return missing_component;
+    query.sgids = gids_at(gids, sources);
+    query.dgids = gids_at(gids.subspan(sources * sizeof(Gid)), all - sources);
+    return 0;
+}
+
+std::uint16_t Sa::resolve(const Query& query, Bytes& records) const {
+    std::vector<std::pair<EndPort, EndPort>> pairs;
+    for (const Gid& sgid : query.sgids) {
+        for (const Gid& dgid : query.dgids) {
+            std::optional<EndPort> from = subnet_.by_gid(sgid);
+            std::optional<EndPort> to = subnet_.by_gid(dgid);
+            if (!from || !to || !from->up || !to->up)
+                return bad_gid;
+            pairs.emplace_back(*from, *to);
+        }
+    }
+    unsigned room = (query.components & with_numb_path) != 0 ? query.record.numb_path : all_paths;
+    bool more = true;
+    for (unsigned number = 0; more && room > 0; number++) {
+        more = false;
+        for (const auto& [from, to] : pairs) {
+            std::optional<PathRecord> record = path(query, from, to, number);
+            if (!record || room == 0)
+                continue;
+            records.resize(records.size() + PathRecord::wire_size);
+            encode(*record, std::span(records).last(PathRecord::wire_size));
+            room--;
+            more = true;
+        }
+    }
+    return 0;
+}
+
+/* The `number`-th path (from 0) between two ports; empty when there is none that suits. */
+std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from, const EndPort& to,
+                                   unsigned number) const {
+    if (number >= 1u << std::max(from.lmc, to.lmc))
+        return std::nullopt;
+    std::optional<Way> way = subnet_.way(from.at, to.at);
+    std::optional<std::uint16_t> wanted;
+    if ((query.components & with_pkey) != 0)
+        wanted = query.record.pkey;
+    std::optional<std::uint16_t> pkey = subnet_.common_pkey(from.at, to.at, wanted);
+    if (!way || !pkey)
+        return std::nullopt;
+    PathRecord record;
+    record.dgid = to.gid;
+    record.sgid = from.gid;
+    record.dlid = static_cast<std::uint16_t>(to.lid + number % (1u << to.lmc));
+    record.slid = static_cast<std::uint16_t>(from.lid + number % (1u << from.lmc));
+    record.reversible = 1;
+    record.numb_path = 1;
+    record.pkey = *pkey;
+    record.mtu_selector = record.rate_selector = record.life_time_selector = exactly;
+    record.mtu = way->mtu;
+    record.rate = way->rate;
+    record.life_time = way->hops == 0 ? std::uint8_t{0} : packet_life_time;
+    record.preference = static_cast<std::uint8_t>(number);
+    {
+        MutexLock lock(mutex_);
+        record.sl = sl_;
+    }
+    const MultiPathRecord& ask = query.record;
+    std::uint64_t given = query.components;
+    bool suits =
+        accepted(given, with_mtu_selector | with_mtu, ask.mtu_selector, ask.mtu, record.mtu) &&
+        accepted(given, with_rate_selector | with_rate, ask.rate_selector, ask.rate, record.rate) &&
+        accepted(given, with_life_time_selector | with_life_time, ask.life_time_selector,
+                 ask.life_time, record.life_time) &&
+        accepted(given, with_sl, exactly, ask.sl, record.sl);
+    return suits ? std::optional(record) : std::nullopt;
+}
+
+}  // namespace fabric

@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The subnet as its manager knows it: every end port with its GID, LIDs, state and partition keys,
+// found by place, by LID and by GID at the same cost at any size.
+//
+// End ports are the ports of adapters and routers and the management port (0) of switches. The
+// manager gives each end port 2^LMC consecutive LIDs, the first of them divisible by their number,
+// out of the unicast LIDs 1 to 0xBFFF. LIDs that the topology file gives are kept.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "fabric/mutex.h"
+#include "fabric/routing.h"
+#include "fabric/topology.h"
+#include "fabric/wire.h"
+
+namespace fabric {
+
+inline constexpr std::uint16_t last_unicast_lid = 0xBFFF;
+
+inline bool operator==(const PortId& a, const PortId& b) {
+    return a.node == b.node && a.port == b.port;
+}
+
+struct EndPort {
+    PortId at;
+    Gid gid{};
+    std::uint16_t lid = 0;  ///< the base LID; 0: not linked
+    std::uint8_t lmc = 0;
+    std::uint8_t mtu = 0;
+    std::uint8_t rate = 0;
+    bool linked = false;  ///< the topology has a link there (a switch's own port counts as linked)
+    bool up = false;
+};
+
+/// What the way between two end ports allows.
+struct Way {
+    int hops = 0;  ///< links on the way
+    std::uint8_t mtu = 0;
+    std::uint8_t rate = 0;
+};
+
+struct SubnetManager {
+    PortId at;
+    std::uint16_t lid = 0;
+    std::uint8_t sl = 0;
+};
+
+struct SubnetOptions {
+    std::uint8_t lmc = 0;  ///< of adapter ports; with one given, LIDs of the file that do not fit
+                           ///< are replaced
+    int sm_node = -1;      ///< where the manager sits; by default the first switch, else the first
+                           ///< adapter
+    std::uint8_t sm_sl = 0;
+};
+
+class Subnet {
+  public:
+    /// Gives out the LIDs. Throws InputError for LIDs that overlap and when there are none left.
+    /// The topology must outlive the subnet.
+    Subnet(const Topology& topology, const SubnetOptions& options);
+
+    std::optional<EndPort> at(PortId ref) const;
+    std::optional<EndPort> by_lid(std::uint16_t lid) const;  ///< any LID of the port
+    std::optional<EndPort> by_gid(const Gid& gid) const;
+
+    /// Empty when a port is down or nothing leads from one to the other.
+    std::optional<Way> way(PortId from, PortId to) const;
+
+    /// The port's table, entry 0 first. By default one entry, the default partition's full member.
+    std::vector<std::uint16_t> pkeys(PortId ref) const;
+    /// The P_Key that two ports use between them: in both tables, for at least one as full member.
+    /// `wanted` with value restricts the search to that partition.
+    std::optional<std::uint16_t> common_pkey(PortId a, PortId b,
+                                             std::optional<std::uint16_t> wanted) const;
+
+    SubnetManager manager() const;
+
+    // Changes. A port or a LID that can't be used throws std::invalid_argument.
+    void set_up(PortId ref, bool up);
+    void set_lid(PortId ref, std::uint16_t lid);
+    void set_mtu(PortId ref, std::uint8_t mtu);
+    void set_gid(PortId ref, const Gid& gid);  ///< found by the new one only from now on
+    void set_pkeys(PortId ref, std::vector<std::uint16_t> table);
+    void move_manager(std::uint16_t lid, std::uint8_t sl);
+
+  private:
+    using Index = std::int32_t;
+
+    void add_end_ports(const Topology& topology, const SubnetOptions& options) TA_REQ(mutex_);
+    void give_lids(const Topology& topology) TA_REQ(mutex_);
+    bool claim(Index index, std::uint16_t lid) TA_REQ(mutex_);
+    Index index_of(PortId ref) const TA_REQ(mutex_);
+    EndPort& known(PortId ref) TA_REQ(mutex_);
+
+    mutable Mutex mutex_;
+    std::vector<Index> first_port_of_node_;  ///< into ports_; constant after construction
+    std::vector<EndPort> ports_ TA_GUARDED(mutex_);
+    std::vector<Index> by_lid_ TA_GUARDED(mutex_);
+    std::unordered_map<Gid, Index, GidHash> by_gid_ TA_GUARDED(mutex_);
+    std::unordered_map<Index, std::vector<std::uint16_t>> pkeys_ TA_GUARDED(mutex_);
+    SubnetManager manager_ TA_GUARDED(mutex_);
+    mutable Routing routing_ TA_GUARDED(mutex_);
+};
+
+}  // namespace fabric
