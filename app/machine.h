@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The assembled host: a kernel, a fabric around it, the module, and the IPoIB driver attached to
+// it.
+//
+// Life cycle: the constructor makes the kernel and the fabric; start() loads the module and
+// attaches the driver; stop() takes all of that back and looks at what is left. In between the
+// kernel's clock runs: by itself in real time, by Kernel::advance() in virtual time. One Machine
+// exists at a time.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+#include "fabric/fabric.h"
+#include "host/console.h"
+#include "host/kernel.h"
+#include "host/services.h"
+
+namespace app {
+
+/// How the module went.
+struct Departure {
+    std::vector<std::string> remains;  ///< what it left behind, one line each; empty when clean
+    host::MemoryUse memory;            ///< afterwards, with its totals
+};
+
+class Machine {
+  public:
+    /// `console` gets every console line. Throws fabric::InputError for a fabric that cannot be
+    /// used, UsageError for a capture file that cannot be made.
+    Machine(Site site, const HostOptions& options, host::Clock clock, host::ConsoleSink console);
+    /// Stops, if nobody did.
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    /// Sets the trace levels, loads the module, attaches the driver, and waits until the module has
+    /// heard of its ports. Throws UsageError for a parameter that the module does not take, and
+    /// std::runtime_error when the module or the driver refuses.
+    void start();
+
+    /// Has the module learn from ARP packets and ask the SA for paths, which it does not do by
+    /// itself after a load.
+    void switch_on();
+
+    /// One line for the module's control file.
+    void command(const std::string& line);
+
+    /// Detaches the driver and unloads the module. The fabric and the kernel stay. Called again, it
+    /// only gives the same answer.
+    const Departure& stop();
+
+    host::Kernel& kernel() { return kernel_; }
+    fabric::Fabric& fabric() { return fabric_; }
+
+    /// A function that the module offers to other modules, as inter_module_get() finds it. Throws
+    /// std::runtime_error when it does not.
+    template <class Function>
+    Function* function(const std::string& name) {
+        return reinterpret_cast<Function*>(const_cast<void*>(find(name)));
+    }
+
+  private:
+    static const void* find(const std::string& name);
+
+    const HostOptions options_;
+    host::Kernel kernel_;
+    fabric::Fabric fabric_;
+    bool loaded_ = false;
+    Departure departure_;
+};
+
+}  // namespace app

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// What the program tells about a run, as text: who we are, what was learned of the peers, what it
+// cost, and what the module left behind.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "app/machine.h"
+#include "app/resolve.h"
+
+namespace app {
+
+/// The fabric and our place in it; a few lines.
+std::string format_machine(Machine& machine);
+
+/// Rows of a table with two blanks between its columns. A column is as wide as its widest cell and
+/// stands to the left or to the right as its letter in `sides` says, 'l' or 'r'.
+std::string format_columns(const std::vector<std::vector<std::string>>& rows,
+                           const std::string& sides);
+
+/// One line for each resolved peer; of more than `most` the first and the last few, and how many
+/// were left out in between.
+std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t most = 40);
+
+/// One line for each peer that was not resolved; empty when all were.
+std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers);
+
+std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& peers);
+
+/// That nothing remains, in one line with the totals, or what does, one line each.
+std::string format_departure(const Departure& departure);
+
+std::string format_gid(const gx_gid_t& gid);      ///< as an IPv6 address in its short form
+std::string format_rate(std::uint8_t code);       ///< "40 Gb/s"; "-" for a code that means none
+std::string format_mtu(std::uint8_t code);        ///< "2048"; "-" for a code that means none
+std::string format_bytes(std::size_t bytes);      ///< "512 bytes", "61 KiB"
+std::string format_seconds(unsigned long ticks);  ///< "0.013 s"
+
+}  // namespace app

@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "app/resolve.h"
+
+#include <numeric>
+#include <utility>
+
+#include "host/services.h"
+
+namespace app {
+namespace {
+
+/* The most paths that are useful: one through each of two local ports, where two lead to the port
+ * at which the peer answers. */
+tarv_paths_t wanted_paths(fabric::Fabric& fabric, const fabric::Host& host) {
+    const fabric::PortId peer = fabric.peers().station(host.ip).at;
+    int ports = 0;
+    for (int port = 1; port <= fabric.adapter().ports(); ++port)
+        ports += fabric.subnet().way({fabric.adapter().node(), port}, peer).has_value();
+    return ports >= 2 ? tarv_paths_both : tarv_paths_primary;
+}
+
+}  // namespace
+
+std::vector<Peer> peers_of(Machine& machine) {
+    fabric::Fabric& fabric = machine.fabric();
+    std::vector<Peer> peers;
+    for (std::size_t i = 0; i < fabric.hosts().size(); ++i)
+        if (const fabric::Host& host = fabric.hosts()[i]; host.ip != fabric.our_host().ip) {
+            peers.emplace_back();
+            peers.back().host = i;
+            peers.back().wanted = wanted_paths(fabric, host);
+        }
+    return peers;
+}
+
+Resolver::Resolver(Machine& machine, std::vector<Peer> peers, ResolveOptions options)
+    : machine_(machine),
+      peers_(std::move(peers)),
+      options_(std::move(options)),
+      get_ib_data_(machine.function<tarv_get_ib_data_fn_t>("tarv_get_ib_data_fn")) {
+    for (std::size_t peer = 0; peer < peers_.size(); ++peer)
+        slots_.push_back({.resolver = this, .peer = peer});
+}
+
+Resolver::~Resolver() {
+    if (outstanding() > 0)
+        machine_.stop();
+}
+
+std::size_t Resolver::outstanding() const {
+    const std::lock_guard guard(mutex_);
+    return outstanding_;
+}
+
+void Resolver::run(const ShowProgress& progress) {
+    machine_.fabric().on_packet([this](const fabric::SeenPacket& seen) { traffic_.see(seen); });
+    started_ = last_end_ = machine_.kernel().jiffies();
+    std::vector<std::size_t> all(peers_.size());
+    std::iota(all.begin(), all.end(), 0);
+    counts_.first_pass = pass(all, progress);
+    if (given_up_.empty()) {
+        std::erase_if(all, [this](std::size_t peer) { return !peers_[peer].resolved; });
+        counts_.second_pass = pass(all, progress);
+    }
+    machine_.fabric().on_packet({});
+    counts_.traffic = traffic_.counts();
+    counts_.ticks = machine_.kernel().jiffies() - started_;
+    for (std::size_t peer = 0; peer < peers_.size(); ++peer)
+        if (!peers_[peer].resolved)
+            peers_[peer].why_not = explain(peer);
+}
+
+/* The number of requests made. */
+std::size_t Resolver::pass(const std::vector<std::size_t>& order, const ShowProgress& progress) {
+    for (std::size_t next = 0;;) {
+        while (next < order.size() && outstanding() < options_.outstanding)
+            ask(order[next++]);
+        const std::size_t pending = outstanding();
+        if (progress)
+            progress(next - pending, order.size());
+        if ((next == order.size() && pending == 0) || must_give_up())
+            return next;
+        machine_.kernel().advance(1);
+    }
+}
+
+void Resolver::ask(std::size_t peer) {
+    Slot& slot = slots_[peer];
+    {
+        const std::lock_guard guard(mutex_);
+        slot.status = tarv_stat_pending;
+        ++outstanding_;
+    }
+    // The module writes to the caller's record also when the answer comes later, and that may be
+    // before this call has returned.
+    tarv_arp_data_t record{};
+    const tarv_stat_t status = call_module(peer, peers_[peer].wanted, record, &slot);
+    if (status == tarv_stat_pending)
+        return;
+    counts_.hits += status == tarv_stat_ok;
+    end(slot, status, &record);
+}
+
+void Resolver::on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* context) {
+    auto& slot = *static_cast<Slot*>(context);
+    slot.resolver->end(slot, status, record);
+}
+
+void Resolver::end(Slot& slot, tarv_stat_t status, const tarv_arp_data_t* record) {
+    const unsigned long now = machine_.kernel().jiffies();
+    const std::lock_guard guard(mutex_);
+    Peer& peer = peers_[slot.peer];
+    slot.status = status;
+    peer.resolved = status == tarv_stat_ok;
+    if (peer.resolved)
+        peer.record = *record;
+    counts_.timeouts += status == tarv_stat_timeout;
+    last_end_ = now;
+    --outstanding_;
+}
+
+bool Resolver::must_give_up() {
+    const unsigned long now = machine_.kernel().jiffies();
+    unsigned long last_end;
+    {
+        const std::lock_guard guard(mutex_);
+        last_end = last_end_;
+    }
+    if (options_.stop && options_.stop())
+        give_up("the run was interrupted");
+    else if (now - started_ >= options_.limit)
+        give_up("the time was up");
+    else if (now > last_end && now - last_end >= options_.silence)
+        give_up("nothing was answered any more");
+    return !given_up_.empty();
+}
+
+/* A halted module says time-out to whoever waits, so that nobody does when it is unloaded. */
+void Resolver::give_up(std::string reason) {
+    given_up_ = std::move(reason);
+    {
+        const std::lock_guard guard(mutex_);
+        for (Slot& slot : slots_)
+            slot.called_off = slot.status == tarv_stat_pending;
+    }
+    machine_.command("halt");
+}
+
+std::string Resolver::explain(std::size_t peer) const {
+    const Slot& slot = slots_[peer];
+    if (slot.called_off || slot.status == tarv_stat_not_found)
+        return given_up_;
+    if (slot.status != tarv_stat_timeout)
+        return "refused by the module, status " + std::to_string(slot.status);
+    if (!given_up_.empty())
+        return "time-out";
+    // Without a callback only the cache is asked.
+    tarv_arp_data_t record{};
+    return call_module(peer, tarv_paths_none, record, nullptr) == tarv_stat_ok
+               ? "time-out: it answers ARP, but the SA gave no path to it"
+               : "time-out: no answer to ARP requests";
+}
+
+tarv_stat_t Resolver::call_module(std::size_t peer, tarv_paths_t wanted, tarv_arp_data_t& record,
+                                  Slot* slot) const {
+    fabric::Fabric& fabric = machine_.fabric();
+    return get_ib_data_(fabric.hosts()[peers_[peer].host].ip, fabric.our_host().ip, wanted, &record,
+                        slot ? on_reply : nullptr, slot, 0);
+}
+
+}  // namespace app
