@@ -125,6 +125,7 @@ const void* inter_module_get(const std::string& name) {
 std::vector<std::string> inter_module_names() {
     const std::lock_guard guard(names_mutex);
     std::vector<std::string> result;
+    result.reserve(names.size());
     for (const Name& name : names)
         result.push_back(name.name);
     return result;
