@@ -121,11 +121,17 @@ int module_version_init(const char* name, const char* version, const char* tag) 
 int module_version_exit(const char* name) {
     if (!name)
         return -1;
-    const kptr<char> path(format_text("quorvane/%s/version", name));
-    if (!path)
+    // A usual name needs no memory, so that an unload can always take its file away.
+    char short_path[64];
+    const size_t length =
+        static_cast<size_t>(ksnprintf(short_path, sizeof short_path, "quorvane/%s/version", name));
+    const bool is_short = length < sizeof short_path;
+    const kptr<char> long_path(is_short ? nullptr : format_text("quorvane/%s/version", name));
+    if (!is_short && !long_path)
         return -1;
-    // Whoever still reads the line is done with it when this returns.
-    remove_proc_entry(path.get(), nullptr);
+    // Without a line there is no file. When the file is gone, so are the readers of the line.
+    if (module_banner)
+        remove_proc_entry(is_short ? short_path : long_path.get(), nullptr);
     kfree(module_banner);
     module_banner = nullptr;
     return 0;

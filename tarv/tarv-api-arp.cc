@@ -43,7 +43,6 @@ void add_static_path(tarv_arp_data_t* record) {
     path.slid = slid;
     port_num2base_gid(read_once(hca_h), port_number(record->local_port_num), &path.sgid);
     record->paths[0] = path;
-    record->primary_path = &record->paths[0];
     record->mask |= TARV_MASK_PRIMARY_PATH;
 }
 
@@ -164,6 +163,7 @@ tarv_stat_t tarv_process_arp_data(tarv_arp_data_t* arp_data) {
         return tarv_stat_ok;
     }
     *record = *arp_data;
+    tarv_aim_paths(record.get());
     if (!read_once(enabled))
         return tarv_stat_ok;
     switch (record->arp_operation) {

@@ -56,6 +56,9 @@ void reset_state() {
     write_once(statics_inv_enabled, 1);
     write_once(get_data_retry, 3);
     write_once(tarv_media_reset, 1);
+    write_once(local_send_arp_data_fn, nullptr);
+    write_once(local_get_if_info_fn, nullptr);
+    write_once(send_arp_data_fn_context, nullptr);
     spin_lock_init(&static_path_lock, "static_path_lock");
     const spin_guard guard(static_path_lock);
     static_path = {};
@@ -142,10 +145,11 @@ void tarv_destroy() {
     unregister_api();
     // From here on nothing is re-issued: what still waits gets its last word.
     write_once(halted, 1);
-    tarv_sa_req_list_destroy();
+    tarv_sa_req_list_drain();
     tarv_aync_ev_destroy_cleanup();
     tarv_req_list_destroy();
-    // Until it was stopped, the ARP timer may have moved a request on.
+    // Until they were stopped, the ARP timer and the SA's answers may have moved requests on.
+    // Nobody is busy with one any more.
     tarv_sa_req_list_destroy();
     tarv_hash_destroy();
     printk("TARV: Unloaded.\n");

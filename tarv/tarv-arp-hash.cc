@@ -160,12 +160,8 @@ tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) {
         return tarv_stat_not_found;
     TARV_LOG(TARV_DEBUG, "IP: %08X found.\n", req_ip);
     entry->arp_data = *record;
-    if (!read_once(sa_queries_enabled)) {
-        if (record->mask & TARV_MASK_PRIMARY_PATH)
-            entry->arp_data.primary_path = &entry->arp_data.paths[0];
-        if (record->mask & TARV_MASK_SECONDARY_PATH)
-            entry->arp_data.secondary_path = &entry->arp_data.paths[1];
-    }
+    // Whatever the mask says now: no pointer into the caller's record may stay behind.
+    tarv_aim_paths(&entry->arp_data);
     touch(entry);
     return tarv_stat_ok;
 }

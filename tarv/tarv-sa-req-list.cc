@@ -16,14 +16,26 @@ bool nothing_waits() TA_NO_ANALYSIS {
     return read_once(sa_requests.count) == 0;
 }
 
-/* Takes the newest request off the list; null when there is none. */
-tarv_list_entry_t* take_first() TA_EXCL(tarv_sa_rl_lock) {
+/* Takes the newest request off the list, passing over the busy ones unless they are wanted too;
+ * null when there is none. */
+tarv_list_entry_t* take_first(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
     const spin_guard guard(tarv_sa_rl_lock);
     for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
+        if (!busy_too && tarv_get_request_static_flag(entry))
+            continue;
         pending_take(sa_requests, entry);
         return entry;
     }
     return nullptr;
+}
+
+/* A last word may be a re-issue, which comes onto the list too: it has one retry less left, so this
+ * ends. */
+void give_last_words(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
+    while (tarv_list_entry_t* entry = take_first(busy_too)) {
+        tarv_retry_ib_data_request(entry, nullptr);
+        kfree(entry);
+    }
 }
 
 }  // namespace
@@ -44,14 +56,14 @@ tarv_stat_t tarv_sa_req_list_init() {
     return tarv_stat_ok;
 }
 
+void tarv_sa_req_list_drain() {
+    del_timing_sync(&tarv_sa_req_timer);
+    give_last_words(false);
+}
+
 void tarv_sa_req_list_destroy() {
     del_timing_sync(&tarv_sa_req_timer);
-    // A last word may be a re-issue, which comes onto this list too: it has one retry less left, so
-    // the walk ends.
-    while (tarv_list_entry_t* entry = take_first()) {
-        tarv_retry_ib_data_request(entry, nullptr);
-        kfree(entry);
-    }
+    give_last_words(true);
 }
 
 tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) {
