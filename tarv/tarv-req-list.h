@@ -132,8 +132,10 @@ extern timer_list tarv_sa_req_timer;
 
 tarv_stat_t tarv_sa_req_list_init() TA_EXCL(tarv_sa_rl_lock);
 
-/* Gives every waiting request its last word through tarv_retry_ib_data_request before it is freed.
- */
+/* Stops the timer, waiting for a running handler, then gives every waiting request its last word
+ * through tarv_retry_ib_data_request and frees it. The drain comes first, while ARP timer and GSI
+ * completions may still be filing requests here: it leaves those alone whose makers are busy. */
+void tarv_sa_req_list_drain() TA_EXCL(tarv_sa_rl_lock);
 void tarv_sa_req_list_destroy() TA_EXCL(tarv_sa_rl_lock);
 
 tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
