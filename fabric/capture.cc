@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 #include "fabric/capture.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <system_error>
@@ -45,9 +46,12 @@ void write_all(std::ostream& out, const Bytes& bytes) {
 }  // namespace
 
 Bytes encode_link(const Packet& packet) {
-    std::size_t pad = (4 - packet.payload.size() % 4) % 4;
-    std::size_t transport = BaseTransportHeader::wire_size + DatagramHeader::wire_size +
-                            packet.payload.size() + pad + icrc_size;
+    bool is_mad = packet.dest_qp == gsi_qp || packet.src_qp == gsi_qp;
+    std::size_t missing = is_mad ? mad_size - std::min(mad_size, packet.payload.size()) : 0;
+    std::size_t size = packet.payload.size() + missing;
+    std::size_t pad = (4 - size % 4) % 4;
+    std::size_t transport =
+        BaseTransportHeader::wire_size + DatagramHeader::wire_size + size + pad + icrc_size;
     std::size_t network = packet.has_grh ? GlobalRouteHeader::wire_size : 0;
     Bytes out;
     out.reserve(LocalRouteHeader::wire_size + network + transport + vcrc_size);
@@ -74,7 +78,7 @@ Bytes encode_link(const Packet& packet) {
     append(out, bth);
     append(out, DatagramHeader{packet.qkey, packet.src_qp});
     out.insert(out.end(), packet.payload.begin(), packet.payload.end());
-    out.resize(out.size() + pad + icrc_size + vcrc_size);
+    out.resize(out.size() + missing + pad + icrc_size + vcrc_size);
     return out;
 }
 

@@ -33,9 +33,9 @@
 namespace fabric {
 
 struct FabricOptions {
-    SubnetOptions subnet;
-    Delays delays;
-    GsiTranslations translations;
+    SubnetOptions subnet = {};
+    Delays delays = {};
+    GsiTranslations translations = {};
 };
 
 class Fabric {

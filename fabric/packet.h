@@ -28,7 +28,8 @@ struct Packet {
 };
 
 /// The packet with its link headers, as an analyser on the cable sees it. The two CRCs at its end
-/// are zero: the ports check them in hardware and nothing here can damage a packet in between.
+/// are zero: the ports check them in hardware and nothing here can damage a packet in between. A
+/// management datagram that holds less than its 256 bytes is followed by zeros up to them.
 Bytes encode_link(const Packet& packet);
 
 }  // namespace fabric

@@ -50,9 +50,11 @@ Bytes RmppSender::segment(std::uint32_t number) const {
 bool RmppSender::acknowledge(std::uint32_t segment, std::uint32_t new_window_last) {
     if (segment < acked_ || segment > segments_ || new_window_last < segment)
         return false;
+    std::uint32_t window_last = std::min(segments_, std::max(window_last_, new_window_last));
+    bool progress = segment > acked_ || window_last > window_last_;
     acked_ = segment;
-    window_last_ = std::min(segments_, std::max(window_last_, new_window_last));
-    return true;
+    window_last_ = window_last;
+    return progress;
 }
 
 std::optional<RmppHeader> RmppReceiver::take(const Bytes& mad, const RmppHeader& header) {

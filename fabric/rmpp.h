@@ -33,8 +33,8 @@ class RmppSender {
     std::uint32_t window_last() const { return window_last_; }
     bool done() const { return acked_ == segments_; }
 
-    /// Takes in an acknowledgement of all segments up to `segment`. False when it is not for this
-    /// transfer as it stands.
+    /// Takes in an acknowledgement of all segments up to `segment`. True when more may be sent than
+    /// before; one that repeats what is known asks for nothing, the timer resends what was lost.
     bool acknowledge(std::uint32_t segment, std::uint32_t new_window_last);
 
   private:

@@ -58,6 +58,8 @@ PortId choose_manager(const Topology& topology, int wanted) {
 }  // namespace
 
 Subnet::Subnet(const Topology& topology, const SubnetOptions& options) : routing_(topology) {
+    if (options.lmc > 7)
+        throw std::invalid_argument("no LMC is larger than 7");
     MutexLock lock(mutex_);
     add_end_ports(topology, options);
     give_lids(topology);
@@ -105,20 +107,19 @@ void Subnet::give_lids(const Topology& topology) {
                          "LID " + std::to_string(end.lid) + " of " + node.name +
                              " is not a unicast LID or overlaps another port's");
     }
-    unsigned next = 1;
+    unsigned next[8] = {1, 1, 1, 1, 1, 1, 1, 1};  // by LMC: below it no place is left
     for (std::size_t i = 0; i < ports_.size(); i++) {
         EndPort& end = ports_[i];
         if (end.lid != 0 || !end.linked)
             continue;
         unsigned step = 1u << end.lmc;
-        unsigned lid = (next + step - 1) / step * step;
+        unsigned lid = (next[end.lmc & 7] + step - 1) / step * step;
         while (lid <= last_unicast_lid &&
                !claim(static_cast<Index>(i), static_cast<std::uint16_t>(lid)))
             lid += step;
         if (end.lid == 0)
             throw InputError(topology.file, 0, "more ports than unicast LIDs");
-        if (step == 1)
-            next = lid + 1;
+        next[end.lmc & 7] = lid + step;
     }
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // What the SA answers, and how scripts make it answer wrong.
+#include "host/console.h"
 #include "tests/support/gsi_client.h"
 
 using namespace fabric;
@@ -91,6 +92,232 @@ TEST_F(SaTest, FindsPaths) {
         for (const PathRecord& record : client.answers[0].records())
             paths.push_back(std::to_string(record.slid) + ">" + std::to_string(record.dlid));
         EXPECT_EQ(paths, c.paths);
+    }
+}
+
+/* What a client sees of one query, changed on its way: "dropped" or the status. */
+struct RefusalCase {
+    const char* name;
+    void (*change)(gsi_dtgrm_t*, u8* block);
+    int status;  // -1: no answer
+};
+const RefusalCase refusal_cases[] = {
+    {"proper", [](gsi_dtgrm_t*, u8*) {}, 0},
+    {"no count of sources", [](gsi_dtgrm_t*, u8* b) { b[17] = 0x04; }, 0x0600},
+    {"more GIDs than room", [](gsi_dtgrm_t*, u8* b) { b[20 + 15] = 12; }, 0x0600},
+    {"no GIDs", [](gsi_dtgrm_t*, u8* b) { b[20 + 16] = 0; }, 0x0600},
+    {"another method", [](gsi_dtgrm_t* d, u8*) { d->mad[3] = 0x12; }, 0x000C},
+    {"another attribute", [](gsi_dtgrm_t* d, u8*) { d->mad[16] = 0x38; }, 0x000C},
+    {"another class", [](gsi_dtgrm_t* d, u8*) { d->mad[1] = 4; }, -1},
+    {"where no manager is", [](gsi_dtgrm_t* d, u8*) { d->rlid = 31; }, -1},
+    {"to another queue pair", [](gsi_dtgrm_t* d, u8*) { d->rqp = 7; }, -1},
+};
+
+TEST_F(SaTest, RefusesWhatIsNoProperQuery) {
+    for (const RefusalCase& c : refusal_cases) {
+        SCOPED_TRACE(c.name);
+        client.answers.clear();
+        gsi_dtgrm_t* dtgrm = client.query({gid(0x1001)}, gid(0x2001));
+        c.change(dtgrm, static_cast<u8*>(dtgrm->rmpp_payload));
+        EXPECT_EQ(gsi_post_send_dtgrm(client.handle, dtgrm), 0);
+        kernel.advance(2);
+        std::vector<int> statuses;
+        for (const Received& answer : client.answers)
+            statuses.push_back(answer.status());
+        EXPECT_EQ(statuses, c.status < 0 ? std::vector<int>{} : std::vector{c.status});
+    }
+}
+
+/* Which paths a query accepts, by the components that it marks beside its own. The way to Bob has
+ * MTU 4, rate 3, life time 18. */
+struct SelectCase {
+    const char* name;
+    u8 mask_high, mask_low;  // of the component mask's last two bytes
+    std::size_t place;       // in the MultiPathRecord
+    u8 value;
+    std::size_t records;
+};
+constexpr SelectCase select_cases[] = {
+    {"MTU exactly 4", 0x0C, 0xC0, 10, 0x84, 1},
+    {"MTU exactly 5", 0x0C, 0xC0, 10, 0x85, 0},
+    {"MTU greater than 3", 0x0C, 0xC0, 10, 0x03, 1},
+    {"MTU greater than 4", 0x0C, 0xC0, 10, 0x04, 0},
+    {"MTU less than 5", 0x0C, 0xC0, 10, 0x45, 1},
+    {"MTU as large as it can be", 0x0C, 0xC0, 10, 0xC5, 1},
+    {"MTU without its selector is not asked for", 0x08, 0xC0, 10, 0x85, 1},
+    {"rate exactly 3", 0x30, 0xC0, 11, 0x83, 1},
+    {"rate greater than 3", 0x30, 0xC0, 11, 0x03, 0},
+    {"life time less than 18", 0xC0, 0xC0, 12, 0x52, 0},
+    {"service level 1", 0x02, 0xC0, 9, 0x01, 0},
+    {"another partition", 0x00, 0xC0, 6, 0x12, 0},
+    {"no paths wanted", 0x00, 0xC0, 5, 0x00, 0},
+    {"number of paths not said", 0x00, 0x80, 5, 0x00, 1},
+};
+
+TEST_F(SaTest, HonoursTheComponentsOfAQuery) {
+    for (const SelectCase& c : select_cases) {
+        SCOPED_TRACE(c.name);
+        client.answers.clear();
+        gsi_dtgrm_t* dtgrm = client.query({gid(0x1001)}, gid(0x2001));
+        auto* block = static_cast<u8*>(dtgrm->rmpp_payload);
+        block[18] = c.mask_high;
+        block[19] = c.mask_low;
+        block[20 + c.place] = c.value;
+        EXPECT_EQ(gsi_post_send_dtgrm(client.handle, dtgrm), 0);
+        kernel.advance(2);
+        ASSERT_THAT(client.answers, SizeIs(1));
+        EXPECT_THAT(client.answers[0].records(), SizeIs(c.records));
+    }
+}
+
+/* A scripted fault and what the client gets to see of the answers to two queries, ten ticks apart:
+ * "TICK:STATUS:ATTRIBUTE:CLASS.VERSION:SIZE". */
+struct ScriptCase {
+    const char* name;
+    void (*script)(Sa&);
+    std::vector<std::string> seen;
+};
+const ScriptCase script_cases[] = {
+    {"none", [](Sa&) {}, {"2:0:3a:3.2:84", "12:0:3a:3.2:84"}},
+    {"lost", [](Sa& s) { s.faults().drop_next(1); }, {"12:0:3a:3.2:84"}},
+    {"late", [](Sa& s) { s.faults().delay(30); }, {"32:0:3a:3.2:84", "42:0:3a:3.2:84"}},
+    {"out of order", [](Sa& s) { s.faults().hold_next(); }, {"12:0:3a:3.2:84", "12:0:3a:3.2:84"}},
+    {"twice",
+     [](Sa& s) { s.faults().duplicate_next(); },
+     {"2:0:3a:3.2:84", "2:0:3a:3.2:84", "12:0:3a:3.2:84"}},
+    {"status, once",
+     [](Sa& s) { s.answer_with_status(0x700, 1); },
+     {"2:700:3a:3.2:20", "12:0:3a:3.2:84"}},
+    {"status", [](Sa& s) { s.answer_with_status(0x700); }, {"2:700:3a:3.2:20", "12:700:3a:3.2:20"}},
+    {"attribute",
+     [](Sa& s) { s.answer_with_attribute(0x38, 1); },
+     {"2:0:38:3.2:84", "12:0:3a:3.2:84"}},
+    {"class", [](Sa& s) { s.answer_with_class(4, 1); }, {"2:0:35:4.2:84", "12:0:3a:3.2:84"}},
+    {"version",
+     [](Sa& s) { s.answer_with_class_version(1, 1); },
+     {"2:0:3a:3.1:84", "12:0:3a:3.2:84"}},
+    {"no records", [](Sa& s) { s.answer_with_records(0, 1); }, {"2:0:3a:3.2:20", "12:0:3a:3.2:84"}},
+    {"three", [](Sa& s) { s.answer_with_records(3, 1); }, {"2:0:3a:3.2:212", "12:0:3a:3.2:84"}},
+    {"given",
+     [](Sa& s) {
+         s.answer_with({{}, {}}, 1);
+     },
+     {"2:0:3a:3.2:148", "12:0:3a:3.2:84"}},
+    {"cut in the record",
+     [](Sa& s) { s.answer_truncated_to(83, 1); },
+     {"2:0:3a:3.2:83", "12:0:3a:3.2:84"}},
+    {"cut in the header",
+     [](Sa& s) { s.answer_truncated_to(7, 1); },
+     {"2:0:3a:3.2:7", "12:0:3a:3.2:84"}},
+};
+
+TEST_F(SaTest, AnswersWrongAsToldTo) {
+    for (const ScriptCase& c : script_cases) {
+        SCOPED_TRACE(c.name);
+        client.answers.clear();
+        unsigned long start = kernel.jiffies();
+        c.script(sa);
+        client.ask(0x2001);
+        kernel.advance(8);
+        client.ask(0x2001);
+        kernel.advance(50);
+        std::vector<std::string> seen;
+        for (const Received& answer : client.answers)
+            seen.push_back(host::kformat("%lu:%x:%x:%d.%d:%d", answer.jiffies - start,
+                                         answer.status(), answer.attribute(), answer.mad[1],
+                                         answer.mad[2], answer.paysize));
+        EXPECT_EQ(seen, c.seen);
+        sa.clear();
+    }
+}
+
+/* An answer in segments: how, what is lost on the way, and whether it gets there. */
+struct SegmentCase {
+    const char* name;
+    unsigned records;
+    std::size_t piece;    // 0: as the size demands
+    unsigned long ticks;  // after which something is lost: 1 the first acknowledgement, 2 segment 2
+    void (*lose)(Fabric&);
+    std::size_t packets;  // that arrive at our port
+    bool whole;
+};
+const SegmentCase segment_cases[] = {
+    {"two records, forced", 2, 64, 1, [](Fabric&) {}, 2, true},
+    {"one record, forced", 1, 64, 1, [](Fabric&) {}, 2, true},
+    {"six records", 6, 0, 1, [](Fabric&) {}, 2, true},
+    {"twenty segments", 20, 64, 1, [](Fabric&) {}, 20, true},
+    {"an acknowledgement lost", 20, 64, 1, [](Fabric& f) { f.port(1).drop_next(1); }, 21, true},
+    {"a segment lost", 20, 64, 2, [](Fabric& f) { f.port(1).drop_next(1); }, 27, true},
+    {"lost for good", 6, 0, 1, [](Fabric& f) { f.port(1).drop_all(); }, 1, false},
+};
+
+TEST_F(SaTest, SendsLongAnswersInSegments) {
+    for (const SegmentCase& c : segment_cases) {
+        SCOPED_TRACE(c.name);
+        client.answers.clear();
+        sa.answer_with_records(c.records, 1);
+        if (c.piece != 0)
+            sa.answer_over_rmpp(c.piece, 1);
+        EXPECT_EQ(gsi_post_send_dtgrm(client.handle, client.query({gid(0x1001)}, gid(0x2001))), 0);
+        std::size_t packets = 0;
+        fabric.on_packet(
+            [&](const SeenPacket& seen) { packets += seen.direction == Direction::in ? 1 : 0; });
+        kernel.advance(c.ticks);
+        c.lose(fabric);
+        kernel.advance(1000);
+        EXPECT_EQ(packets, c.packets);
+        ASSERT_THAT(client.answers, SizeIs(c.whole ? 1 : 0));
+        if (c.whole) {
+            EXPECT_THAT(client.answers[0].block, SizeIs(20 + 64 * c.records));
+            EXPECT_THAT(client.answers[0].records(), SizeIs(c.records));
+            EXPECT_EQ(client.answers[0].records().back().dlid, 21);
+        }
+        fabric.port(1).clear();
+        fabric.on_packet({});
+    }
+}
+
+TEST(SaPaths, UseFurtherLidsOfPortsThatHaveThem) {
+    World world({.subnet = {.lmc = 2}});
+    GsiClient client;
+    client.ask(0x2001);
+    ASSERT_THAT(client.answers, SizeIs(1));
+    std::vector<PathRecord> records = client.answers[0].records();
+    ASSERT_THAT(records, SizeIs(3));
+    std::uint16_t slid = world.fabric.adapter().port(1).lid;
+    std::uint16_t dlid = world.fabric.peers().station(ip(2)).lid;
+    EXPECT_EQ(dlid % 4, 0);
+    for (std::uint16_t i = 0; i < 3; i++) {
+        EXPECT_EQ(records[i].slid, slid + i);
+        EXPECT_EQ(records[i].dlid, dlid + i);
+    }
+}
+
+/* The two translations of the GSI service against the two dialects. */
+struct DialectCase {
+    const char* name;
+    SaDialect dialect;
+    GsiTranslations translations;
+    std::uint16_t status, attribute;
+};
+constexpr DialectCase dialect_cases[] = {
+    {"both on", SaDialect::current, {true, true}, 0, 0x3A},
+    {"mask as the module made it", SaDialect::current, {false, true}, 0x0600, 0x3A},
+    {"attribute as the SA sent it", SaDialect::current, {true, false}, 0, 0x35},
+    {"both off", SaDialect::current, {false, false}, 0x0600, 0x35},
+    {"original, both off", SaDialect::original, {false, false}, 0, 0x3A},
+};
+
+TEST_F(SaTest, AndTheModuleUnderstandEachOtherThroughTranslations) {
+    for (const DialectCase& c : dialect_cases) {
+        SCOPED_TRACE(c.name);
+        client.answers.clear();
+        sa.speak(c.dialect);
+        fabric.gsi().set_translations(c.translations);
+        client.ask(0x2001);
+        ASSERT_THAT(client.answers, SizeIs(1));
+        EXPECT_EQ(client.answers[0].status(), c.status);
+        EXPECT_EQ(client.answers[0].attribute(), c.attribute);
     }
 }
 
