@@ -1,0 +1,284 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The program as its user meets it, and the passes and reports that it is made of.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "app/machine.h"
+#include "app/report.h"
+#include "app/resolve.h"
+#include "platform/memory.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+
+// Two hosts with two ports, one with one, and one that is linked to nothing.
+constexpr const char* four_hosts = R"(
+Switch	8 "S-1"		# "sw"
+[1]	"H-1"[1]	# "alpha" lid 11 4xQDR
+[2]	"H-1"[2]	# "alpha" lid 12 4xQDR
+[3]	"H-2"[1]	# "beta" lid 13 4xFDR
+[4]	"H-2"[2]	# "beta" lid 14 4xFDR
+[5]	"H-3"[1]	# "gamma" lid 15 4xSDR
+
+Ca	2 "H-1"		# "alpha HCA-1"
+Ca	2 "H-2"		# "beta HCA-1"
+Ca	1 "H-3"		# "gamma HCA-1"
+Ca	1 "H-4"		# "delta HCA-1"
+)";
+constexpr const char* three_addresses = "10.1.0.1 alpha\n10.1.0.2 beta\n10.1.0.3 gamma\n";
+
+std::string temporary(const std::string& name) {
+    const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
+    std::string path = std::string(test->test_suite_name()) + "." + test->name() + "." + name;
+    std::ranges::replace(path, '/', '.');
+    return testing::TempDir() + path;
+}
+
+std::string write_file(const std::string& name, const std::string& content) {
+    std::ofstream(temporary(name)) << content;
+    return temporary(name);
+}
+
+std::string read_file(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+struct Result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+Result shell(const std::string& command) {
+    const std::string out = temporary("out"), err = temporary("err");
+    const int status = std::system(("{ " + command + "; } >" + out + " 2>" + err).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out), read_file(err)};
+}
+
+/* Arguments may name the two files above as FABRIC and HOSTS. */
+Result tarv_host(std::string arguments) {
+    const auto replace = [&](const std::string& word, const std::string& path) {
+        for (std::size_t at; (at = arguments.find(word)) != std::string::npos;)
+            arguments.replace(at, word.size(), path);
+    };
+    replace("FABRIC", write_file("net", four_hosts));
+    replace("HOSTS", write_file("hosts", three_addresses));
+    return shell(TARV_HOST " " + arguments);
+}
+
+struct BadInput {
+    const char* name;
+    std::string arguments;
+    std::string line;  // a regular expression
+};
+class BadInputs : public testing::TestWithParam<BadInput> {};
+
+TEST_P(BadInputs, AreRefusedInOneLineAndNothingStarts) {
+    const Result result = tarv_host(GetParam().arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.out, IsEmpty());
+    EXPECT_THAT(result.err, MatchesRegex(GetParam().line + "\n"));
+    EXPECT_EQ(std::ranges::count(result.err, '\n'), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLine, BadInputs,
+    testing::ValuesIn(std::vector<BadInput>{
+        {"NoVerb", "", "tarv-host: a verb is missing.*"},
+        {"UnknownVerb", "fly", "tarv-host: .* fly"},
+        {"UnknownOption", "run --bogus", "tarv-host: .* --bogus"},
+        {"SurplusWord", "run now", "tarv-host: .* now"},
+        {"OptionWithoutValue", "run --fabric", "tarv-host: --fabric: .*"},
+        {"LevelOutOfRange", "run --debug-level 6", "tarv-host: --debug-level: Value 6 .*"},
+        {"LevelNoNumber", "run --logger-level x", "tarv-host: --logger-level: Value x .*"},
+        {"NegativeTime", "run --for -1", "tarv-host: --for: \"-1\" .*"},
+        {"TimeNoNumber", "run --for nan", "tarv-host: --for: \"nan\" .*"},
+        {"NoSuchFabric", "run --fabric /no/file", "/no/file: .*"},
+        {"BadFabric", "run --fabric HOSTS", ".*BadFabric.hosts:1: .*"},
+        {"NoSuchHostList", "run --hosts /no/file", "/no/file: .*"},
+        {"ListOfAnotherFabric", "run --hosts HOSTS", ".*hosts:1: .*alpha.*"},
+        {"EmptyHostList", "run --hosts /dev/null", "tarv-host: --hosts: /dev/null names no host"},
+        {"NobodyCalledSo", "run --fabric FABRIC --as zeta", "tarv-host: --as: .*\"zeta\""},
+        {"UnknownParameter", "run --param x=1", "tarv-host: --param: .*\"x=1\".*"},
+        {"ParameterWithoutValue", "run --param arp_cache_timeout_sec", "tarv-host: --param: .*"},
+        {"CaptureNowhere", "run --capture /no/dir/file", "tarv-host: --capture: /no/dir/file: .*"},
+    }),
+    [](const auto& row) { return row.param.name; });
+
+TEST(Run, ResolvesAllPeersAndLeavesNothing) {
+    const std::string capture = temporary("erf");
+    const Result result =
+        tarv_host("run --resolve-all --fabric FABRIC --hosts HOSTS --capture " + capture);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.err, IsEmpty());
+    EXPECT_THAT(
+        result.out,
+        AllOf(HasSubstr("alpha, 10.1.0.1, port 1 LID 11, port 2 LID 12\n"),
+              HasSubstr("TARV: Initialized.\n"), HasSubstr("13 <- 11  13 <- 12  40 Gb/s  2048\n"),
+              HasSubstr("15 <- 11  15 <- 12  10 Gb/s  2048\n"),
+              HasSubstr("requests            4  2 to learn, 2 more to ask the cache\n"
+                        "cache hits          2\n"
+                        "ARP requests        2\n"
+                        "path queries        2\n"
+                        "retries             0\n"
+                        "time-outs           0\n")));
+    EXPECT_THAT(result.out, HasSubstr("nothing remains"));
+    EXPECT_GT(read_file(capture).size(), 6 * 256u);  // two answers with their questions
+}
+
+TEST(Run, AsksForTheOnePathOfAOnePortHost) {
+    const Result result = tarv_host("run --resolve-all --fabric FABRIC --hosts HOSTS --as gamma");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, AllOf(HasSubstr("11 <- 15  10 Gb/s"), HasSubstr("13 <- 15  10 Gb/s"),
+                                  Not(HasSubstr("port 2")), HasSubstr("all resolved")));
+}
+
+TEST(Run, NamesWhomItCouldNotResolveInTime) {
+    const Result result = tarv_host("run --resolve-all --fabric FABRIC --for 0.1");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, AllOf(HasSubstr("Not resolved:\n  10.0.0.4  delta  the time was up\n"),
+                                  HasSubstr("1 not resolved"), HasSubstr("nothing remains")));
+}
+
+TEST(Run, UnloadsInOrderWhenItsTimeIsUp) {
+    const Result result = tarv_host("run --for 0.01");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr("TARV: Unloaded.\nUnloaded; nothing remains"));
+}
+
+TEST(Run, UnloadsInOrderWhenToldToStop) {
+    const std::string fifo = temporary("fifo");
+    const Result result =
+        shell("rm -f " + fifo + " && mkfifo " + fifo + " && { " TARV_HOST " run >" + fifo +
+              R"( & pid=$!; while read -r line; do
+        case "$line" in Running*) kill -TERM $pid ;; esac; echo "$line"; done <)" +
+              fifo + "; wait $pid; }");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr("TARV: Unloaded.\nUnloaded; nothing remains"));
+}
+
+app::Site site_of(const fabric::Topology& topology) {
+    return {.topology = topology, .hosts = fabric::deal_addresses(topology), .us = 0};
+}
+
+app::Site small_site() {
+    std::istringstream text(four_hosts);
+    return site_of(fabric::read_topology(text, "four"));
+}
+
+/* A machine in virtual time. */
+struct Started : app::Machine {
+    explicit Started(app::Site site, const app::HostOptions& options = {})
+        : Machine(std::move(site), options, host::Clock::virtual_time, {}) {
+        start();
+        switch_on();
+    }
+};
+
+using Fabric = fabric::Fabric;
+using Options = app::ResolveOptions;
+
+fabric::Faults& beta(Fabric& f) {
+    return f.peer(f.hosts().at(1).ip);
+}
+bool yes() {
+    return true;
+}
+
+struct Trouble {
+    const char* name;
+    const char* why_not;  // of beta, or null where it is resolved nonetheless
+    std::size_t timeouts;
+    std::size_t repeats;
+    void (*make)(Fabric& f, Options& o);
+};
+class Troubles : public testing::TestWithParam<Trouble> {};
+
+/* Beside delta, whom nobody reaches: it costs one time-out and three repeated ARP requests. */
+TEST_P(Troubles, EndThePassesAndAreExplained) {
+    Started machine(small_site());
+    Options options;
+    GetParam().make(machine.fabric(), options);
+    app::Resolver resolver(machine, app::peers_of(machine), options);
+    resolver.run();
+    const std::string unresolved = app::format_unresolved(machine, resolver.peers());
+    const std::string start = "  10.0.0.2  beta   ";
+    if (GetParam().why_not)
+        EXPECT_THAT(unresolved, HasSubstr(start + GetParam().why_not + "\n"));
+    else
+        EXPECT_THAT(unresolved, Not(HasSubstr(start)));
+    EXPECT_EQ(resolver.counts().timeouts, GetParam().timeouts);
+    EXPECT_EQ(resolver.counts().traffic.repeats, GetParam().repeats);
+    EXPECT_THAT(machine.stop().remains, IsEmpty());
+}
+
+constexpr const char* no_arp = "time-out: no answer to ARP requests";
+constexpr const char* no_path = "time-out: it answers ARP, but the SA gave no path to it";
+
+INSTANTIATE_TEST_SUITE_P(
+    Resolver, Troubles,
+    testing::ValuesIn(std::vector<Trouble>{
+        {"NoneForBeta", nullptr, 1, 3, [](Fabric&, Options&) {}},
+        {"OneReplyLost", nullptr, 1, 4, [](Fabric& f, Options&) { beta(f).drop_next(); }},
+        {"NeverAnswers", no_arp, 2, 6, [](Fabric& f, Options&) { beta(f).drop_all(); }},
+        {"SaSilent", no_path, 3, 9, [](Fabric& f, Options&) { f.sa().faults().drop_all(); }},
+        {"TimeUp", "the time was up", 3, 0, [](Fabric&, Options& o) { o.limit = 1; }},
+        {"Interrupted", "the run was interrupted", 3, 0, [](Fabric&, Options& o) { o.stop = yes; }},
+        {"Silence", "nothing was answered any more", 3, 0,
+         [](Fabric& f, Options& o) { f.sa().faults().drop_all(), o.silence = 500; }},
+        {"NotAskedYet", "the run was interrupted", 0, 0,
+         [](Fabric&, Options& o) { o.outstanding = 0, o.stop = yes; }},
+    }),
+    [](const auto& row) { return row.param.name; });
+
+TEST(Resolver, LearnsAThousandHostsWithOneQuestionEach) {
+    Started machine(site_of(fabric::make_fabric({.hosts = 1000})));
+    app::Resolver resolver(machine, app::peers_of(machine), {});
+    resolver.run();
+    const app::ResolveCounts& counts = resolver.counts();
+    EXPECT_EQ(app::format_unresolved(machine, resolver.peers()), "");
+    EXPECT_EQ(counts.first_pass, 999u);
+    EXPECT_EQ(counts.hits, counts.second_pass);
+    EXPECT_EQ(counts.second_pass, 999u);
+    EXPECT_EQ(counts.traffic.arp_requests, 999u);
+    EXPECT_EQ(counts.traffic.path_queries, 999u);
+    const std::string table = app::format_peers(machine, resolver.peers());
+    EXPECT_EQ(std::ranges::count(table, '\n'), 1 + 10 + 1 + 5);
+    EXPECT_THAT(table, HasSubstr("\n... and 984 more ...\n10.0.3.228 "));
+    EXPECT_THAT(machine.stop().remains, IsEmpty());
+}
+
+TEST(Report, NamesWhatAModuleLeavesBehind) {
+    Started machine(small_site());
+    void* const leak = kmalloc(77, GFP_KERNEL);
+    const app::Departure& departure = machine.stop();
+    EXPECT_THAT(departure.remains, testing::ElementsAre(HasSubstr("memory: 77 bytes")));
+    EXPECT_THAT(
+        app::format_departure(departure),
+        AllOf(HasSubstr("not all is gone:\n  memory: 77 bytes"), Not(HasSubstr("nothing"))));
+    kfree(leak);
+}
+
+TEST(Report, FormatsPlainly) {
+    EXPECT_EQ(app::format_rate(2), "2.5 Gb/s");
+    EXPECT_EQ(app::format_rate(0), "-");
+    EXPECT_EQ(app::format_mtu(5), "4096");
+    EXPECT_EQ(app::format_mtu(0), "-");
+    EXPECT_EQ(app::format_bytes(1), "1 byte");
+    EXPECT_EQ(app::format_bytes(1025), "2 KiB");
+    EXPECT_EQ(app::format_seconds(61'007), "61.007 s");
+}
+
+}  // namespace
