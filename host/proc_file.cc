@@ -95,6 +95,7 @@ struct ProcFile::Impl {
     long position = 0;
     long pass_end = 0;        // behind what the handler gave last
     bool unfinished = false;  // the handler has more to give from there on
+    long ended_at = -1;       // where the handler said that the file ends
 
     std::string read(std::size_t size, long* offset);
     void finish_pass();
@@ -107,14 +108,22 @@ std::string ProcFile::Impl::read(std::size_t size, long* offset) {
     if (!node->read_proc)
         fail(EIO, path);
     std::string text;
-    while (text.size() < size) {
-        const Piece piece = call_handler(*node, *offset, size - text.size());
+    while (text.size() < size && *offset != ended_at) {
+        const long at = *offset;
+        const Piece piece = call_handler(*node, at, size - text.size());
         if (piece.result < 0 && text.empty())
             fail(-piece.result, path);
         text += piece.bytes;
-        *offset = pass_end = piece.next;
-        unfinished = piece.more();
-        if (!unfinished)
+        *offset = piece.next;
+        // A handler that is asked again where it said that nothing follows might take the question
+        // for another reader's.
+        ended_at = piece.eof ? piece.next : -1;
+        // A call elsewhere that gives nothing leaves the pass where it was, still to be finished.
+        if (at == pass_end || piece.more()) {
+            pass_end = piece.next;
+            unfinished = piece.more();
+        }
+        if (!piece.more())
             break;
     }
     return text;
@@ -161,6 +170,7 @@ std::string ProcFile::read_at(std::size_t size, long offset) {
 void ProcFile::seek(long offset) {
     const std::lock_guard guard(impl_->mutex);
     impl_->position = offset;
+    impl_->ended_at = -1;
 }
 
 long ProcFile::write(const std::string& text) {

@@ -32,7 +32,7 @@ static unsigned digit_value(char c) {
 static unsigned detect_base(const char* s) {
     if (s[0] != '0')
         return 10;
-    return (s[1] == 'x' || s[1] == 'X') && digit_value(s[2]) < 16 ? 16 : 8;
+    return s[1] == 'x' && digit_value(s[2]) < 16 ? 16 : 8;
 }
 
 unsigned long simple_strtoul(const char* s, char** end, unsigned int base) {
