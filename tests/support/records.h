@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Builders of addresses, records, cache entries and paths, and a client that writes its answers
+// down.
+#pragma once
+
+#include <arpa/inet.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host/check.h"
+#include "platform/jiffies.h"
+#include "platform/memory.h"
+#include "tarv/tarv-arp-hash.h"
+#include "tarv/tarv-req-list.h"
+
+namespace support {
+
+/// "10.0.0.1" in network byte order.
+inline u32 ip(const char* text) {
+    in_addr address;
+    if (inet_pton(AF_INET, text, &address) != 1)
+        throw std::invalid_argument(text);
+    return address.s_addr;
+}
+
+/// The `n`-th address (from 0) that falls into that bucket.
+inline u32 ip_in_bucket(u32 bucket, int n = 0) {
+    for (u32 address = 1;; address++)
+        if (tarv_hash_func(address) == bucket && n-- == 0)
+            return address;
+}
+
+/// A GID that differs from others in all its bytes' neighbourhoods: no byte repeats.
+inline gx_gid_t gid(u8 first) {
+    gx_gid_t result;
+    for (u8 i = 0; i < sizeof result.raw; i++)
+        result.raw[i] = static_cast<u8>(first + i);
+    return result;
+}
+
+inline ib_path_record_v2_t path(const gx_gid_t& dgid, const gx_gid_t& sgid, u16 dlid,
+                                u16 pkey = 0x7FFF) {
+    ib_path_record_v2_t record = {};
+    record.dgid = dgid;
+    record.sgid = sgid;
+    record.dlid = dlid;
+    record.pkey = pkey;
+    return record;
+}
+
+/// A record of that peer, with those bits of its mask set.
+inline tarv_arp_data_t record(u32 peer, u32 mask, u16 lid = 0) {
+    tarv_arp_data_t result = {};
+    result.mask = mask;
+    result.dst_ip = peer;
+    result.lid = lid;
+    return result;
+}
+
+/// Adds an entry to the cache, which owns it.
+inline tarv_hash_entry_t* add(const tarv_arp_data_t& data) {
+    auto* entry = static_cast<tarv_hash_entry_t*>(kmalloc(sizeof(tarv_hash_entry_t), GFP_KERNEL));
+    *entry = {};
+    entry->arp_data = data;
+    tarv_aim_paths(&entry->arp_data);
+    tarv_hash_add_entry(entry);
+    return entry;
+}
+
+inline tarv_hash_t& table() TA_NO_ANALYSIS {
+    return tarv_table;
+}
+
+/// What a client's callback was told.
+struct Reply {
+    std::string client;
+    tarv_stat_t status;
+    bool with_record;
+    tarv_arp_data_t record;
+    unsigned long tick;
+};
+
+/// A client; it is its requests' context and writes its replies down in order with those of others.
+struct Client {
+    std::string name;
+    std::vector<Reply>& replies;
+
+    static void reply(tarv_stat_t status, tarv_arp_data_t* answer, void* context) {
+        host::must_hold_no_lock("a reply callback");
+        const auto* client = static_cast<const Client*>(context);
+        client->replies.push_back({client->name, status, answer != nullptr,
+                                   answer ? *answer : tarv_arp_data_t{}, jiffies()});
+    }
+};
+
+/// A request as its maker leaves it on a list, with that client's callback. The list owns it.
+inline tarv_list_entry_t* request(u32 req_ip, tarv_paths_t paths = tarv_paths_none,
+                                  Client* client = nullptr) {
+    auto* entry = static_cast<tarv_list_entry_t*>(kmalloc(sizeof(tarv_list_entry_t), GFP_KERNEL));
+    *entry = {};
+    entry->req_ip = req_ip;
+    entry->requested_paths = paths;
+    if (client) {
+        entry->reply_cb = reinterpret_cast<void*>(&Client::reply);
+        entry->context = client;
+    }
+    return entry;
+}
+
+}  // namespace support

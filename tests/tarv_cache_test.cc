@@ -1,0 +1,465 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The address cache: single entries, purges, the lookup by GID, what is logged, and the two texts
+// that the table is rendered into.
+#include <functional>
+#include <utility>
+
+#include "host/faults.h"
+#include "host/services.h"
+#include "tests/support/kernel_test.h"
+#include "tests/support/records.h"
+
+namespace {
+
+using support::add;
+using support::gid;
+using support::ip;
+using support::ip_in_bucket;
+using support::Lines;
+using support::logged;
+using support::record;
+using support::table;
+
+constexpr char unit[] = "tarv_arp_hash";
+
+class Cache : public support::KernelTest {
+  protected:
+    Cache() { tarv_hash_init(); }
+    void TearDown() override {
+        tarv_hash_destroy();
+        KernelTest::TearDown();
+    }
+
+    /// The LID of the entry that a lookup finds, or -1. LIDs tell a test's entries apart.
+    static int found(u32 address) {
+        tarv_arp_data_t data;
+        return tarv_hash_get_entry_data(address, &data) == tarv_stat_ok ? data.lid : -1;
+    }
+
+    /// What the entries' LIDs are, from first to last of the table.
+    static std::vector<int> lids() {
+        std::vector<int> result;
+        for (const tarv_hash_entry_t* head : table().hash_buckets)
+            for (const tarv_hash_entry_t* entry = head; entry; entry = entry->next)
+                result.push_back(entry->arp_data.lid);
+        EXPECT_EQ(result.size(), table().size);
+        return result;
+    }
+};
+
+struct Bucket {
+    const char* name;
+    const char* address;
+    u32 bucket;
+};
+class Hash : public testing::TestWithParam<Bucket> {};
+TEST_P(Hash, FallsInto) {
+    EXPECT_EQ(tarv_hash_func(ip(GetParam().address)), GetParam().bucket);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Addresses, Hash,
+    testing::Values(Bucket{"nothing", "0.0.0.0", 0}, Bucket{"first_host", "10.0.0.1", 10},
+                    Bucket{"second_host", "10.0.0.2", 9}, Bucket{"class_c", "192.168.1.20", 18},
+                    Bucket{"high_bit", "0.0.0.128", 16}, Bucket{"broadcast", "255.255.255.255", 0}),
+    support::row_name);
+
+/// An operation on a table that holds 10.0.0.1, what it returns, and all that it logs.
+struct Logging {
+    const char* name;
+    std::function<tarv_stat_t()> operation;
+    tarv_stat_t status;
+    Lines lines;
+};
+tarv_hash_entry_t* taken;
+tarv_hash_entry_t copied;
+tarv_arp_data_t new_data = record(ip("10.0.0.1"), TARV_MASK_LID, 2);
+
+class CacheLog : public Cache, public testing::WithParamInterface<Logging> {};
+TEST_P(CacheLog, ShowsWhatHappened) {
+    taken = nullptr;
+    add(record(ip("10.0.0.1"), TARV_MASK_DST_IP | TARV_MASK_LID, 1));
+    trace(TARV_DEBUG);
+    EXPECT_EQ(GetParam().operation(), GetParam().status);
+    EXPECT_EQ(console(), GetParam().lines);
+    kfree(taken);
+}
+const u32 known = ip("10.0.0.1");
+const u32 unknown = ip("10.0.0.2");
+INSTANTIATE_TEST_SUITE_P(
+    Operations, CacheLog,
+    testing::Values(
+        Logging{"get",
+                [] { return tarv_hash_get_entry(known, &copied); },
+                tarv_stat_ok,
+                {"DEBUG   : TARV : tarv_hash_get_entry:(tarv_arp_hash):IP: 0100000A found."}},
+        Logging{"exists",
+                [] { return tarv_hash_get_entry(known, nullptr); },
+                tarv_stat_ok,
+                {logged(TARV_DEBUG, unit, "tarv_hash_get_entry", "IP: 0100000A found.")}},
+        Logging{"get_missing", [] { return tarv_hash_get_entry(unknown, &copied); },
+                tarv_stat_not_found, Lines{}},
+        Logging{"get_data",
+                [] { return tarv_hash_get_entry_data(known, nullptr); },
+                tarv_stat_ok,
+                {logged(TARV_DEBUG, unit, "tarv_hash_get_entry_data", "IP: 0100000A found.")}},
+        Logging{"remove",
+                [] { return tarv_hash_remove_entry(known, &taken); },
+                tarv_stat_ok,
+                {logged(TARV_DEBUG, unit, "tarv_hash_remove_entry",
+                        "IP: 0100000A found and removed.")}},
+        Logging{"remove_missing", [] { return tarv_hash_remove_entry(unknown, &taken); },
+                tarv_stat_not_found, Lines{}},
+        Logging{"update",
+                [] { return tarv_hash_update_ib_data(known, &new_data); },
+                tarv_stat_ok,
+                {logged(TARV_DEBUG, unit, "tarv_hash_update_ib_data", "IP: 0100000A found.")}},
+        Logging{"update_missing", [] { return tarv_hash_update_ib_data(unknown, &new_data); },
+                tarv_stat_not_found, Lines{}},
+        Logging{"remove_all_twice",
+                [] { return tarv_hash_remove_all(), tarv_hash_remove_all(); },
+                tarv_stat_ok,
+                {logged(TARV_DEBUG, unit, "tarv_hash_remove_all", "The ARP table is empty.")}},
+        Logging{"purge_empty",
+                [] {
+                    tarv_hash_remove_all();
+                    gx_gid_t sgid = gid(1);
+                    return tarv_hash_remove_entries_by_sgid(&sgid);
+                },
+                tarv_stat_ok,
+                {logged(TARV_DEBUG, unit, "tarv_hash_remove_entries_by_sgid",
+                        "The ARP table is empty.")}}),
+    support::row_name);
+
+struct Levels {
+    const char* name;
+    int host;
+    int module;
+    std::size_t lines;
+};
+class LogLevels : public Cache, public testing::WithParamInterface<Levels> {};
+TEST_P(LogLevels, BothMustAllowALine) {
+    add(record(known, TARV_MASK_DST_IP));
+    host::set_logger_level(GetParam().host);
+    write_once(TARV_trace_level, GetParam().module);
+    tarv_hash_get_entry(known, nullptr);  // DEBUG
+    EXPECT_EQ(console().size(), GetParam().lines);
+}
+INSTANTIATE_TEST_SUITE_P(Pairs, LogLevels,
+                         testing::Values(Levels{"both_at_it", 4, 4, 1},
+                                         Levels{"both_above", 5, 5, 1},
+                                         Levels{"host_below", 3, 5, 0},
+                                         Levels{"module_below", 5, 3, 0}),
+                         support::row_name);
+
+/// A chain of entries for one address, newest first, one letter each: s for a static one, d for
+/// another. Their LIDs are their places.
+struct Protection {
+    const char* name;
+    const char* chain;
+    u8 statics_inv;
+    int affected;  ///< place of the entry that is removed or replaced, -1 for none
+};
+class StaticEntries : public Cache, public testing::WithParamInterface<Protection> {
+  protected:
+    StaticEntries() {
+        const std::string chain = GetParam().chain;
+        for (std::size_t i = chain.size(); i-- > 0;)
+            add(record(known, chain[i] == 's' ? TARV_MASK_STATIC : 0u, static_cast<u16>(i)));
+        write_once(statics_inv_enabled, GetParam().statics_inv);
+    }
+    const tarv_stat_t status = GetParam().affected < 0 ? tarv_stat_not_found : tarv_stat_ok;
+};
+TEST_P(StaticEntries, AreRemovedOrPassedOver) {
+    auto* const untouched = reinterpret_cast<tarv_hash_entry_t*>(0x10);
+    tarv_hash_entry_t* entry = untouched;
+    std::vector<int> expected = lids();
+    ASSERT_EQ(tarv_hash_remove_entry(known, &entry), status);
+    if (entry == untouched) {
+        EXPECT_EQ(GetParam().affected, -1);
+    } else {
+        EXPECT_EQ(entry->arp_data.lid, GetParam().affected);
+        std::erase(expected, GetParam().affected);
+        kfree(entry);
+    }
+    EXPECT_EQ(lids(), expected);
+}
+TEST_P(StaticEntries, AreReplacedOrPassedOver) {
+    tarv_arp_data_t data = record(known, TARV_MASK_LID, 99);
+    std::vector<int> expected = lids();
+    EXPECT_EQ(tarv_hash_update_ib_data(known, &data), status);
+    if (GetParam().affected >= 0)
+        expected[static_cast<std::size_t>(GetParam().affected)] = 99;
+    EXPECT_EQ(lids(), expected);
+}
+INSTANTIATE_TEST_SUITE_P(Chains, StaticEntries,
+                         testing::Values(Protection{"one_protected", "s", 0, -1},
+                                         Protection{"one_open", "s", 1, 0},
+                                         Protection{"dynamic_behind_protected", "ssd", 0, 2},
+                                         Protection{"dynamic_behind_open", "sd", 1, 0},
+                                         Protection{"dynamic_in_front", "ds", 0, 0},
+                                         Protection{"middle_of_three", "sds", 0, 1}),
+                         support::row_name);
+
+TEST_F(Cache, ShowsTheNewestOfDuplicatesAndThenTheOlder) {
+    add(record(known, 0, 1));
+    add(record(known, 0, 2));
+    EXPECT_EQ(found(known), 2);
+    EXPECT_EQ(table().size, 2u);
+    tarv_hash_entry_t* entry = nullptr;
+    ASSERT_EQ(tarv_hash_remove_entry(known, &entry), tarv_stat_ok);
+    kfree(entry);
+    EXPECT_EQ(found(known), 1);
+    EXPECT_EQ(table().size, 1u);
+}
+
+TEST_F(Cache, CopiesWholeEntriesAimedAtThemselves) {
+    tarv_arp_data_t data = record(known, 0x180, 7);
+    data.paths_count = 2;
+    data.paths[1].dlid = 9;
+    const unsigned long added = jiffies();
+    add(data);
+    kernel.advance(5);
+    tarv_hash_entry_t entry = {};
+    ASSERT_EQ(tarv_hash_get_entry(known, &entry), tarv_stat_ok);
+    EXPECT_EQ(entry.timestamp, added);
+    EXPECT_EQ(entry.arp_data.lid, 7);
+    EXPECT_EQ(entry.arp_data.primary_path, &entry.arp_data.paths[0]);
+    EXPECT_EQ(entry.arp_data.secondary_path->dlid, 9);
+    tarv_hash_get_entry(known, &entry);
+    EXPECT_EQ(entry.timestamp, added + 5) << "the first lookup was a use";
+}
+
+TEST_F(Cache, ReplacesTheWholeRecord) {
+    tarv_arp_data_t old = record(known, 0xFFFF, 1);
+    old.paths_count = 2;
+    tarv_hash_entry_t* entry = add(old);
+    tarv_arp_data_t data = record(known, TARV_MASK_LID | TARV_MASK_SECONDARY_PATH, 2);
+    for (const u8 queries : {1, 0}) {
+        write_once(sa_queries_enabled, queries);
+        tarv_hash_update_ib_data(known, &data);
+        EXPECT_EQ(entry->arp_data.mask, TARV_MASK_LID | TARV_MASK_SECONDARY_PATH);
+        EXPECT_EQ(entry->arp_data.paths_count, 0);
+        EXPECT_EQ(entry->arp_data.primary_path, &entry->arp_data.paths[0]);
+        EXPECT_EQ(entry->arp_data.secondary_path, &entry->arp_data.paths[1]);
+    }
+}
+
+/// Operations that are a use of an entry.
+struct Use {
+    const char* name;
+    std::function<void()> operation;
+    bool refreshes;
+};
+class Uses : public Cache, public testing::WithParamInterface<Use> {};
+TEST_P(Uses, RefreshTheAge) {
+    tarv_arp_data_t data = record(known, 0);
+    data.gid = gid(1);
+    const tarv_hash_entry_t* entry = add(data);
+    const unsigned long added = jiffies();
+    kernel.advance(7);
+    GetParam().operation();
+    EXPECT_EQ(entry->timestamp, added + (GetParam().refreshes ? 7 : 0));
+}
+ib_path_record_v2_t a_path = support::path(gid(1), gid(2), 3);
+gx_gid_t first_gid = gid(1), second_gid = gid(2);
+INSTANTIATE_TEST_SUITE_P(
+    Operations, Uses,
+    testing::Values(
+        Use{"existence", [] { tarv_hash_get_entry(known, nullptr); }, true},
+        Use{"lookup", [] { tarv_hash_get_entry_data(known, nullptr); }, true},
+        Use{"other_lookup", [] { tarv_hash_get_entry_data(unknown, nullptr); }, false},
+        Use{"update", [] { tarv_hash_update_ib_data(known, &new_data); }, true},
+        Use{"by_gid", [] { tarv_hash_seq_cache_lookup(&first_gid, &copied.arp_data); }, true},
+        Use{"other_gid", [] { tarv_hash_seq_cache_lookup(&second_gid, &copied.arp_data); }, false},
+        Use{"set_paths", [] { tarv_hash_set_paths(known, nullptr, nullptr); }, true},
+        Use{"update_paths",
+            [] { tarv_hash_update_paths(known, &a_path, 0, tarv_paths_both, nullptr); }, true},
+        Use{"dump", [] { tarv_hash_dump(); }, false},
+        Use{"purge", [] { tarv_hash_remove_entries_by_sgid(&second_gid); }, false}),
+    support::row_name);
+
+/// Whether an entry with that mask goes when the port with GID 1 goes. Its paths start at these.
+struct Purge {
+    const char* name;
+    u32 mask;
+    u8 primary_sgid;
+    u8 secondary_sgid;
+    bool removed;
+};
+class PurgeBySgid : public Cache, public testing::WithParamInterface<Purge> {};
+TEST_P(PurgeBySgid, TakesThePathsOfThePort) {
+    tarv_arp_data_t data = record(known, GetParam().mask);
+    data.paths[0].sgid = gid(GetParam().primary_sgid);
+    data.paths[1].sgid = gid(GetParam().secondary_sgid);
+    add(data);
+    EXPECT_EQ(tarv_hash_remove_entries_by_sgid(&first_gid), tarv_stat_ok);
+    EXPECT_EQ(found(known), GetParam().removed ? -1 : 0);
+}
+INSTANTIATE_TEST_SUITE_P(Masks, PurgeBySgid,
+                         testing::Values(Purge{"primary", 0x080, 1, 2, true},
+                                         Purge{"secondary_only", 0x180, 2, 1, true},
+                                         Purge{"static_too", 0x8080, 1, 2, true},
+                                         Purge{"other_port", 0x180, 2, 3, false},
+                                         Purge{"no_valid_path", 0x000, 1, 1, false},
+                                         Purge{"primary_not_valid", 0x100, 1, 2, false},
+                                         Purge{"secondary_not_valid", 0x080, 2, 1, false}),
+                         support::row_name);
+
+TEST_F(Cache, PurgesAnyPlaceOfAChain) {
+    for (u16 i = 0; i < 7; i++) {  // newest first: 6 to 0
+        tarv_arp_data_t data = record(ip_in_bucket(5, i), TARV_MASK_PRIMARY_PATH, i);
+        data.paths[0].sgid = gid(i == 6 || i == 5 || i == 3 || i == 0 ? 1 : 2);
+        add(data);
+    }
+    tarv_hash_remove_entries_by_sgid(&first_gid);
+    EXPECT_EQ(lids(), (std::vector<int>{4, 2, 1}));
+}
+
+TEST_F(Cache, FindsByGidInTableOrderWhateverTheMask) {
+    const auto add_with_gid = [](u32 address, u16 lid) {
+        tarv_arp_data_t data = record(address, 0, lid);
+        data.gid = gid(1);
+        add(data);
+    };
+    tarv_arp_data_t out = {};
+    EXPECT_EQ(tarv_hash_seq_cache_lookup(&first_gid, &out), tarv_stat_not_found);
+    for (u16 i = 0; i < 3; i++) {  // each is found before those that were there
+        add_with_gid(ip_in_bucket(7u - 3 * (i > 0), i), i);
+        ASSERT_EQ(tarv_hash_seq_cache_lookup(&first_gid, &out), tarv_stat_ok);
+        EXPECT_EQ(out.lid, i);
+        EXPECT_EQ(out.primary_path, &out.paths[0]);
+    }
+    add_with_gid(ip_in_bucket(31), 9);
+    tarv_hash_seq_cache_lookup(&first_gid, &out);
+    EXPECT_EQ(out.lid, 2);
+}
+
+TEST_F(Cache, TracesALookupByGid) {
+    const tarv_hash_entry_t* old = add(record(ip_in_bucket(1, 0), 0));
+    const tarv_hash_entry_t* young = add(record(ip_in_bucket(1, 1), 0));
+    trace(TARV_FUNC);
+    gx_gid_t zero = {};
+    tarv_hash_seq_cache_lookup(&zero, &copied.arp_data);
+    const auto line = [](const std::string& text) {
+        return logged(TARV_FUNC, unit, "tarv_hash_seq_cache_lookup", text);
+    };
+    EXPECT_EQ(console(), (Lines{line("Checking Bucket: 0"), line("Checking Bucket: 1"),
+                                line(host::kformat("\tChecking Entry: %p (next: %p)", young, old)),
+                                line("Entry found !!! ")}));
+    zero = gid(9);
+    tarv_hash_seq_cache_lookup(&zero, &copied.arp_data);
+    EXPECT_EQ(console().size(), 34u) << "32 buckets, 2 entries";
+}
+
+TEST_F(Cache, DumpsToTheConsoleWhateverTheLevels) {
+    host::set_logger_level(0);
+    tarv_arp_data_t data = record(ip("10.0.0.1"), TARV_MASK_DST_IP | TARV_MASK_QPN, 0x1234);
+    data.qpn = 0x48;
+    add(data);
+    add(record(ip_in_bucket(10, 100), TARV_MASK_LID, 0xABCD));
+    add(record(ip("192.168.1.20"), TARV_MASK_DST_IP));
+    tarv_hash_dump();
+    EXPECT_EQ(console(),
+              (Lines{"", "", "IB-Arp Table entries: 3", "********************",
+                     "Ip             \tLid     \tQPN     ", "NA      \t0x0000ABCD\tNA      ",
+                     "010.000.000.001\tNA      \t0x00000048", "192.168.001.020\tNA      \tNA      ",
+                     "", ""}));
+}
+
+// The text in the layout of the kernel's own ARP table.
+
+/// Renders, and checks the buffer's size.
+std::string render(std::size_t room) {
+    char* buffer = nullptr;
+    u32 length = 1;
+    const std::size_t before = host::memory_use().bytes;
+    tarv_hash_print_to_string(&buffer, &length);
+    EXPECT_EQ(host::memory_use().bytes - before, room);
+    EXPECT_EQ(buffer[length], '\0');
+    std::string text(buffer, length);
+    kfree(buffer);
+    return text;
+}
+const std::string header =
+    "IP address       HW type     Flags       HW address            Mask     Device\n";
+
+class TextSizes : public Cache, public testing::WithParamInterface<int> {};
+TEST_P(TextSizes, AreExact) {
+    const auto n = static_cast<std::size_t>(GetParam());
+    for (std::size_t i = 0; i < n; i++)
+        add(record(~static_cast<u32>(i), 0xFFFFFFFF, 0xFFFF));
+    EXPECT_EQ(render(80 * (n + 1)).size(), 79 + 78 * n);
+}
+INSTANTIATE_TEST_SUITE_P(Entries, TextSizes, testing::Values(0, 1, 2, 100));
+
+struct TextLine {
+    const char* name;
+    const char* address;
+    u32 mask;
+    u16 lid;
+    const char* line;
+};
+class TextLines : public Cache, public testing::WithParamInterface<TextLine> {};
+TEST_P(TextLines, AreInColumns) {
+    add(record(ip(GetParam().address), GetParam().mask, GetParam().lid));
+    EXPECT_EQ(render(160), header + GetParam().line);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Entries, TextLines,
+    testing::Values(
+        TextLine{"usual", "10.0.0.1", 0x21F, 5,
+                 "10.0.0.1         0x1         0x21f       00:AA:00:00:00:05     *        ipoib\n"},
+        TextLine{"lid_without_mask", "192.168.1.20", 0, 0x1234,
+                 "192.168.1.20     0x1         0x0         00:AA:00:00:12:34     *        ipoib\n"},
+        TextLine{
+            "longest", "255.255.255.255", 0xFFFFFFFF, 0xFEDC,
+            "255.255.255.255  0x1         0xffffffff  00:AA:00:00:FE:DC     *        ipoib\n"}),
+    support::row_name);
+
+TEST_F(Cache, RendersInTableOrder) {
+    add(record(ip("10.0.0.1"), 0));  // bucket 10
+    add(record(ip("10.0.0.2"), 0));  // bucket 9
+    add(record(ip_in_bucket(10, 50), 0, 0x77));
+    const std::string text = render(4 * 80);
+    EXPECT_EQ(text.find("10.0.0.2 "), header.size());
+    EXPECT_NE(text.substr(header.size() + 78, 78).find(":00:77 "), std::string::npos);
+    EXPECT_EQ(text.find("10.0.0.1 "), header.size() + 2 * 78);
+}
+
+TEST_F(Cache, NeverOverrunsItsBuffer) {
+    for (u32 i = 1; i <= 5; i++)
+        add(record(i, 0));
+    // As if they had been added between the look at the size and the lock.
+    for (const u32 seen : {0u, 2u}) {
+        table().size = seen;
+        EXPECT_EQ(render(80 * (seen + 1)).size(), 79 + 78 * seen);
+    }
+    table().size = 5;
+}
+
+TEST_F(Cache, RendersNothingWithoutMemory) {
+    trace(TARV_ERROR);
+    host::fail_nth("kmalloc", 1);
+    char* buffer = reinterpret_cast<char*>(0x10);
+    u32 length = 1;
+    tarv_hash_print_to_string(&buffer, &length);
+    EXPECT_EQ(buffer, nullptr);
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(console(), (Lines{logged(TARV_ERROR, unit, "tarv_hash_print_to_string",
+                                       "Can't allocate output buffer.")}));
+}
+
+TEST_F(Cache, DestroysWhatItHolds) {
+    for (u32 i = 1; i <= 100; i++)
+        add(record(i, i % 2 ? TARV_MASK_STATIC : 0u));
+    trace(TARV_DEBUG);
+    tarv_hash_destroy();
+    EXPECT_EQ(console(), Lines{});
+    EXPECT_EQ(lids(), std::vector<int>{});
+    tarv_hash_destroy();
+    EXPECT_EQ(console(),
+              (Lines{logged(TARV_DEBUG, unit, "tarv_hash_destroy", "The ARP table is empty.")}));
+}
+
+}  // namespace
