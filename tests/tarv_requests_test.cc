@@ -1,0 +1,423 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The two lists of pending requests: when a request times out, who takes it, in which order, and
+// what is shown of it. What both lists do is tested on both.
+#include <algorithm>
+#include <deque>
+#include <functional>
+
+#include "tests/support/kernel_test.h"
+#include "tests/support/records.h"
+
+namespace {
+
+using support::Client;
+using support::gid;
+using support::ip;
+using support::Lines;
+using support::logged;
+using support::Reply;
+
+/// One of the two lists, by its operations.
+struct List {
+    const char* name;
+    const char* unit;
+    unsigned long limit;  ///< ticks that a request may wait
+    tarv_list_t& (*list)();
+    tarv_stat_t (*add)(tarv_list_entry_t*);
+    tarv_stat_t (*remove)(tarv_list_entry_t*);
+    int (*num_identical)(tarv_list_entry_t*);
+    void (*handler)(unsigned long);
+    void (*dump)();
+    const char* title;
+};
+tarv_list_t& arp_requests() TA_NO_ANALYSIS {
+    return requests;
+}
+tarv_list_t& path_requests() TA_NO_ANALYSIS {
+    return sa_requests;
+}
+const List arp_list = {"arp",
+                       "tarv_req_list",
+                       1000,
+                       arp_requests,
+                       tarv_add_arp_request,
+                       tarv_remove_arp_request,
+                       tarv_num_identical_reqs,
+                       tarv_req_timer_handler,
+                       tarv_req_list_dump,
+                       "Pending ib-arp requests: "};
+const List sa_list = {"sa",
+                      "tarv_sa_req_list",
+                      3000,
+                      path_requests,
+                      tarv_sa_add_request,
+                      tarv_sa_remove_request,
+                      tarv_sa_num_identical_reqs,
+                      tarv_sa_req_timer_handler,
+                      tarv_sa_req_list_dump,
+                      "Pending sa requests: "};
+
+class Requests : public support::KernelTest {
+  protected:
+    /// A request that times out is not made again, unless a test says so.
+    explicit Requests(unsigned long first_jiffy = 1000) : KernelTest(first_jiffy) {
+        tarv_hash_init();
+        tarv_req_list_init();
+        tarv_sa_req_list_init();
+        write_once(get_data_retry, 0);
+        write_once(tarv_media_reset, 0);
+    }
+    void TearDown() override {
+        tarv_sa_req_list_destroy();
+        tarv_req_list_destroy();
+        tarv_hash_destroy();
+        KernelTest::TearDown();
+    }
+
+    /// A request of a client of that name.
+    tarv_list_entry_t* request(const char* client, const char* address = "10.0.0.1",
+                               tarv_paths_t paths = tarv_paths_primary) {
+        clients_.push_back({client, replies});
+        return support::request(ip(address), paths, &clients_.back());
+    }
+
+    /// The clients that were answered since the last call, in order.
+    std::string answered() {
+        std::string names;
+        for (const Reply& reply : replies)
+            names += reply.client;
+        replies.clear();
+        return names;
+    }
+
+    /// The clients whose requests are on the list, from its head, checked against its count.
+    static std::string waiting(const List& list) {
+        std::string names;
+        for (const tarv_list_entry_t* entry : tarv_request_list(list.list().head))
+            names += static_cast<const Client*>(entry->context)->name;
+        EXPECT_EQ(names.size(), list.list().count);
+        return names;
+    }
+
+    std::vector<Reply> replies;
+
+  private:
+    std::deque<Client> clients_;
+};
+
+class BothLists : public Requests,
+                  public testing::WithParamInterface<std::tuple<List, unsigned long>> {
+  protected:
+    BothLists() : Requests(std::get<1>(GetParam())) {}
+    const List& list = std::get<0>(GetParam());
+
+    std::string line(const std::string& text) const {
+        return logged(TARV_FUNC, list.unit,
+                      std::string(list.unit) == "tarv_req_list" ? "tarv_req_timer_handler"
+                                                                : "tarv_sa_req_timer_handler",
+                      text);
+    }
+};
+
+TEST_P(BothLists, TimeOutAtTheFirstRunAfterTheLimit) {
+    const unsigned long start = jiffies();
+    list.add(request("a"));
+    kernel.advance(1);
+    list.add(request("b"));
+    kernel.advance(998);
+    list.add(request("c"));
+    kernel.advance(start + list.limit - 1 - jiffies());
+    EXPECT_EQ(waiting(list), "cba");
+    kernel.advance(10000);
+    ASSERT_EQ(replies.size(), 3u);
+    EXPECT_EQ(replies[0].tick, start + list.limit);
+    EXPECT_EQ(replies[1].tick, start + list.limit + 1000);
+    EXPECT_EQ(replies[2].tick, start + list.limit + 1000);
+    EXPECT_EQ(replies[0].status, tarv_stat_timeout);
+    EXPECT_FALSE(replies[0].with_record);
+    EXPECT_EQ(answered(), "abc") << "oldest first";
+    EXPECT_EQ(waiting(list), "");
+}
+
+TEST_P(BothLists, ResetTheMediaForArpOnly) {
+    kernel.advance(5000);
+    EXPECT_EQ(tarv_media_reset, 0);
+    list.add(request("a"));
+    trace(TARV_DEBUG);
+    kernel.advance(5000);
+    EXPECT_EQ(tarv_media_reset, list.limit == 1000 ? 1 : 0);
+    Lines expected = {logged(TARV_DEBUG, "tarv_api", "tarv_retry_ib_data_request",
+                             "maximum number of retries. stopped trying.")};
+    if (list.limit == 1000)
+        expected.insert(expected.begin(),
+                        logged(TARV_DEBUG, list.unit, "tarv_req_timer_handler",
+                               "*** At least one timeout found resetting media ***"));
+    EXPECT_EQ(console(), expected);
+}
+
+TEST_P(BothLists, LeaveBusyRequestsAlone) {
+    tarv_list_entry_t* busy = request("b");
+    tarv_set_request_static_flag(busy);
+    list.add(busy);
+    kernel.advance(10000);
+    write_once(halted, 1);
+    list.handler(0);
+    EXPECT_EQ(answered(), "");
+    tarv_clear_request_static_flag(busy);
+    list.handler(0);
+    EXPECT_EQ(answered(), "b");
+}
+
+TEST_P(BothLists, EmptyAndRestWhenHalted) {
+    kernel.advance(999);
+    for (const char* client : {"a", "b", "c"})
+        list.add(request(client));
+    write_once(halted, 1);
+    kernel.advance(1);
+    EXPECT_EQ(answered(), "abc") << "whatever their age";
+    list.add(request("d"));
+    kernel.advance(10000);
+    EXPECT_EQ(waiting(list), "d") << "the timer was not started again";
+}
+
+TEST_P(BothLists, CountRequestsForTheSame) {
+    tarv_list_entry_t* asked = request("x");
+    EXPECT_EQ(list.num_identical(asked), 0);
+    list.add(request("a"));
+    list.add(request("b", "10.0.0.2"));
+    list.add(request("c", "10.0.0.1", tarv_paths_both));
+    list.add(request("d"));
+    EXPECT_EQ(list.num_identical(asked), 2);
+    list.add(asked);
+    EXPECT_EQ(list.num_identical(asked), 3) << "itself included";
+    list.remove(asked);
+    EXPECT_EQ(list.num_identical(asked), 2);
+    EXPECT_EQ(waiting(list), "dcba");
+    kfree(asked);
+}
+
+TEST_P(BothLists, DumpWhateverTheLevels) {
+    host::set_logger_level(0);
+    list.dump();
+    const Lines head = {"***********************", "Req Ip  \tSrc Ip  \tFWD"};
+    EXPECT_EQ(console(), (Lines{"", "", list.title + std::string("0"), head[0], head[1], "", ""}));
+    tarv_list_entry_t* entry = request("a", "10.0.0.1");
+    entry->src_ip = ip("192.168.1.20");
+    entry->is_from_fwd = 2;
+    list.add(entry);
+    list.add(request("b", "255.1.22.3"));
+    list.dump();
+    EXPECT_EQ(console(), (Lines{"", "", list.title + std::string("2"), head[0], head[1],
+                                "255.001.022.003\t000.000.000.000\tNo ",
+                                "010.000.000.001\t192.168.001.020\tYes", "", ""}));
+}
+
+TEST_P(BothLists, TraceAddingAndTimingOut) {
+    tarv_list_entry_t* due = request("a");
+    trace(TARV_FUNC);
+    const bool arp = list.limit == 1000;
+    list.add(due);
+    EXPECT_EQ(console(), (Lines{logged(TARV_DEBUG, list.unit,
+                                       arp ? "tarv_add_arp_request" : "tarv_sa_add_request",
+                                       arp ? host::kformat("Added req: %p", due)
+                                           : host::kformat("Added SA req: %p", due))}));
+    trace(TARV_PANIC);
+    kernel.advance(list.limit - 1);
+    tarv_list_entry_t* busy = request("b");
+    tarv_set_request_static_flag(busy);
+    list.add(busy);
+    trace(TARV_FUNC);
+    kernel.advance(1);
+    const char* checking = arp ? "Checking request entry: <0x%p>"
+                               : "Checking sa request entry: <0x%p>, static flag:%d";
+    const Lines lines = console();
+    Lines expected = {line(host::kformat(checking, busy, 1)), line(host::kformat(checking, due, 0)),
+                      line("\t\t-> timeouted!")};
+    if (arp)
+        expected.push_back(line("All the timeouted requests processed."));
+    const std::string found = line(host::kformat("found entry : 0x%p", due));
+    ASSERT_GE(lines.size(), expected.size() + 2);
+    EXPECT_EQ(Lines(lines.begin(), lines.begin() + static_cast<long>(expected.size())), expected);
+    // An ARP request is announced before its retry, an SA request is freed after all retries.
+    EXPECT_EQ(lines[lines.size() - (arp ? 2 : 1)], found);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lists, BothLists,
+                         testing::Combine(testing::Values(arp_list, sa_list),
+                                          testing::Values(1000ul, support::before_wrap)),
+                         [](const auto& row) {
+                             return std::string(std::get<0>(row.param).name) +
+                                    (std::get<1>(row.param) == 1000 ? "" : "_at_the_wrap");
+                         });
+
+TEST_F(Requests, OfAnAddressAreTakenOldestFirst) {
+    list_head found;
+    tarv_list_entry_t* busy = request("b");
+    tarv_set_request_static_flag(busy);
+    tarv_add_arp_request(request("a"));
+    tarv_add_arp_request(request("x", "10.0.0.2"));
+    tarv_add_arp_request(busy);
+    tarv_add_arp_request(request("c", "10.0.0.1", tarv_paths_both));
+    ASSERT_EQ(tarv_find_and_move_arp_requests_to_list(ip("10.0.0.1"), &found), tarv_stat_ok);
+    EXPECT_EQ(waiting(arp_list), "x");
+    std::string names;
+    while (tarv_list_entry_t* entry = tarv_found_list(found).pop()) {
+        names += static_cast<const Client*>(entry->context)->name;
+        kfree(entry);
+    }
+    EXPECT_EQ(names, "abc");
+    found = {};  // what it held does not matter
+    EXPECT_EQ(tarv_find_and_move_arp_requests_to_list(ip("10.0.0.1"), &found), tarv_stat_not_found);
+    EXPECT_TRUE(list_empty(&found));
+}
+
+TEST_F(Requests, TellTheirMakerThatTheyWereTaken) {
+    for (const bool drop : {false, true}) {
+        tarv_maker_t maker = {};
+        tarv_list_entry_t* entry = request("a");
+        entry->maker = &maker;
+        tarv_set_request_static_flag(entry);
+        tarv_add_arp_request(entry);
+        EXPECT_TRUE(tarv_release_arp_request(entry, &maker, drop));
+        EXPECT_EQ(tarv_get_request_static_flag(entry), 0);
+        EXPECT_EQ(entry->reply_cb == nullptr, drop);
+        entry->maker = &maker;
+        list_head found;
+        tarv_find_and_move_arp_requests_to_list(entry->req_ip, &found);
+        kfree(entry);
+        EXPECT_FALSE(tarv_release_arp_request(entry, &maker, drop));
+    }
+}
+
+TEST_F(Requests, AreDroppedByOneListAndAnsweredByTheOther) {
+    tarv_add_arp_request(request("a"));
+    tarv_req_list_destroy();
+    EXPECT_EQ(answered(), "");
+    write_once(halted, 1);
+    tarv_sa_add_request(request("b"));
+    tarv_sa_add_request(request("c"));
+    tarv_sa_req_list_destroy();
+    EXPECT_EQ(answered(), "cb") << "from the head";
+}
+
+// Answers of the SA.
+
+/// A waiting request: its client, what it waits for, whether it is busy, and whether the cache
+/// knows its address.
+struct Waiting {
+    const char* client;
+    const char* address;
+    u8 gid;
+    tarv_paths_t paths;
+    bool busy;
+    bool cached;
+};
+/// An answer of `count` paths towards GID 1: who is handed over, who waits on (newest first), and
+/// how often an error is logged.
+struct Matching {
+    const char* name;
+    std::vector<Waiting> waiting;  ///< oldest first
+    int count;
+    const char* handed_over;
+    const char* left;
+    std::size_t errors;
+};
+class PathAnswers : public Requests, public testing::WithParamInterface<Matching> {};
+TEST_P(PathAnswers, GoToThoseTheySatisfy) {
+    const Matching& row = GetParam();
+    for (const Waiting& one : row.waiting) {
+        tarv_list_entry_t* entry = request(one.client, one.address, one.paths);
+        entry->dgid = gid(one.gid);
+        entry->not_valid = 1;
+        atomic_set(&entry->static_flag, one.busy);
+        tarv_sa_add_request(entry);
+        EXPECT_EQ(entry->not_valid, 0);
+        if (one.cached && tarv_hash_get_entry(entry->req_ip, nullptr) == tarv_stat_not_found)
+            support::add(support::record(entry->req_ip, 0));
+    }
+    trace(TARV_ERROR);
+    ib_path_record_v2_t paths[3] = {support::path(gid(1), gid(0x40), 7),
+                                    support::path(gid(1), gid(0x50), 8),
+                                    support::path(gid(9), gid(0x60), 9)};
+    list_head found;
+    const tarv_stat_t status = tarv_sa_find_and_move_requests_to_list(paths, row.count, 1, &found);
+    EXPECT_EQ(console(), Lines(row.errors, logged(TARV_ERROR, "tarv_sa_req_list",
+                                                  "tarv_sa_find_and_move_requests_to_list",
+                                                  "tarv_hash_update_paths() failed. returned "
+                                                  "-253")));
+    std::string handed_over;
+    while (tarv_list_entry_t* entry = tarv_found_list(found).pop()) {
+        handed_over += static_cast<const Client*>(entry->context)->name;
+        tarv_arp_data_t data = {};
+        tarv_hash_get_entry_data(entry->req_ip, &data);
+        EXPECT_EQ(data.paths_count, row.count);
+        EXPECT_EQ(data.paths[0].dlid, 7);
+        kfree(entry);
+    }
+    EXPECT_EQ(handed_over, row.handed_over);
+    EXPECT_EQ(status, handed_over.empty() ? tarv_stat_not_found : tarv_stat_ok);
+    EXPECT_EQ(waiting(sa_list), row.left);
+    for (tarv_list_entry_t* entry : tarv_request_list(path_requests().head)) {
+        EXPECT_EQ(entry->not_valid, 0);
+        tarv_clear_request_static_flag(entry);
+    }
+}
+constexpr auto one = tarv_paths_primary, both = tarv_paths_both;
+INSTANTIATE_TEST_SUITE_P(
+    Lists, PathAnswers,
+    testing::Values(
+        Matching{"nobody_waits", {}, 1, "", "", 0},
+        Matching{"two_addresses",
+                 {{"a", "10.0.0.1", 1, one, false, true}, {"b", "10.0.0.2", 1, one, false, true}},
+                 1,
+                 "ab",
+                 "",
+                 0},
+        Matching{"other_gid", {{"a", "10.0.0.1", 2, one, false, true}}, 3, "", "a", 0},
+        // Only the first record's GID counts.
+        Matching{"gid_of_the_third", {{"a", "10.0.0.1", 9, one, false, true}}, 3, "", "a", 0},
+        Matching{"busy",
+                 {{"a", "10.0.0.1", 1, one, true, true}, {"b", "10.0.0.1", 1, one, false, true}},
+                 1,
+                 "b",
+                 "a",
+                 0},
+        Matching{"one_of_both",
+                 {{"a", "10.0.0.1", 1, both, false, true},
+                  {"b", "10.0.0.1", 1, one, false, true},
+                  {"c", "10.0.0.2", 1, both, false, true}},
+                 1,
+                 "b",
+                 "ca",
+                 2},
+        Matching{"both", {{"a", "10.0.0.1", 1, both, false, true}}, 2, "a", "", 0},
+        Matching{"three", {{"a", "10.0.0.1", 1, both, false, true}}, 3, "a", "", 0},
+        Matching{"not_cached_any_more",
+                 {{"a", "10.0.0.1", 1, one, false, false}, {"b", "10.0.0.2", 1, one, false, true}},
+                 1,
+                 "b",
+                 "a",
+                 0}),
+    support::row_name);
+
+TEST_F(Requests, PutBackKeepTheirTime) {
+    const unsigned long start = jiffies();
+    support::add(support::record(ip("10.0.0.1"), 0));
+    tarv_list_entry_t* entry = request("a", "10.0.0.1", tarv_paths_both);
+    entry->dgid = gid(1);
+    tarv_sa_add_request(entry);
+    kernel.advance(1500);
+    tarv_sa_add_request(request("b", "10.0.0.2"));
+    ib_path_record_v2_t path = support::path(gid(1), gid(0x40), 7);
+    list_head found;
+    tarv_sa_find_and_move_requests_to_list(&path, 1, 1, &found);
+    EXPECT_EQ(waiting(sa_list), "ab") << "put back at the head";
+    kernel.advance(10000);
+    ASSERT_EQ(replies.size(), 2u);
+    EXPECT_EQ(replies[0].client, "a");
+    EXPECT_EQ(replies[0].tick, start + 3000);
+    EXPECT_EQ(replies[1].tick, start + 5000);
+}
+
+}  // namespace
