@@ -1,0 +1,492 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Path queries byte for byte, what each failure of one leaves, and which answers reach the client.
+#include "host/faults.h"
+#include "tests/support/fabric_test.h"
+#include "tests/support/records.h"
+
+namespace {
+
+using support::Lines;
+using support::logged;
+using support::port_gid;
+
+constexpr char unit[] = "tarv_sa";
+constexpr char query_fn[] = "tarv_sa_query_path";
+constexpr char build_fn[] = "tarv_sa_build_multi_path_rec_query_mad";
+constexpr char parse_fn[] = "tarv_sa_parse_path_rec_query_mad_reply";
+constexpr char receive_fn[] = "tarv_sa_recv_done_cb";
+
+/// What the client was handed.
+struct Delivery {
+    std::vector<ib_path_record_v2_t> paths;
+    u32 port;
+};
+std::vector<Delivery> deliveries;
+
+void paths_arrived(ib_path_record_v2_t* paths, int count, u32 port) {
+    host::must_hold_no_lock("the new-path callback");
+    deliveries.push_back({{paths, paths + count}, port});
+}
+int elsewhere;
+void paths_arrived_elsewhere(ib_path_record_v2_t*, int, u32) {
+    elsewhere++;
+}
+
+std::string hex(const void* bytes, std::size_t size) {
+    return support::hex({static_cast<const u8*>(bytes), size});
+}
+std::string repeated(const std::string& text, std::size_t count) {
+    std::string all;
+    while (count-- > 0)
+        all += text;
+    return all;
+}
+
+class SaQuery : public support::SaTest {
+  protected:
+    explicit SaQuery(int our_ports = 2) : SaTest(our_ports) {
+        deliveries.clear();
+        // Nothing stands between the module and the wire but byte order.
+        fabric.gsi().set_translations({false, false});
+        fabric.sa().speak(fabric::SaDialect::original);
+        fabric.on_packet([this](const fabric::SeenPacket& seen) {
+            if (seen.direction == fabric::Direction::out)
+                sent.push_back({seen.port, seen.packet});
+        });
+    }
+    void set_up(const std::vector<int>& ports) {
+        for (const int port : ports)
+            ASSERT_EQ(tarv_sa_init(paths_arrived, port), tarv_stat_ok);
+    }
+    tarv_stat_t query(u32 port = 1) {
+        gx_gid_t destination = bob;
+        return tarv_sa_query_path(port, &destination);
+    }
+    /// A query and its answer, if there is one.
+    void ask(u32 port = 1) {
+        ASSERT_EQ(query(port), tarv_stat_ok);
+        kernel.advance(100);
+        EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
+    }
+    /// The first two counters of the statistics that count queries: port, get.
+    std::string counters() {
+        console();
+        tarv_sa_show_stat();
+        const std::string text = console()[0];
+        return text.substr(0, text.find(", dgram"));
+    }
+    static std::string debug(const char* function, const std::string& text) {
+        return logged(TARV_DEBUG, unit, function, text);
+    }
+
+    struct Sent {
+        int port;
+        fabric::Packet packet;
+    };
+    const gx_gid_t bob = port_gid(0x2001);
+    std::vector<Sent> sent;
+};
+
+/// A query for one or two source ports: the third byte of its component mask, their number, and
+/// their GIDs' last bytes.
+struct Bytes {
+    const char* name;
+    std::vector<int> ports;
+    const char* mask_byte;
+    const char* sgid_count;
+};
+class QueryBytes : public SaQuery, public testing::WithParamInterface<Bytes> {
+  protected:
+    static constexpr char prefix[] = "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 ";
+};
+TEST_P(QueryBytes, AreTheSameEveryTime) {
+    const Bytes& row = GetParam();
+    fabric.move_sm(12, 6);
+    gx_gid_t gids[3];
+    std::string list;
+    int count = 0;
+    for (const int port : row.ports) {
+        set_up({port});
+        gids[count++] = port_gid(0x1000 + static_cast<unsigned>(port));
+        list += prefix + std::string("10 0") + std::to_string(port) + " ";
+    }
+    gids[count] = bob;
+    gsi_dtgrm_t* dtgrm = nullptr;
+    ASSERT_EQ(tarv_sa_build_multi_path_rec_query_mad(1, count, 1, gids, &dtgrm), tarv_stat_ok);
+
+    // In host order between the module and the service.
+    EXPECT_EQ(hex(dtgrm->mad, 256), "01 03 02 14 00 00 00 00 " + repeated("00 ", 8) +
+                                        "3a 00 00 00 ff ff ff ff " + repeated("00 ", 232));
+    const std::string block = repeated("00 ", 8) + "00 03 00 00 00 00 " + row.mask_byte +
+                              " 00 00 0c 00 c0 00 00 00 00 00 03 ff ff 00 00 00 00 00 00 40 " +
+                              row.sgid_count + " 01 " + repeated("00 ", 7) + list + prefix +
+                              "20 01 ";
+    ASSERT_EQ(dtgrm->rmpp_payload_size, 220u);
+    EXPECT_EQ(hex(dtgrm->rmpp_payload, 220), block + repeated("00 ", 220 - block.size() / 3));
+    // The service fills a new datagram with A5.
+    const std::string address = hex(&dtgrm->rmpp_dir_switch_needed, 435 - 404);
+    EXPECT_EQ(address, "01 00 00 00 01 00 00 00 00 00 00 00 0c 00 06 a5 a5 a5 a5 " +
+                           repeated("00 ", 10) + "a5 a5 ");
+    gsi_dtgrm_pool_put(dtgrm);
+
+    ask();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].port, 1);
+    EXPECT_EQ(sent[0].packet.dlid, 12);
+    EXPECT_EQ(sent[0].packet.sl, 6);
+    EXPECT_EQ(sent[0].packet.dest_qp, 1u);
+    const std::vector<u8>& wire = sent[0].packet.payload;
+    ASSERT_GE(wire.size(), 256u);
+    EXPECT_EQ(hex(wire.data(), 8), "01 03 02 14 00 00 00 00 ");
+    EXPECT_EQ(hex(wire.data() + 16, 8), "00 3a 00 00 ff ff ff ff ");
+    EXPECT_EQ(hex(wire.data() + 36, block.size() / 3), block);
+}
+INSTANTIATE_TEST_SUITE_P(Queries, QueryBytes,
+                         testing::Values(Bytes{"one_port", {1}, "30", "01"},
+                                         Bytes{"two_ports", {1, 2}, "70", "02"}),
+                         support::row_name);
+
+/// Which ports are set up, which one sends, and whose GIDs the query names.
+struct Sources {
+    const char* name;
+    std::vector<int> valid;
+    u32 sender;
+    std::vector<int> named;
+};
+class QuerySources : public SaQuery, public testing::WithParamInterface<Sources> {
+  protected:
+    QuerySources() : SaQuery(4) {}
+};
+TEST_P(QuerySources, AreTheSenderAndTheLowestOther) {
+    set_up(GetParam().valid);
+    trace(TARV_DEBUG);
+    ask(GetParam().sender);
+    EXPECT_EQ(console()[0],
+              debug(query_fn, std::to_string(GetParam().named.size()) +
+                                  " sgids passed to tarv_sa_build_multi_path_rec_query_mad()"));
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].port, static_cast<int>(GetParam().sender));
+    const std::vector<u8>& wire = sent[0].packet.payload;
+    EXPECT_EQ(wire[36 + 20 + 15], GetParam().named.size());
+    EXPECT_EQ(wire[36 + 20 + 16], 1);
+    std::vector<int> named;
+    for (std::size_t i = 0; i < GetParam().named.size(); i++)
+        named.push_back(wire[36 + 20 + 24 + 16 * i + 15]);
+    EXPECT_EQ(named, GetParam().named);
+    EXPECT_EQ(wire[36 + 20 + 24 + 16 * named.size() + 14], 0x20) << "then the destination";
+}
+INSTANTIATE_TEST_SUITE_P(Ports, QuerySources,
+                         testing::Values(Sources{"only_the_sender", {3}, 3, {3}},
+                                         Sources{"lower_first", {2, 1}, 2, {1, 2}},
+                                         Sources{"first_of_three", {1, 2, 3}, 1, {1, 2}},
+                                         Sources{"last_of_three", {1, 2, 3}, 3, {1, 3}},
+                                         Sources{"last_of_four", {4, 3, 2, 1}, 4, {1, 4}},
+                                         Sources{"third_of_later_ones", {2, 3, 4}, 3, {2, 3}}),
+                         support::row_name);
+
+/// A query that fails: on which port, at which service (null: none), what is logged behind the
+/// first line, and the counters.
+struct Failure {
+    const char* name;
+    u32 port;
+    const char* service;
+    Lines lines;
+    const char* counters;
+};
+class QueryFailures : public SaQuery, public testing::WithParamInterface<Failure> {};
+TEST_P(QueryFailures, LeaveNothing) {
+    const Failure& row = GetParam();
+    set_up({1});
+    if (row.service && std::string(row.service) == "nothing")
+        fabric.gsi().hand_out_nothing_next();
+    else if (row.service)
+        host::fail_nth(row.service, 1);
+    trace(TARV_DEBUG);
+    EXPECT_EQ(query(row.port), tarv_stat_error);
+    Lines lines = console();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0],
+              debug(query_fn, "1 sgids passed to tarv_sa_build_multi_path_rec_query_mad()"));
+    lines.erase(lines.begin());
+    EXPECT_EQ(lines, row.lines);
+    EXPECT_EQ(counters(), row.counters);
+    EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
+    EXPECT_EQ(atomic_read(&tarv_gsi_pending_cnt), 0);
+    ask();
+    EXPECT_EQ(deliveries.size(), 1u) << "the next query is a good one";
+}
+std::string error(const char* text) {
+    return logged(TARV_ERROR, unit, build_fn, text);
+}
+std::string in_build(const char* text) {
+    return logged(TARV_DEBUG, unit, build_fn, text);
+}
+std::string in_query(const char* text) {
+    return logged(TARV_DEBUG, unit, query_fn, text);
+}
+const std::string failed = in_query("tarv_sa_build_multi_path_rec_query_mad() failed <-255>");
+const Lines bad_port = {error("Invalid port object <is_valid:0>"), failed};
+constexpr char no_errors[] = "err: param: 0, port: 0, get: 0";
+constexpr char one_bad_port[] = "err: param: 0, port: 1, get: 0";
+INSTANTIATE_TEST_SUITE_P(
+    Steps, QueryFailures,
+    testing::Values(
+        Failure{"port_not_set_up", 2, nullptr, bad_port, one_bad_port},
+        Failure{"port_zero", 0, nullptr, bad_port, one_bad_port},
+        Failure{"port_beyond_the_records", 9, nullptr, bad_port, one_bad_port},
+        Failure{"port_with_its_sign_bit", 0x80000001, nullptr, bad_port, one_bad_port},
+        Failure{"last_port_of_all", 0xFFFFFFFF, nullptr, bad_port, one_bad_port},
+        Failure{"no_datagram",
+                1,
+                "gsi_dtgrm_pool_get",
+                {error("gsi_dtgrm_pool_get() failed <-2>"), failed},
+                "err: param: 0, port: 0, get: 1"},
+        Failure{"null_datagram",
+                1,
+                "nothing",
+                {error("sa_mad->payload == NULL, or = 0x48: 00000000000000a0 (*dtgrm: "
+                       "0000000000000000)"),
+                 failed},
+                no_errors},
+        Failure{
+            "no_block",
+            1,
+            "gsi_dtgrm_alloc_rmpp_buf",
+            {in_build("Building RMPP payload"), error("gsi_dtgrm_alloc_rmpp_buf() failed"), failed},
+            no_errors},
+        Failure{"not_posted",
+                1,
+                "gsi_post_send_dtgrm",
+                {in_build("Building RMPP payload"), in_build("Requesting 3 paths."),
+                 in_query("tarv_sa_build_multi_path_rec_query_mad() ok !!!"),
+                 in_query("Sending the path query on port 1"),
+                 in_query("Invalid port object <is_valid:1> or gsi_post_send_dtgrm() failed "
+                          "<-2>")},
+                no_errors}),
+    support::row_name);
+
+TEST_F(SaQuery, IsNotPostedWhenThePortGoesMeanwhile) {
+    set_up({1});
+    trace(TARV_DEBUG);
+    // Between the building and the posting.
+    host::set_console([](const host::LogLine& line) {
+        if (line.text.ends_with(" ok !!!"))
+            tarv_sa_destroy(1);
+    });
+    EXPECT_EQ(query(), tarv_stat_error);
+    host::set_console({});
+    EXPECT_EQ(console().back(), debug(query_fn,
+                                      "Invalid port object <is_valid:0> or "
+                                      "gsi_post_send_dtgrm() failed <0>"));
+    EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
+    EXPECT_EQ(query(), tarv_stat_error) << "its link is down";
+    EXPECT_EQ(counters(), one_bad_port);
+}
+
+TEST_F(SaQuery, CountsWhatIsOnItsWay) {
+    set_up({1, 2});
+    for (int i = 1; i <= 5; i++) {
+        ASSERT_EQ(query(1u + static_cast<u32>(i % 2)), tarv_stat_ok);
+        EXPECT_EQ(atomic_read(&tarv_gsi_pending_cnt), i);
+    }
+    kernel.settle();
+    EXPECT_EQ(atomic_read(&tarv_gsi_pending_cnt), 0);
+    EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
+    kernel.advance(100);
+    EXPECT_EQ(deliveries.size(), 5u);
+}
+
+TEST_F(SaQuery, TracesItsWholeWay) {
+    set_up({1});
+    trace(TARV_FUNC);
+    ask();
+    EXPECT_EQ(
+        masked_console(),
+        (Lines{debug(query_fn, "1 sgids passed to tarv_sa_build_multi_path_rec_query_mad()"),
+               debug(build_fn, "Building RMPP payload"), debug(build_fn, "Requesting 3 paths."),
+               debug(query_fn, "tarv_sa_build_multi_path_rec_query_mad() ok !!!"),
+               debug(query_fn, "Sending the path query on port 1"),
+               logged(TARV_FUNC, unit, "tarv_sa_send_done_cb",
+                      "Datagram <0xP> send on port #1 completed. Returning to pool ..."),
+               debug(parse_fn, "**** GSI returned payload size of 84 ****"),
+               debug(parse_fn, "Non-RMPP reply received"), "",
+               debug(parse_fn, "**** paysize - 20 = 64, sizeof ib_path_record_v2_t = 64 ****"),
+               debug(receive_fn, "Check     SGID: 0xFE8000000000000000001001 port: 1, SLID:11"), "",
+               debug(receive_fn, "Local port GID: 0xFE8000000000000000001001 port: 1"), ""}));
+    ASSERT_EQ(deliveries.size(), 1u);
+    const ib_path_record_v2_t& path = deliveries[0].paths[0];
+    EXPECT_EQ(path.dgid, bob);
+    EXPECT_EQ(path.dlid, 31);
+    EXPECT_EQ(path.slid, 11);
+    EXPECT_EQ(path.pkey, 0xFFFF);
+    EXPECT_EQ(path.numb_path, 1);
+}
+
+/// A record towards `dlid` from the port with that GUID.
+fabric::PathRecord record_from(std::uint64_t guid, std::uint16_t dlid) {
+    fabric::PathRecord record;
+    record.sgid = fabric::make_gid(fabric::default_subnet_prefix, guid);
+    record.dgid = fabric::make_gid(fabric::default_subnet_prefix, 0x2001);
+    record.dlid = dlid;
+    return record;
+}
+
+/// An answer of so many records, cut off after so many bytes of SA header and data (0: whole): how
+/// many are delivered. In segments or not, the same holds.
+struct Size {
+    const char* name;
+    unsigned records;
+    std::size_t cut;
+    std::size_t delivered;
+};
+class AnswerSizes : public SaQuery, public testing::WithParamInterface<std::tuple<Size, bool>> {};
+TEST_P(AnswerSizes, DecideHowManyPathsCount) {
+    const auto& [row, in_segments] = GetParam();
+    set_up({1});
+    std::vector<fabric::PathRecord> records;
+    for (unsigned i = 0; i < row.records; i++)
+        records.push_back(record_from(i == 0 ? 0x1001 : 0x2001, static_cast<u16>(51 + i)));
+    fabric.sa().answer_with(records);
+    if (row.cut)
+        fabric.sa().answer_truncated_to(row.cut);
+    if (in_segments)
+        fabric.sa().answer_over_rmpp();
+    trace(TARV_DEBUG);
+    ask();
+    const Lines lines = console();
+    const bool is_dropped = row.delivered == 0;
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         debug(receive_fn, "Error processing the incoming MAD")),
+              is_dropped ? 1 : 0);
+    ASSERT_EQ(deliveries.size(), is_dropped ? 0u : 1u);
+    if (is_dropped)
+        return;
+    if (row.records > 1 && !row.cut) {
+        const bool over_rmpp = in_segments || row.records > 3;
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), debug(parse_fn, "RMPP reply received")),
+                  over_rmpp ? 1 : 0);
+    }
+    ASSERT_EQ(deliveries[0].paths.size(), row.delivered);
+    for (std::size_t i = 0; i < row.delivered; i++)
+        EXPECT_EQ(deliveries[0].paths[i].dlid, 51 + i);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Records, AnswerSizes,
+    testing::Combine(testing::Values(Size{"none", 0, 0, 0}, Size{"one", 1, 0, 1},
+                                     Size{"two", 2, 0, 2}, Size{"three", 3, 0, 3},
+                                     Size{"four", 4, 0, 3}, Size{"cut_in_the_header", 2, 10, 0},
+                                     Size{"cut_to_83", 2, 83, 0}, Size{"cut_to_84", 2, 84, 1},
+                                     Size{"cut_to_147", 2, 147, 1}, Size{"cut_to_148", 2, 148, 2},
+                                     Size{"cut_to_211", 3, 211, 2}, Size{"cut_to_275", 4, 275, 3}),
+                     testing::Bool()),
+    [](const auto& row) {
+        return std::string(std::get<0>(row.param).name) +
+               (std::get<1>(row.param) ? "_in_segments" : "");
+    });
+
+/// An answer that is no good: how the SA is made to give it, and what the parse logs of it.
+struct Bad {
+    const char* name;
+    void (*script)(fabric::Sa&);
+    std::string line;
+};
+class BadAnswers : public SaQuery, public testing::WithParamInterface<Bad> {};
+TEST_P(BadAnswers, AreDropped) {
+    set_up({1});
+    GetParam().script(fabric.sa());
+    trace(TARV_DEBUG);
+    ask();
+    EXPECT_TRUE(deliveries.empty());
+    const Lines lines = console();
+    ASSERT_EQ(lines.size(), 7u) << testing::PrintToString(lines);
+    EXPECT_EQ(lines[5], GetParam().line);
+    EXPECT_EQ(lines[6], debug(receive_fn, "Error processing the incoming MAD"));
+    ask();
+    EXPECT_EQ(deliveries.size(), 1u) << "the next answer is a good one";
+}
+std::string parse_warning(const char* text) {
+    return logged(TARV_WARNING, unit, parse_fn, text);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Headers, BadAnswers,
+    testing::Values(
+        Bad{"base_version", [](fabric::Sa& sa) { sa.answer_with_base_version(2, 1); },
+            parse_warning("Invalid base version<2>, mgmt class<3> or class version<2>")},
+        Bad{"management_class", [](fabric::Sa& sa) { sa.answer_with_class(4, 1); },
+            parse_warning("Invalid base version<1>, mgmt class<4> or class version<2>")},
+        Bad{"class_version", [](fabric::Sa& sa) { sa.answer_with_class_version(1, 1); },
+            parse_warning("Invalid base version<1>, mgmt class<3> or class version<1>")},
+        Bad{"attribute", [](fabric::Sa& sa) { sa.answer_with_attribute(0x35, 1); },
+            parse_warning("Invalid attribute ID. <0x0035>")},
+        Bad{"attribute_of_two_bytes", [](fabric::Sa& sa) { sa.answer_with_attribute(0x3A00, 1); },
+            parse_warning("Invalid attribute ID. <0x3A00>")},
+        Bad{"status", [](fabric::Sa& sa) { sa.answer_with_status(0x0700, 1); },
+            logged(TARV_DEBUG, unit, parse_fn,
+                   "Incoming mad has an error status <0x700> -> dropped.")},
+        // The checks have an order.
+        Bad{"all_at_once",
+            [](fabric::Sa& sa) {
+                sa.answer_with_status(1, 1);
+                sa.answer_with_attribute(1, 1);
+                sa.answer_with_class_version(3, 1);
+            },
+            parse_warning("Invalid base version<1>, mgmt class<3> or class version<3>")}),
+    support::row_name);
+
+TEST_F(SaQuery, AnswerOfAnotherPortComesWithItsArrival) {
+    set_up({1, 2});
+    fabric.sa().answer_with({record_from(0x1002, 51)});
+    ask(1);
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].port, 1u);
+    tarv_sa_destroy(2);
+    ask(1);
+    EXPECT_EQ(deliveries.size(), 2u) << "a port that went down is matched all the same";
+}
+
+TEST_F(SaQuery, AnswerOfNoPortIsDropped) {
+    set_up({1});
+    fabric.sa().answer_with({record_from(0x1003, 51), record_from(0x1001, 52)});
+    trace(TARV_DEBUG);
+    ask();
+    EXPECT_TRUE(deliveries.empty());
+    EXPECT_EQ(console().back(), debug(receive_fn,
+                                      "SGID of the incoming PATH_RECORD_REPLY does "
+                                      "not match any of the local ports gids."));
+}
+
+TEST_F(SaQuery, GidsOfCommandsAreAskedForAndMatched) {
+    set_up({1, 2});
+    gx_gid_t own = port_gid(0x77);
+    tarv_sa_set_local_gids(nullptr, &own);
+    fabric.sa().answer_with({record_from(0x77, 51)});
+    fabric.sa().answer_with_status(0);  // the subnet does not know that GID
+    ask(1);
+    EXPECT_EQ(deliveries.size(), 1u);
+    const std::vector<u8> wire = sent[0].packet.payload;
+    EXPECT_EQ(wire[36 + 20 + 24 + 15], 0x01) << "a null GID leaves port 1 alone";
+    EXPECT_EQ(wire[36 + 20 + 24 + 31], 0x77);
+    tarv_sa_destroy(2);
+    set_up({2});
+    ask(1);
+    EXPECT_EQ(deliveries.size(), 1u) << "the set-up brought the adapter's GID back";
+}
+
+TEST_F(SaQuery, AnswersGoToTheLastClientThatTriedASetUp) {
+    set_up({1});
+    elsewhere = 0;
+    host::fail_nth("gx_hca_query", 1);
+    EXPECT_EQ(tarv_sa_init(paths_arrived_elsewhere, 2), tarv_stat_error);
+    ask();
+    EXPECT_EQ(elsewhere, 1);
+    EXPECT_EQ(tarv_sa_init(nullptr, 1), tarv_stat_error) << "refused: no new client";
+    ask();
+    EXPECT_EQ(elsewhere, 2);
+    EXPECT_EQ(tarv_sa_init(nullptr, 2), tarv_stat_ok);
+    ask();
+    EXPECT_EQ(elsewhere, 2) << "without a client an answer is dropped";
+    EXPECT_TRUE(deliveries.empty());
+}
+
+}  // namespace
