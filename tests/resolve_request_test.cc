@@ -1,0 +1,347 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Every decision about a request: hit or miss, with or without a callback, a driver, paths, the SA;
+// and every step that can fail.
+#include <cstring>
+
+#include "tests/support/site.h"
+
+namespace {
+
+using namespace support;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
+constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
+constexpr u32 both = primary | secondary;
+
+std::string api(tarv_log_level_t level, const std::string& message,
+                const char* function = "__tarv_get_ib_data") {
+    return logged(level, "tarv_api", function, message);
+}
+
+struct Hit {
+    const char* name;
+    int wanted;
+    u32 cached;
+    bool callback;
+    u8 sa_on;
+    tarv_stat_t status;
+};
+struct HitTest : SiteTest, testing::WithParamInterface<Hit> {};
+
+TEST_P(HitTest, IsDecidedByWhatIsWantedAndCached) {
+    const Hit& row = GetParam();
+    know(2, row.cached);
+    write_once(sa_queries_enabled, row.sa_on);
+    const auto wanted = static_cast<tarv_paths_t>(row.wanted);
+    EXPECT_EQ(ask(host_ip(2), wanted, row.callback ? "client" : ""), row.status);
+    EXPECT_EQ(record.dst_ip, host_ip(2));
+    EXPECT_EQ(record.mask & both, row.cached);
+    kernel.advance(20);
+    const bool pending = row.status == tarv_stat_pending;
+    EXPECT_EQ(queries(), pending ? 1u : 0u);
+    ASSERT_EQ(replies.size(), pending ? 1u : 0u);
+    if (pending) {
+        EXPECT_EQ(replies[0].record.mask & both, both);
+    }
+    EXPECT_THAT(arp_requests(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, HitTest,
+    testing::Values(Hit{"none_wanted", 0, 0, true, 1, tarv_stat_ok},
+                    Hit{"none_wanted_no_callback", 0, 0, false, 1, tarv_stat_ok},
+                    Hit{"primary_there", 1, primary, true, 1, tarv_stat_ok},
+                    Hit{"primary_there_no_callback_sa_off", 1, primary, false, 0, tarv_stat_ok},
+                    Hit{"both_there", 2, both, true, 1, tarv_stat_ok},
+                    Hit{"both_there_no_callback", 2, both, false, 1, tarv_stat_ok},
+                    Hit{"primary_missing_no_callback", 1, 0, false, 1, tarv_stat_not_found},
+                    Hit{"primary_missing_no_callback_sa_off", 1, secondary, false, 0,
+                        tarv_stat_not_found},
+                    Hit{"secondary_missing_no_callback", 2, primary, false, 1, tarv_stat_not_found},
+                    Hit{"primary_missing_sa_off", 1, 0, true, 0, tarv_stat_ok},
+                    Hit{"secondary_missing_sa_off", 2, primary, true, 0, tarv_stat_ok},
+                    Hit{"primary_missing", 1, 0, true, 1, tarv_stat_pending},
+                    Hit{"only_secondary_of_both", 2, secondary, true, 1, tarv_stat_pending},
+                    Hit{"secondary_missing", 2, primary, true, 1, tarv_stat_pending},
+                    Hit{"three_paths", 3, 0, true, 1, tarv_stat_ok},
+                    Hit{"minus_one_path", -1, 0, false, 1, tarv_stat_ok}),
+    row_name);
+
+struct RequestTest : SiteTest {};
+
+TEST_F(RequestTest, AMissWithoutACallbackAsksNobody) {
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_none, ""), tarv_stat_not_found);
+    EXPECT_EQ(waiting_for_arp(), 0u);
+    EXPECT_THAT(arp_requests(), IsEmpty());
+}
+
+TEST_F(RequestTest, AMissWithoutADriverIsAnError) {
+    fabric.ipoib().detach();
+    trace(TARV_ERROR);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_none, ""), tarv_stat_not_found);
+    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
+    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR,
+                                           "No send_arp_data() registered - can't send ARP "
+                                           "request.(hint: call tarv_attach())")));
+    EXPECT_EQ(waiting_for_arp(), 0u);
+}
+
+TEST_F(RequestTest, AHaltedModuleRefusesEvenWhatItKnows) {
+    know(2);
+    write_once(halted, 1);
+    trace(TARV_DEBUG);
+    std::memset(&record, 0xA5, sizeof record);
+    const tarv_arp_data_t before = record;
+    EXPECT_EQ(tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_none, &record, reply, nullptr, 0),
+              tarv_stat_error);
+    EXPECT_EQ(std::memcmp(&record, &before, sizeof record), 0);
+    EXPECT_THAT(
+        console(),
+        ElementsAre(api(TARV_DEBUG, "module is in halt state (not sending ARP during stack stop).",
+                        "tarv_get_ib_data")));
+}
+
+struct Invalidation {
+    const char* name;
+    bool known;
+    u32 more;
+    u8 statics;
+    const char* logged;
+    tarv_stat_t status;
+};
+struct InvalidationTest : SiteTest, testing::WithParamInterface<Invalidation> {};
+
+TEST_P(InvalidationTest, DropsWhatMayBeDroppedAndResolvesAfresh) {
+    const Invalidation& row = GetParam();
+    if (row.known)
+        know(2, row.more);
+    write_once(statics_inv_enabled, row.statics);
+    trace(TARV_FUNC);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_none, "client", 1), row.status);
+    EXPECT_THAT(console(), Contains(api(TARV_FUNC, std::string("Invalidate is ON, Entry "
+                                                               "<IP:0x200000A> ") +
+                                                       row.logged + ".")));
+    EXPECT_EQ(arp_requests().size(), row.status == tarv_stat_pending ? 1u : 0u);
+    EXPECT_EQ(table().size, row.status == tarv_stat_pending ? 0u : 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, InvalidationTest,
+    testing::Values(
+        Invalidation{"learned", true, 0, 0, "removed", tarv_stat_pending},
+        Invalidation{"unknown", false, 0, 1, "not found", tarv_stat_pending},
+        Invalidation{"static_entry", true, TARV_MASK_STATIC, 1, "removed", tarv_stat_pending},
+        Invalidation{"kept_static", true, TARV_MASK_STATIC, 0, "not found", tarv_stat_ok}),
+    row_name);
+
+TEST_F(RequestTest, TheFifthIdenticalArpRequestIsNotSent) {
+    fabric.peer(host_ip(2)).delay(100);
+    trace(TARV_WARNING);
+    for (int n = 1; n <= 4; n++)
+        EXPECT_EQ(ask(host_ip(2)), tarv_stat_pending);
+    EXPECT_THAT(console(), IsEmpty());
+    EXPECT_EQ(ask(host_ip(2)), tarv_stat_pending);
+    EXPECT_EQ(record.mask, 0u);
+    EXPECT_EQ(record.dst_ip, host_ip(2));
+    EXPECT_THAT(console(), ElementsAre(api(TARV_WARNING, "Many identical ARP requests")));
+    EXPECT_EQ(arp_requests().size(), 4u);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending) << "not identical";
+    EXPECT_EQ(arp_requests().size(), 5u);
+    kernel.advance(110);
+    EXPECT_EQ(replies.size(), 6u);
+}
+
+TEST_F(RequestTest, TheFifthIdenticalQueryForAPrimaryPathIsNotSent) {
+    know(2);
+    fabric.sa().faults().delay(100);
+    trace(TARV_WARNING);
+    for (int n = 1; n <= 5; n++)
+        EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending);
+    EXPECT_THAT(console(), ElementsAre(api(TARV_WARNING, "Many identical path query requests")));
+    kernel.settle();
+    EXPECT_EQ(queries(), 4u);
+    kernel.advance(110);
+    EXPECT_EQ(replies.size(), 5u);
+}
+
+TEST_F(RequestTest, QueriesForBothPathsHaveNoLimit) {
+    know(2);
+    for (int n = 1; n <= 6; n++)
+        EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_pending);
+    kernel.advance(10);
+    EXPECT_EQ(queries(), 6u);
+    EXPECT_EQ(replies.size(), 6u);
+}
+
+TEST_F(RequestTest, AnArpRequestHoldsNothingButItsFiveFields) {
+    fabric.peer(host_ip(2)).drop_all();
+    clients.push_back({{"client", replies}, this});
+    std::memset(&record, 0xA5, sizeof record);
+    ASSERT_EQ(tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_both, &record, reply,
+                               &clients.back(), 0),
+              tarv_stat_pending);
+    kernel.advance(2000);
+    const std::vector<fabric::SentRequest> sent = fabric.ipoib().requests();
+    ASSERT_EQ(sent.size(), 3u) << "the request and its re-issues";
+    for (const fabric::SentRequest& request : sent) {
+        tarv_arp_data_t rest = request.record;
+        EXPECT_EQ(rest.mask, 0x403u);
+        EXPECT_EQ(rest.arp_operation, 1);
+        EXPECT_EQ(rest.src_ip, host_ip(1));
+        EXPECT_EQ(rest.dst_ip, host_ip(2));
+        EXPECT_EQ(rest.context, &clients.back());
+        rest.mask = rest.arp_operation = 0;
+        rest.src_ip = rest.dst_ip = 0;
+        rest.context = nullptr;
+        EXPECT_THAT(std::vector<u8>(reinterpret_cast<u8*>(&rest), reinterpret_cast<u8*>(&rest + 1)),
+                    testing::Each(0));
+    }
+    EXPECT_EQ(record.mask, 0u);
+}
+
+TEST_F(RequestTest, AnArpRequestThatCannotBeSentStaysWithoutItsCallback) {
+    host::fail_nth("send_arp", 1);
+    trace(TARV_ERROR);
+    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
+    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR, "send_arp_data_fn() failed.")));
+    EXPECT_EQ(record.mask, 0x403u);
+    EXPECT_EQ(record.arp_operation, TARV_ARP_OP_REQUEST);
+    EXPECT_EQ(record.dst_ip, host_ip(2));
+    EXPECT_EQ(waiting_for_arp(), 1u);
+    kernel.advance(2000);
+    EXPECT_EQ(console(), retired_without_callback());
+    EXPECT_EQ(waiting_for_arp(), 0u);
+    ask(host_ip(3));
+    EXPECT_THAT(arp_requests(), ElementsAre("+0 10.0.0.2 reset 1", "+2000 10.0.0.3 reset 1"));
+    EXPECT_THAT(timeline, IsEmpty());
+}
+
+TEST_F(RequestTest, AReissueThatCannotBeSentEndsItsRequest) {
+    fabric.peer(host_ip(2)).drop_all();
+    ask(host_ip(2));
+    host::fail_nth("send_arp", 1);
+    trace(TARV_ERROR);
+    kernel.advance(1000);
+    EXPECT_THAT(timeline, ElementsAre("+1000 client told -255"));
+    EXPECT_FALSE(replies.at(0).with_record);
+    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR, "send_arp_data_fn() failed."),
+                                       api(TARV_ERROR, "__tarv_get_ib_data() returned :-255",
+                                           "tarv_retry_ib_data_request")));
+    EXPECT_EQ(waiting_for_arp(), 1u);
+    kernel.advance(1000);
+    EXPECT_EQ(console(), retired_without_callback());
+}
+
+struct FailedQuery {
+    const char* name;
+    const char* service;  // null: the port is down
+};
+struct FailedQueryTest : SiteTest, testing::WithParamInterface<FailedQuery> {};
+
+TEST_P(FailedQueryTest, LeavesTheRequestWithoutItsCallback) {
+    if (GetParam().service)
+        host::fail_nth(GetParam().service, 1);
+    else
+        fabric.set_link(1, false);
+    kernel.settle();
+    know(2);
+    trace(TARV_ERROR);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_error);
+    EXPECT_EQ(console().back(), api(TARV_ERROR, "Error initiating multipath record query."));
+    EXPECT_EQ(waiting_for_paths(), 1u);
+    kernel.advance(4000);
+    EXPECT_EQ(console(), retired_without_callback());
+    EXPECT_EQ(waiting_for_paths(), 0u);
+    EXPECT_THAT(timeline, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Site, FailedQueryTest,
+                         testing::Values(FailedQuery{"no_datagram", "gsi_dtgrm_pool_get"},
+                                         FailedQuery{"no_block", "gsi_dtgrm_alloc_rmpp_buf"},
+                                         FailedQuery{"not_posted", "gsi_post_send_dtgrm"},
+                                         FailedQuery{"port_down", nullptr}),
+                         row_name);
+
+TEST_F(RequestTest, NoMemoryForARequestIsAnError) {
+    trace(TARV_ERROR);
+    host::fail_nth("kmalloc", 1);
+    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
+    know(2);
+    host::fail_nth("kmalloc", 1);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_error);
+    EXPECT_THAT(console(),
+                ElementsAre(api(TARV_ERROR, "Not enough memory to allocate a request entry."),
+                            api(TARV_ERROR, "Not enough memory to allocate a SA request entry.")));
+    EXPECT_EQ(waiting_for_arp() + waiting_for_paths(), 0u);
+    kernel.settle();
+    EXPECT_EQ(queries() + arp_requests().size(), 0u);
+}
+
+TEST_F(RequestTest, NoMemoryForAReissueEndsTheRequestInSilence) {
+    fabric.peer(host_ip(2)).drop_all();
+    ask(host_ip(2));
+    host::fail_nth("kmalloc", 1);
+    trace(TARV_ERROR);
+    kernel.advance(1000);
+    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR,
+                                           "Not enough memory to allocate a temp_arp_data (" +
+                                               std::to_string(sizeof(tarv_arp_data_t)) + ").",
+                                           "tarv_retry_ib_data_request")));
+    EXPECT_EQ(waiting_for_arp(), 0u);
+    EXPECT_THAT(timeline, IsEmpty());
+}
+
+TEST_F(RequestTest, AReissueThatFindsEverythingInTheCacheAnswers) {
+    fabric.peer(host_ip(2)).drop_all();
+    ask(host_ip(2), tarv_paths_both);
+    know(2, both);
+    kernel.advance(1000);
+    EXPECT_THAT(timeline, ElementsAre("+1000 client told 0 with 10.0.0.2"));
+    EXPECT_EQ(replies.at(0).record.mask & both, both);
+}
+
+TEST_F(RequestTest, AReissueThatFindsOnlyTheAddressAsksTheSa) {
+    fabric.peer(host_ip(2)).drop_all();
+    ask(host_ip(2), tarv_paths_both);
+    know(2);
+    kernel.advance(1010);
+    EXPECT_THAT(timeline, ElementsAre("+1000 query on port 1 to lid 7 sl 0",
+                                      "+1002 client told 0 with 10.0.0.2"));
+}
+
+/* Whatever fails, and when: who is told to wait is told at most once more, who is not is not, and
+ * nothing is left. */
+TEST_F(RequestTest, EveryCallMayFail) {
+    unload();
+    for (const std::string& service : host::services_that_fail()) {
+        bool passed = false;
+        for (unsigned long n = 1; !passed; n++) {
+            SCOPED_TRACE(service + " call " + std::to_string(n));
+            host::clear_faults();
+            host::fail_nth(service, n);
+            fabric.sa().faults().drop_next(1);
+            timeline.clear();
+            replies.clear();
+            if (host::load_module(tarv_module) == 0) {
+                fabric.ipoib().attach();
+                kernel.settle();
+                write_once(enabled, 1);
+                write_once(sa_queries_enabled, 1);
+                const tarv_stat_t status = ask(host_ip(2), tarv_paths_both);
+                kernel.advance(20'000);
+                EXPECT_LE(replies.size(), status == tarv_stat_pending ? 1u : 0u);
+                EXPECT_EQ(waiting_for_arp() + waiting_for_paths(), 0u);
+                unload();
+            }
+            ASSERT_EQ(kernel.remains(), Lines{});
+            passed = host::calls_of(service) < n;
+            EXPECT_TRUE(!passed || replies.size() == 1) << "nothing has failed";
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The whole road of a request: ARP, the SA, both paths, the reply; and what becomes of one that
+// nobody answers. All of it also across the moment at which the low half of the tick counter starts
+// from 0 again.
+#include "tests/support/site.h"
+
+namespace {
+
+using namespace support;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+struct RoadTest : SiteTest, testing::WithParamInterface<unsigned long> {
+    RoadTest() : SiteTest(GetParam()) {}
+};
+
+/* A DEBUG line of the unit. */
+std::string debug(const char* unit, const char* function, const char* message) {
+    return logged(TARV_DEBUG, unit, function, message);
+}
+std::string api(const char* function, const char* message) {
+    return debug("tarv_api", function, message);
+}
+std::string sa(const char* function, const char* message) {
+    return debug("tarv_sa", function, message);
+}
+std::string hash(const char* function, const char* message) {
+    return debug("tarv_arp_hash", function, message);
+}
+
+TEST_P(RoadTest, OneResolutionIsLoggedLetterByLetter) {
+    constexpr char build[] = "tarv_sa_build_multi_path_rec_query_mad";
+    constexpr char parse[] = "tarv_sa_parse_path_rec_query_mad_reply";
+    trace(TARV_DEBUG);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_pending);
+    EXPECT_EQ(record.mask, 0u);
+    kernel.advance(10);
+
+    Lines lines = console();
+    std::ranges::transform(lines, lines.begin(), without_pointers);
+    EXPECT_EQ(
+        lines,
+        (Lines{
+            debug("tarv_req_list", "tarv_add_arp_request", "Added req: PTR"),
+            api("__tarv_get_ib_data", "send_arp_data_fn() finished tarv_media_reset = 0."),
+            api("tarv_get_ib_data", "status from __tarv_get_ib_data() - -253"),
+            api("tarv_process_arp_data", "ARP processed <src_ip:0200000a,dst_ip:0100000a>"),
+            debug("tarv_sa_req_list", "tarv_sa_add_request", "Added SA req: PTR"),
+            sa("tarv_sa_query_path", "2 sgids passed to tarv_sa_build_multi_path_rec_query_mad()"),
+            sa(build, "Building RMPP payload"),
+            sa(build, "Requesting 3 paths."),
+            sa("tarv_sa_query_path", "tarv_sa_build_multi_path_rec_query_mad() ok !!!"),
+            sa("tarv_sa_query_path", "Sending the path query on port 1"),
+            sa(parse, "**** GSI returned payload size of 148 ****"),
+            sa(parse, "Non-RMPP reply received"),
+            "",
+            sa(parse, "**** paysize - 20 = 128, sizeof ib_path_record_v2_t = 64 ****"),
+            sa("tarv_sa_recv_done_cb",
+               "Check     SGID: 0xFE8000000000000000100001 port: 1, SLID:1"),
+            "",
+            sa("tarv_sa_recv_done_cb", "Local port GID: 0xFE8000000000000000100001 port: 1"),
+            "",
+            hash("tarv_change_path_pkey", "pkey of first path changed to: 0xffff"),
+            hash("tarv_change_path_pkey", "pkey of second path changed to: 0xffff"),
+            hash("tarv_hash_update_paths", "IP: 0200000A found."),
+            hash("tarv_hash_update_paths", "Received 2 paths."),
+            hash("tarv_hash_update_paths", "Primary path added<mask 0x2FF>."),
+            hash("tarv_hash_update_paths", "Secondary path added<mask 0x3FF>."),
+            hash("tarv_hash_get_entry", "IP: 0200000A found."),
+        }));
+    EXPECT_THAT(timeline,
+                ElementsAre("+2 query on port 1 to lid 7 sl 0", "+4 client told 0 with 10.0.0.2"));
+
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_ok);
+    EXPECT_THAT(console(),
+                ElementsAre(hash("tarv_hash_get_entry_data", "IP: 0200000A found."),
+                            api("tarv_get_ib_data", "status from __tarv_get_ib_data() - 0")));
+}
+
+TEST_P(RoadTest, TheAnswerHoldsAllThatWasLearned) {
+    ask(host_ip(3), tarv_paths_both);
+    kernel.advance(10);
+    ASSERT_EQ(ask(host_ip(3), tarv_paths_both), tarv_stat_ok);
+    ASSERT_EQ(replies.size(), 1u);
+    const tarv_arp_data_t peer = heard(3);
+    for (const tarv_arp_data_t& answer : {replies[0].record, record}) {
+        EXPECT_EQ(answer.mask, 0x3FFu);
+        EXPECT_EQ(answer.src_ip, host_ip(1));
+        EXPECT_EQ(answer.dst_ip, host_ip(3));
+        EXPECT_EQ(answer.gid, peer.gid);
+        EXPECT_EQ(answer.qpn, peer.qpn);
+        EXPECT_EQ(answer.lid, peer.lid);
+        EXPECT_EQ(answer.cap_flg, peer.cap_flg);
+        EXPECT_EQ(answer.qkey, peer.qkey);
+        EXPECT_EQ(answer.local_port_num, 1u);
+        EXPECT_EQ(answer.paths_count, 2);
+        for (int n = 0; n < 2; n++) {
+            EXPECT_EQ(gx_gid_t{answer.paths[n].dgid}, peer.gid);
+            EXPECT_EQ(gx_gid_t{answer.paths[n].sgid}, local_gid(n + 1));
+            EXPECT_EQ(u16{answer.paths[n].dlid}, peer.lid);
+        }
+    }
+    EXPECT_EQ(record.primary_path, &record.paths[0]);
+    EXPECT_EQ(record.secondary_path, &record.paths[1]);
+}
+
+TEST_P(RoadTest, AnArpRequestThatNobodyAnswersIsSentFourTimes) {
+    fabric.peer(host_ip(2)).drop_all();
+    kernel.advance(500);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending);
+    kernel.advance(100);
+    ask(host_ip(3), tarv_paths_none, "other");
+    kernel.advance(1900);
+    ask(host_ip(4), tarv_paths_none, "late");
+    trace(TARV_DEBUG);
+    kernel.advance(3000);
+
+    EXPECT_THAT(arp_requests(), ElementsAre("+500 10.0.0.2 reset 1", "+600 10.0.0.3 reset 0",
+                                            "+2000 10.0.0.2 reset 1", "+2500 10.0.0.4 reset 0",
+                                            "+3000 10.0.0.2 reset 1", "+4000 10.0.0.2 reset 1"));
+    EXPECT_THAT(timeline, ElementsAre("+602 other told 0 with 10.0.0.3",
+                                      "+2502 late told 0 with 10.0.0.4", "+5000 client told -254"));
+    const Lines retry = {
+        debug("tarv_req_list", "tarv_req_timer_handler",
+              "*** At least one timeout found resetting media ***"),
+        api("tarv_retry_ib_data_request", "trying again after N of retries for request"),
+        debug("tarv_req_list", "tarv_add_arp_request", "Added req: PTR"),
+        api("__tarv_get_ib_data", "send_arp_data_fn() finished tarv_media_reset = 0."),
+        api("tarv_retry_ib_data_request", "status from __tarv_get_ib_data() - -253")};
+    Lines expected = {
+        api("tarv_process_arp_data", "ARP processed <src_ip:0400000a,dst_ip:0100000a>")};
+    for (const char* count : {"1", "2"})
+        for (const std::string& line : retry)
+            expected.push_back(
+                std::regex_replace(line, std::regex("after N"), std::string("after ") + count));
+    expected.push_back(retry[0]);
+    expected.push_back(
+        api("tarv_retry_ib_data_request", "maximum number of retries. stopped trying."));
+    EXPECT_EQ(log_of(TARV_DEBUG), expected);
+}
+
+TEST_P(RoadTest, APathQueryThatNobodyAnswersIsSentFourTimes) {
+    know(2);
+    fabric.sa().faults().drop_all();
+    kernel.advance(500);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_pending);
+    kernel.advance(13'000);
+    EXPECT_THAT(
+        timeline,
+        ElementsAre("+500 query on port 1 to lid 7 sl 0", "+4000 query on port 1 to lid 7 sl 0",
+                    "+7000 query on port 1 to lid 7 sl 0", "+10000 query on port 1 to lid 7 sl 0",
+                    "+13000 client told -254"));
+    EXPECT_THAT(arp_requests(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Ticks, RoadTest, testing::Values(1000ul, before_wrap),
+                         [](const auto& row) {
+                             return std::string(row.index == 0 ? "early" : "before_the_wrap");
+                         });
+
+struct RetryCount {
+    const char* name;
+    int count;  // set while the first re-issue waits
+    Lines sent;
+    const char* told;
+};
+struct RetryCountTest : SiteTest, testing::WithParamInterface<RetryCount> {};
+
+TEST_P(RetryCountTest, HoldsForRequestsThatWaitAlready) {
+    fabric.peer(host_ip(2)).drop_all();
+    kernel.advance(500);
+    ask(host_ip(2));
+    kernel.advance(2000);
+    write_once(get_data_retry, GetParam().count);
+    kernel.advance(8000);
+    EXPECT_EQ(arp_requests(), GetParam().sent);
+    EXPECT_THAT(timeline, ElementsAre(GetParam().told));
+}
+
+const std::string sent_at_500 = "+500 10.0.0.2 reset 1";
+const std::string sent_at_2000 = "+2000 10.0.0.2 reset 1";
+const std::string sent_at_3000 = "+3000 10.0.0.2 reset 1";
+INSTANTIATE_TEST_SUITE_P(
+    Site, RetryCountTest,
+    testing::Values(RetryCount{"none", 0, {sent_at_500, sent_at_2000}, "+3000 client told -254"},
+                    RetryCount{"reached", 1, {sent_at_500, sent_at_2000}, "+3000 client told -254"},
+                    RetryCount{"one_more",
+                               2,
+                               {sent_at_500, sent_at_2000, sent_at_3000},
+                               "+4000 client told -254"}),
+    row_name);
+
+}  // namespace
