@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The engine: its start and stop, and the adapter's events in between.
+#include "platform/module.h"
+#include "tarv/tarv-api-control.h"
+#include "tests/support/site.h"
+
+namespace {
+
+using namespace support;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
+constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
+
+std::string event_line(const std::string& message) {
+    return logged(TARV_DEBUG, "tarv_api", "tarv_async_event_cb", message);
+}
+
+struct EngineTest : SiteTest {
+    void raise(u32 type, int port) {
+        fabric.raise_event(type, port);
+        kernel.settle();
+    }
+    void set_link(int port, bool up) {
+        fabric.set_link(port, up);
+        kernel.settle();
+    }
+    bool knows(u32 address) { return tarv_hash_get_entry(address, nullptr) == tarv_stat_ok; }
+};
+
+struct FailingStart {
+    const char* name;
+    const char* service;
+    const char* line;
+};
+struct FailingStartTest : EngineTest, testing::WithParamInterface<FailingStart> {};
+
+TEST_P(FailingStartTest, LeavesNothing) {
+    unload();
+    host::clear_console();
+    trace(TARV_DEBUG);
+    host::fail_nth(GetParam().service, 1);
+    EXPECT_EQ(tarv_init(), tarv_stat_error);
+    EXPECT_THAT(console(),
+                ElementsAre(logged(TARV_DEBUG, "tarv_api", "tarv_aync_ev_init", GetParam().line),
+                            logged(TARV_ERROR, "tarv_api", "tarv_init",
+                                   "Error initializing async events registration<-255>."),
+                            logged(TARV_DEBUG, "tarv_arp_hash", "tarv_hash_destroy",
+                                   "The ARP table is empty.")));
+    EXPECT_EQ(kernel.remains(), Lines{});
+    EXPECT_EQ(hca_h, nullptr);
+
+    host::fail_nth(GetParam().service, 1);
+    EXPECT_EQ(host::load_module(tarv_module), -1);
+    EXPECT_EQ(kernel.remains(), Lines{});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, FailingStartTest,
+    testing::Values(FailingStart{"no_adapter", "gx_hca_open", "gx_hca_open() failed <-2>"},
+                    FailingStart{"no_events", "gx_set_sleepable_async_event_cb",
+                                 "gx_set_sleepable_async_event_cb() failed <-1>"}),
+    row_name);
+
+TEST_F(EngineTest, StartAndStopAreSeenOnTheConsoleAndByName) {
+    unload();
+    host::clear_console();
+    ASSERT_EQ(tarv_init(), tarv_stat_ok);
+    EXPECT_THAT(console(), ElementsAre("TARV: Initialized."));
+    EXPECT_THAT(host::inter_module_names(),
+                ElementsAre("tarv_get_ib_data_fn", "tarv_process_arp_data_fn", "tarv_detach_fn",
+                            "tarv_attach_fn", "tarv_seq_cache_lookup_fn"));
+    EXPECT_EQ(host::inter_module_get("tarv_get_ib_data_fn"),
+              reinterpret_cast<const void*>(tarv_get_ib_data));
+    EXPECT_EQ(host::inter_module_get("tarv_seq_cache_lookup_fn"),
+              reinterpret_cast<const void*>(tarv_hash_seq_cache_lookup));
+    tarv_destroy();
+    EXPECT_THAT(console(), ElementsAre("TARV: Unloaded."));
+    EXPECT_EQ(kernel.remains(), Lines{});
+}
+
+/* The host stops at the first name that is withdrawn without being registered: of two that are
+ * gone, the one whose turn comes first. */
+TEST_F(EngineTest, NamesAreWithdrawnInTheirOrder) {
+    const std::vector<const char*> order = {"tarv_get_ib_data_fn", "tarv_attach_fn",
+                                            "tarv_detach_fn", "tarv_process_arp_data_fn",
+                                            "tarv_seq_cache_lookup_fn"};
+    fabric.ipoib().detach();
+    for (std::size_t i = 0; i + 1 < order.size(); i++)
+        EXPECT_DEATH(
+            {
+                inter_module_unregister(order[i]);
+                inter_module_unregister(order[i + 1]);
+                host::unload_module(tarv_module);
+            },
+            std::string("nobody registered the name ") + order[i] + " ");
+}
+
+TEST_F(EngineTest, AFreshLoadHasNoDriver) {
+    host::unload_module(tarv_module);
+    ASSERT_EQ(host::load_module(tarv_module), 0);
+    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
+    EXPECT_EQ(fabric.ipoib().attach(), tarv_stat_ok);
+}
+
+TEST_F(EngineTest, PortsThatAreActiveAtTheLoadServeQueries) {
+    EXPECT_EQ(fabric.gsi().open_classes(), 2u);
+    unload();
+    set_link(2, false);
+    load();
+    EXPECT_EQ(fabric.gsi().open_classes(), 1u);
+    ask(host_ip(2), tarv_paths_primary);
+    kernel.advance(10);
+    EXPECT_EQ(timeline.back(), "+4 client told 0 with 10.0.0.2");
+}
+
+struct LinkDown {
+    const char* name;
+    int port;
+    std::vector<u32> kept;  // masks of the entries that stay
+};
+struct LinkDownTest : EngineTest, testing::WithParamInterface<LinkDown> {};
+
+TEST_P(LinkDownTest, PurgesExactlyThatPortsPaths) {
+    const LinkDown& row = GetParam();
+    const std::vector<u32> masks = {0,
+                                    primary,
+                                    secondary,
+                                    primary | secondary,
+                                    primary | TARV_MASK_STATIC,
+                                    secondary | TARV_MASK_STATIC};
+    for (u32 n = 0; n < masks.size(); n++)
+        know(2, masks[n], host_ip(100) + (n << 24));
+    trace(TARV_DEBUG);
+    set_link(row.port, false);
+    EXPECT_THAT(
+        console(),
+        ElementsAre(event_line("Received link_down <port:" + std::to_string(row.port) + ">")));
+    std::vector<u32> kept;
+    for (u32 n = 0; n < masks.size(); n++)
+        if (knows(host_ip(100) + (n << 24)))
+            kept.push_back(masks[n]);
+    EXPECT_EQ(kept, row.kept);
+    EXPECT_EQ(table().size, row.kept.size());
+    EXPECT_EQ(fabric.gsi().open_classes(), 1u);
+    EXPECT_EQ(fabric.gsi().pools(), 2u) << "it serves the next set-up";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, LinkDownTest,
+    testing::Values(LinkDown{"port_1", 1, {0, secondary, secondary | TARV_MASK_STATIC}},
+                    LinkDown{"port_2", 2, {0, primary, primary | TARV_MASK_STATIC}}),
+    row_name);
+
+TEST_F(EngineTest, APortThatComesBackServesQueriesAgain) {
+    set_link(1, false);
+    know(2);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_error);
+    trace(TARV_DEBUG);
+    set_link(1, true);
+    EXPECT_THAT(console(), Contains(event_line("Received link_up <port:1>")));
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending);
+    kernel.advance(10);
+    EXPECT_EQ(timeline.back(), "+2 client told 0 with 10.0.0.2");
+    EXPECT_EQ(fabric.gsi().pools(), 2u);
+}
+
+struct Change {
+    const char* name;
+    u32 type;
+    int port;
+};
+struct ChangeTest : EngineTest, testing::WithParamInterface<Change> {};
+
+TEST_P(ChangeTest, EmptiesTheWholeCache) {
+    know(2);
+    know(3, TARV_MASK_STATIC | secondary);
+    write_once(statics_inv_enabled, 0);
+    raise(GetParam().type, GetParam().port);
+    EXPECT_EQ(table().size, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Site, ChangeTest,
+                         testing::Values(Change{"lid_1", 0x2000, 1}, Change{"lid_2", 0x2000, 2},
+                                         Change{"mtu_1", 0x1000, 1}, Change{"mtu_2", 0x1000, 2}),
+                         row_name);
+
+TEST_F(EngineTest, ANewSubnetManagerIsAskedByTheNextQuery) {
+    know(2);
+    ask(host_ip(2), tarv_paths_primary);
+    kernel.advance(10);
+    const u16 lid = fabric.peers().station(host_ip(4)).lid;
+    fabric.move_sm(lid, 3);
+    kernel.settle();
+    know(3);
+    ask(host_ip(3), tarv_paths_primary);
+    kernel.advance(10);
+    EXPECT_THAT(timeline,
+                ElementsAre("+0 query on port 1 to lid 7 sl 0", "+2 client told 0 with 10.0.0.2",
+                            "+10 query on port 1 to lid " + std::to_string(lid) + " sl 3",
+                            "+12 client told 0 with 10.0.0.3"));
+    EXPECT_TRUE(knows(host_ip(2))) << "the cache stays";
+}
+
+struct Refused {
+    const char* name;
+    u32 type;
+    int port;
+    Lines logged;
+};
+struct RefusedTest : EngineTest, testing::WithParamInterface<Refused> {};
+
+TEST_P(RefusedTest, OnlyLogs) {
+    know(2, primary);
+    trace(TARV_DEBUG);
+    raise(GetParam().type, GetParam().port);
+    EXPECT_EQ(console(), GetParam().logged);
+    EXPECT_EQ(fabric.gsi().open_classes(), 2u);
+    EXPECT_TRUE(knows(host_ip(2)));
+}
+
+Lines refused_link_up(int port, const std::string& why) {
+    return {event_line("Received link_up <port:" + std::to_string(port) + ">"),
+            logged(TARV_ERROR, "tarv_sa", "tarv_sa_init", why)};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, RefusedTest,
+    testing::Values(
+        Refused{"unknown", 0xABCDE, 2, {event_line("Received async event <type: ABCDE> <port:2>")}},
+        Refused{"second_link_up", 0x10000, 1, refused_link_up(1, "Allready initialized.")},
+        Refused{"link_up_9", 0x10000, 9,
+                refused_link_up(9, "Port #9 is not supported, ports are 1 to 8.")},
+        Refused{"link_up_0", 0x10000, 0,
+                refused_link_up(0, "Port #0 is not supported, ports are 1 to 8.")},
+        Refused{"link_down_9", 0x20000, 9, {event_line("Received link_down <port:9>")}},
+        Refused{
+            "sm_change_9",
+            0x40000,
+            9,
+            {logged(TARV_DEBUG, "tarv_sa", "tarv_sa_get_sa_info", "gx_port_query() failed <-3>")}}),
+    row_name);
+
+struct Stop {
+    const char* name;
+    std::function<void(EngineTest&)> before;
+    Lines told;
+};
+struct StopTest : EngineTest, testing::WithParamInterface<Stop> {};
+
+TEST_P(StopTest, GivesThoseWhoWaitForPathsTheirLastWord) {
+    fabric.peer(host_ip(2)).drop_all();
+    fabric.sa().faults().drop_all();
+    know(3);
+    ask(host_ip(2), tarv_paths_none, "arp");
+    ask(host_ip(3), tarv_paths_primary, "first");
+    ask(host_ip(3), tarv_paths_both, "second");
+    kernel.advance(100);
+    GetParam().before(*this);
+    unload();
+    kernel.settle();
+    std::erase_if(timeline, [](const auto& line) { return line.find("query") != line.npos; });
+    EXPECT_THAT(timeline, testing::UnorderedElementsAreArray(GetParam().told));
+    EXPECT_EQ(kernel.remains(), Lines{});
+}
+
+const std::string first_told = "+100 first told -254";
+const std::string second_told = "+100 second told -254";
+INSTANTIATE_TEST_SUITE_P(
+    Site, StopTest,
+    testing::Values(
+        Stop{"running", [](EngineTest&) {}, {first_told, second_told}},
+        Stop{"links_down",
+             [](EngineTest& test) {
+                 test.set_link(1, false);
+                 test.set_link(2, false);
+             },
+             {first_told, second_told}},
+        Stop{"no_retries_left",
+             [](EngineTest&) { write_once(get_data_retry, 0); },
+             {first_told, second_told}},
+        Stop{"no_memory", [](EngineTest&) { host::fail_nth("kmalloc", 1); }, {first_told}},
+        Stop{"halted",
+             [](EngineTest&) { tarv_proc_cmd_halt(1, nullptr); },
+             {"+100 arp told -254", first_told, second_told}}),
+    row_name);
+
+TEST_F(EngineTest, TheDummyReplyOnlyLogs) {
+    trace(TARV_DEBUG);
+    tarv_arp_data_t answer = heard(2);
+    answer.dst_ip = host_ip(2);
+    tarv_get_ib_data_reply_dummy_fn(tarv_stat_ok, &answer, nullptr);
+    tarv_get_ib_data_reply_dummy_fn(tarv_stat_timeout, nullptr, nullptr);
+    constexpr char function[] = "tarv_get_ib_data_reply_dummy_fn";
+    EXPECT_THAT(
+        console(),
+        ElementsAre(
+            logged(TARV_DEBUG, "tarv_api", function, "Entry <IP:10.0.0.2> invalidated ok"),
+            logged(TARV_DEBUG, "tarv_api", function, "Invalidation failed <Status:-254>.")));
+}
+
+TEST_F(EngineTest, OnlyOneDriverAttaches) {
+    trace(TARV_ERROR);
+    void* handle = nullptr;
+    EXPECT_EQ(tarv_attach(nullptr, StandInDriver::send_arp, nullptr, &handle), tarv_stat_error);
+    EXPECT_EQ(tarv_detach(&handle), tarv_stat_error);
+    EXPECT_EQ(tarv_detach(nullptr), tarv_stat_error);
+    EXPECT_EQ(ask(host_ip(2)), tarv_stat_pending) << "still attached";
+    EXPECT_EQ(tarv_detach(reinterpret_cast<void*>(0xBEEF)), tarv_stat_ok);
+    EXPECT_EQ(tarv_attach(nullptr, StandInDriver::send_arp, nullptr, &handle), tarv_stat_ok);
+    EXPECT_EQ(handle, reinterpret_cast<void*>(0xBEEF));
+    const std::string invalid = logged(TARV_ERROR, "tarv_api", "tarv_detach", "Invalid handle.");
+    EXPECT_THAT(console(), ElementsAre(logged(TARV_ERROR, "tarv_api", "tarv_attach",
+                                              "send_arp_data_fn OR get_if_info_fn allready "
+                                              "registered."),
+                                       invalid, invalid));
+    EXPECT_EQ(waiting_for_arp(), 1u) << "it goes on waiting";
+}
+
+}  // namespace

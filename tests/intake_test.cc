@@ -1,0 +1,390 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The two intakes: ARP packets that the driver hands over, and the SA's path records.
+#include <cstring>
+
+#include "tests/support/site.h"
+
+namespace {
+
+using namespace support;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr u32 both = TARV_MASK_BOTH_PATHS;
+
+std::string arp(tarv_log_level_t level, const std::string& message) {
+    return logged(level, "tarv_api", "tarv_process_arp_data", message);
+}
+std::string paths(tarv_log_level_t level, const std::string& message) {
+    return logged(level, "tarv_api", "tarv_process_path_rec_data", message);
+}
+
+struct IntakeTest : SiteTest {
+    /// Clients whose ARP requests get lost wait for host 2.
+    void wait_for_2(const std::vector<tarv_paths_t>& wanted) {
+        fabric.peer(host_ip(2)).drop_all();
+        for (std::size_t n = 0; n < wanted.size(); n++)
+            EXPECT_EQ(ask(host_ip(2), wanted[n], std::string(1, static_cast<char>('a' + n))),
+                      tarv_stat_pending);
+    }
+    u32 entries_of(u32 address) {
+        u32 count = 0;
+        for (auto* entry = table().hash_buckets[tarv_hash_func(address)]; entry;
+             entry = entry->next)
+            count += entry->arp_data.dst_ip == address;
+        return count;
+    }
+};
+
+struct Operation {
+    const char* name;
+    u8 enabled;
+    int operation;
+    tarv_stat_t status;
+    bool learned;
+    Lines logged;
+};
+struct OperationTest : IntakeTest, testing::WithParamInterface<Operation> {};
+
+TEST_P(OperationTest, LearnsFromRequestsAndRepliesAlike) {
+    const Operation& row = GetParam();
+    wait_for_2({tarv_paths_none});
+    write_once(enabled, row.enabled);
+    trace(TARV_DEBUG);
+    const tarv_arp_data_t before = heard(2, static_cast<tarv_arp_op_t>(row.operation));
+    EXPECT_EQ(hear(before), row.status);
+    EXPECT_EQ(console(), row.logged);
+    EXPECT_EQ(table().size, row.learned ? 1u : 0u);
+    EXPECT_EQ(replies.size(), row.learned ? 1u : 0u);
+    if (row.learned) {
+        EXPECT_EQ(replies[0].record.mask, 0x27Fu);
+        EXPECT_EQ(replies[0].record.src_ip, host_ip(1));
+        EXPECT_EQ(replies[0].record.dst_ip, host_ip(2));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, OperationTest,
+    testing::Values(
+        Operation{"disabled", 0, 2, tarv_stat_ok, false, {}},
+        Operation{"request",
+                  1,
+                  1,
+                  tarv_stat_ok,
+                  true,
+                  {arp(TARV_DEBUG, "ARP_REQ received <src_ip:0200000a,dst_ip:0100000a>")}},
+        Operation{"reply",
+                  1,
+                  2,
+                  tarv_stat_ok,
+                  true,
+                  {arp(TARV_DEBUG, "ARP processed <src_ip:0200000a,dst_ip:0100000a>")}},
+        Operation{
+            "third", 1, 3, tarv_stat_error, false, {arp(TARV_ERROR, "Invalid ARP operation<3>.")}},
+        Operation{"zeroth",
+                  1,
+                  0,
+                  tarv_stat_error,
+                  false,
+                  {arp(TARV_ERROR, "Invalid ARP operation<0>.")}}),
+    row_name);
+
+TEST_F(IntakeTest, APeersOwnQuestionCompletesARequest) {
+    wait_for_2({tarv_paths_none});
+    fabric.peer(host_ip(2)).clear();
+    fabric.peer_asks(host_ip(2));
+    kernel.advance(2);
+    EXPECT_THAT(timeline, ElementsAre("+1 a told 0 with 10.0.0.2"));
+}
+
+TEST_F(IntakeTest, AnUpdateCompletesNobody) {
+    wait_for_2({tarv_paths_none});
+    know(2, both);
+    tarv_arp_data_t moved = heard(2);
+    moved.lid = 77;
+    EXPECT_EQ(hear(moved), tarv_stat_ok);
+    EXPECT_THAT(timeline, IsEmpty());
+    ASSERT_EQ(ask(host_ip(2)), tarv_stat_ok);
+    EXPECT_EQ(record.lid, 77);
+    EXPECT_EQ(record.mask & both, 0u) << "the whole record is replaced";
+    kernel.advance(1000);
+    EXPECT_THAT(timeline, ElementsAre("+1000 a told 0 with 10.0.0.2"));
+}
+
+TEST_F(IntakeTest, EveryRequestThatWantsPathsSendsItsOwnQuery) {
+    wait_for_2({tarv_paths_none, tarv_paths_primary, tarv_paths_both, tarv_paths_primary});
+    EXPECT_EQ(hear(heard(2)), tarv_stat_ok);
+    EXPECT_EQ(waiting_for_arp(), 0u);
+    EXPECT_EQ(waiting_for_paths(), 3u);
+    kernel.advance(10);
+    const std::string query = "+0 query on port 1 to lid 7 sl 0";
+    EXPECT_THAT(timeline, ElementsAre("+0 a told 0 with 10.0.0.2", query, query, query,
+                                      "+2 b told 0 with 10.0.0.2", "+2 c told 0 with 10.0.0.2",
+                                      "+2 d told 0 with 10.0.0.2"));
+}
+
+TEST_F(IntakeTest, ARequestWhoseQueryFailsEndsAndTheLastOutcomeIsReported) {
+    wait_for_2({tarv_paths_both, tarv_paths_both});
+    host::fail_nth("gsi_post_send_dtgrm", 1);
+    trace(TARV_ERROR);
+    EXPECT_EQ(hear(heard(2)), tarv_stat_ok) << "that of the second request";
+    EXPECT_THAT(console(),
+                ElementsAre(arp(TARV_ERROR, "Error initiating multipath record query.")));
+    EXPECT_THAT(timeline, ElementsAre("+0 a told -255"));
+    EXPECT_EQ(waiting_for_paths(), 1u);
+
+    ask(host_ip(3), tarv_paths_primary, "other");
+    host::fail_nth("gsi_dtgrm_pool_get", 1);
+    EXPECT_EQ(hear(heard(3)), tarv_stat_error);
+    EXPECT_THAT(timeline, Contains("+0 other told -255"));
+}
+
+TEST_F(IntakeTest, ARequestWithoutACallbackIsPassedOver) {
+    host::fail_nth("send_arp", 1);
+    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
+    EXPECT_EQ(hear(heard(2)), tarv_stat_ok);
+    EXPECT_EQ(waiting_for_arp(), 0u);
+    EXPECT_THAT(timeline, IsEmpty());
+}
+
+TEST_F(IntakeTest, WithoutMemoryThePacketIsDropped) {
+    wait_for_2({tarv_paths_none});
+    trace(TARV_ERROR);
+    host::fail_nth("kmalloc", 1);
+    EXPECT_EQ(hear(heard(2)), tarv_stat_ok);
+    host::fail_nth("kmalloc", 2);
+    EXPECT_EQ(hear(heard(2)), tarv_stat_not_found);
+    EXPECT_THAT(console(),
+                ElementsAre(arp(TARV_ERROR, "Failed allocate memory for local_arp_data (" +
+                                                std::to_string(sizeof(tarv_arp_data_t)) + ")."),
+                            arp(TARV_ERROR, "Not enough memory to allocate new arp entry.")));
+    EXPECT_EQ(table().size, 0u);
+    EXPECT_EQ(waiting_for_arp(), 1u);
+}
+
+struct StaticPath {
+    const char* name;
+    u32 port;
+    const char* failing;  // a service
+    u16 pkey;
+};
+struct StaticPathTest : IntakeTest, testing::WithParamInterface<StaticPath> {};
+
+TEST_P(StaticPathTest, IsGivenToEveryPeerWhileTheSaIsOff) {
+    const StaticPath& row = GetParam();
+    wait_for_2({tarv_paths_both});
+    write_once(sa_queries_enabled, 0);
+    fabric.ipoib().set_pkey(0x8001);
+    if (row.failing)
+        host::fail_nth(row.failing, 1);
+    tarv_arp_data_t data = heard(2);
+    data.local_port_num = row.port;
+    EXPECT_EQ(hear(data), tarv_stat_ok);
+
+    ASSERT_EQ(replies.size(), 1u);
+    const tarv_arp_data_t& told = replies[0].record;
+    EXPECT_EQ(told.mask & both, TARV_MASK_PRIMARY_PATH);
+    EXPECT_EQ(told.paths_count, 0);
+    ib_path_record_v2_t expected = {};
+    expected.numb_path = 1;
+    expected.mtu = 3;
+    expected.pkey = row.pkey;
+    expected.dlid = data.lid;
+    expected.dgid = data.gid;
+    if (row.port <= 2) {
+        expected.sgid = local_gid(static_cast<int>(row.port));
+        expected.slid = fabric.adapter().port(static_cast<int>(row.port)).lid;
+    }
+    EXPECT_EQ(std::memcmp(&told.paths[0], &expected, sizeof expected), 0);
+    EXPECT_EQ(waiting_for_paths(), 0u);
+
+    // The next peer's path starts from the same template, but for its P_Key.
+    host::fail_nth("get_if_info", 1);
+    ask(host_ip(3));
+    hear(heard(3));
+    EXPECT_EQ(u16{replies.at(1).record.paths[0].pkey}, row.pkey);
+    EXPECT_EQ(u16{replies.at(1).record.paths[0].slid}, fabric.adapter().port(1).lid);
+}
+
+INSTANTIATE_TEST_SUITE_P(Site, StaticPathTest,
+                         testing::Values(StaticPath{"port_1", 1, nullptr, 0x8001},
+                                         StaticPath{"port_2", 2, nullptr, 0x8001},
+                                         StaticPath{"no_such_port", 257, nullptr, 0x8001},
+                                         StaticPath{"no_interface", 1, "get_if_info", 0xFFFF}),
+                         row_name);
+
+struct Protected {
+    const char* name;
+    u32 cached;
+    tarv_paths_t wanted;
+    std::size_t queries;
+};
+struct ProtectedTest : IntakeTest, testing::WithParamInterface<Protected> {};
+
+TEST_P(ProtectedTest, AStaticEntryStaysTheOnlyOneAndAnswers) {
+    const Protected& row = GetParam();
+    wait_for_2({row.wanted});
+    know(2, TARV_MASK_STATIC | row.cached);
+    write_once(statics_inv_enabled, 0);
+    tarv_arp_data_t forged = heard(2);
+    forged.lid = 999;
+    EXPECT_EQ(hear(forged), tarv_stat_ok);
+    EXPECT_EQ(entries_of(host_ip(2)), 1u);
+    kernel.advance(10);
+    EXPECT_EQ(queries(), row.queries);
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].status, tarv_stat_ok);
+    EXPECT_EQ(replies[0].record.lid, heard(2).lid);
+    EXPECT_TRUE(replies[0].record.mask & TARV_MASK_STATIC);
+    EXPECT_TRUE(tarv_mask_has_paths(replies[0].record.mask, row.wanted));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, ProtectedTest,
+    testing::Values(Protected{"no_paths_wanted", 0, tarv_paths_none, 0},
+                    Protected{"all_paths_there", both, tarv_paths_both, 0},
+                    Protected{"primary_there", TARV_MASK_PRIMARY_PATH, tarv_paths_primary, 0},
+                    Protected{"secondary_missing", TARV_MASK_PRIMARY_PATH, tarv_paths_both, 1}),
+    row_name);
+
+struct Inside {
+    const char* name;
+    tarv_paths_t wanted;
+    tarv_stat_t sent;
+    const char* told;
+};
+struct InsideTest : IntakeTest, testing::WithParamInterface<Inside> {};
+
+TEST_P(InsideTest, AReplyInsideTheSendCompletesAtOnceAndOnce) {
+    const Inside& row = GetParam();
+    u32 mask_after = 0;
+    StandInDriver driver{[&](tarv_arp_data_t& data, int) {
+        hear(heard(2));
+        mask_after = data.mask;
+        return row.sent;
+    }};
+    use(driver);
+    EXPECT_EQ(ask(host_ip(2), row.wanted), tarv_stat_pending);
+    EXPECT_EQ(mask_after, 0x403u) << "the driver's record is left alone";
+    EXPECT_EQ(record.mask, row.sent == tarv_stat_ok ? 0u : 0x403u);
+    EXPECT_EQ(waiting_for_arp(), 0u);
+    EXPECT_EQ(read_once(tarv_media_reset), row.sent == tarv_stat_ok ? 0 : 1);
+    kernel.advance(10'000);
+    std::erase_if(timeline, [](const auto& line) { return line.find("query") != line.npos; });
+    EXPECT_THAT(timeline, ElementsAre(row.told));
+    write_once(local_send_arp_data_fn, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(Site, InsideTest,
+                         testing::Values(Inside{"sent", tarv_paths_none, tarv_stat_ok,
+                                                "+0 client told 0 with 10.0.0.2"},
+                                         Inside{"failed", tarv_paths_none, tarv_stat_error,
+                                                "+0 client told 0 with 10.0.0.2"},
+                                         Inside{"sent_paths_wanted", tarv_paths_both, tarv_stat_ok,
+                                                "+2 client told 0 with 10.0.0.2"},
+                                         Inside{"failed_paths_wanted", tarv_paths_both,
+                                                tarv_stat_error, "+2 client told 0 with 10.0.0.2"}),
+                         row_name);
+
+TEST_F(IntakeTest, ACallbackMayAskAgain) {
+    struct Chain {
+        static void reply(tarv_stat_t, tarv_arp_data_t*, void* test) {
+            static_cast<IntakeTest*>(test)->ask(host_ip(3), tarv_paths_both, "next");
+        }
+    };
+    tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_none, &record, Chain::reply, this, 0);
+    kernel.advance(10);
+    EXPECT_THAT(timeline, ElementsAre(testing::HasSubstr("query"), "+6 next told 0 with 10.0.0.3"));
+}
+
+struct PathIntakeTest : IntakeTest {};
+
+TEST_F(PathIntakeTest, OnePathForBothPutsTheRequestBack) {
+    know(2);
+    fabric.sa().answer_with_records(1);
+    kernel.advance(500);
+    trace(TARV_WARNING);
+    ask(host_ip(2), tarv_paths_both);
+    kernel.advance(10);
+    EXPECT_THAT(console(), ElementsAre(logged(TARV_ERROR, "tarv_sa_req_list",
+                                              "tarv_sa_find_and_move_requests_to_list",
+                                              "tarv_hash_update_paths() failed. returned -253"),
+                                       paths(TARV_WARNING,
+                                             "No matching requests for the received Path "
+                                             "Record Query Reply.")));
+    EXPECT_EQ(waiting_for_paths(), 1u);
+    kernel.advance(12'490);
+    EXPECT_EQ(timeline.back(), "+13000 client told -254");
+    EXPECT_EQ(queries(), 4u);
+}
+
+TEST_F(PathIntakeTest, OneAnswerSatisfiesAllWhoWaitForItsGid) {
+    for (const char* address : {"10.0.0.2", "10.1.0.2", "10.2.0.2"})
+        know(2, 0, ip(address));
+    fabric.sa().faults().drop_next(2);
+    for (const char* address : {"10.0.0.2", "10.1.0.2", "10.2.0.2"})
+        ask(ip(address), tarv_paths_both, address);
+    kernel.advance(10);
+    EXPECT_EQ(queries(), 3u);
+    timeline.erase(timeline.begin(), timeline.begin() + 3);
+    EXPECT_THAT(timeline,
+                ElementsAre("+2 10.0.0.2 told 0 with 10.0.0.2", "+2 10.1.0.2 told 0 with 10.1.0.2",
+                            "+2 10.2.0.2 told 0 with 10.2.0.2"));
+    for (const Reply& told : replies)
+        EXPECT_EQ(told.record.mask & both, both);
+}
+
+/* The entry goes between the storing of the paths and its lookup: the reply callback of a request
+ * that is answered before removes it. */
+TEST_F(PathIntakeTest, ARequestWhoseEntryVanishedIsReissuedAfterAllReplies) {
+    struct Remover {
+        static void reply(tarv_stat_t status, tarv_arp_data_t*, void* test) {
+            static_cast<PathIntakeTest*>(test)->note("remover told " + std::to_string(status));
+            tarv_hash_remove_all();
+        }
+    };
+    write_once(get_data_retry, 1);
+    know(2);
+    tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_both, &record, Remover::reply, this, 0);
+    ask(host_ip(2), tarv_paths_both);
+    fabric.peer(host_ip(2)).drop_all();
+    trace(TARV_DEBUG);
+    kernel.advance(3);
+    const Lines lines = console();
+    EXPECT_THAT(lines, Contains(paths(TARV_DEBUG, "should send a retry for request")));
+    EXPECT_THAT(lines, Contains(logged(TARV_DEBUG, "tarv_api", "tarv_retry_ib_data_request",
+                                       "trying again after 0 of retries for request")));
+    EXPECT_THAT(arp_requests(), ElementsAre("+2 10.0.0.2 reset 1"));
+    kernel.advance(2000);
+    timeline.erase(timeline.begin(), timeline.begin() + 2);
+    EXPECT_THAT(timeline, ElementsAre("+2 remover told 0", "+2000 client told -254"));
+}
+
+TEST_F(PathIntakeTest, ALateAnswerIsForNobody) {
+    know(2);
+    fabric.sa().faults().duplicate_next();
+    trace(TARV_WARNING);
+    ask(host_ip(2), tarv_paths_both);
+    kernel.advance(10);
+    EXPECT_THAT(console(), ElementsAre(paths(TARV_WARNING,
+                                             "No matching requests for the received Path "
+                                             "Record Query Reply.")));
+    EXPECT_EQ(replies.size(), 1u);
+}
+
+TEST_F(PathIntakeTest, WithoutMemoryTheAnswerIsDroppedAndTheRequestWaits) {
+    know(2);
+    ask(host_ip(2), tarv_paths_both);
+    host::fail_nth("kmalloc", 1);
+    trace(TARV_ERROR);
+    kernel.advance(10);
+    EXPECT_THAT(console(),
+                ElementsAre(paths(TARV_ERROR, "Not enough memory for tarv_hash_entry.")));
+    EXPECT_EQ(waiting_for_paths(), 1u);
+    kernel.advance(3000);
+    EXPECT_EQ(timeline.back(), "+3002 client told 0 with 10.0.0.2");
+}
+
+}  // namespace
