@@ -17,7 +17,7 @@ constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
 constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
 
 std::string event_line(const std::string& message) {
-    return logged(TARV_DEBUG, "tarv_api", "tarv_async_event_cb", message);
+    return log_line(TARV_DEBUG, "tarv_api", "tarv_async_event_cb", message);
 }
 
 struct EngineTest : SiteTest {
@@ -46,11 +46,11 @@ TEST_P(FailingStartTest, LeavesNothing) {
     host::fail_nth(GetParam().service, 1);
     EXPECT_EQ(tarv_init(), tarv_stat_error);
     EXPECT_THAT(console(),
-                ElementsAre(logged(TARV_DEBUG, "tarv_api", "tarv_aync_ev_init", GetParam().line),
-                            logged(TARV_ERROR, "tarv_api", "tarv_init",
-                                   "Error initializing async events registration<-255>."),
-                            logged(TARV_DEBUG, "tarv_arp_hash", "tarv_hash_destroy",
-                                   "The ARP table is empty.")));
+                ElementsAre(log_line(TARV_DEBUG, "tarv_api", "tarv_aync_ev_init", GetParam().line),
+                            log_line(TARV_ERROR, "tarv_api", "tarv_init",
+                                     "Error initializing async events registration<-255>."),
+                            log_line(TARV_DEBUG, "tarv_arp_hash", "tarv_hash_destroy",
+                                     "The ARP table is empty.")));
     EXPECT_EQ(kernel.remains(), Lines{});
     EXPECT_EQ(hca_h, nullptr);
 
@@ -225,7 +225,7 @@ TEST_P(RefusedTest, OnlyLogs) {
 
 Lines refused_link_up(int port, const std::string& why) {
     return {event_line("Received link_up <port:" + std::to_string(port) + ">"),
-            logged(TARV_ERROR, "tarv_sa", "tarv_sa_init", why)};
+            log_line(TARV_ERROR, "tarv_sa", "tarv_sa_init", why)};
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -238,11 +238,11 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"link_up_0", 0x10000, 0,
                 refused_link_up(0, "Port #0 is not supported, ports are 1 to 8.")},
         Refused{"link_down_9", 0x20000, 9, {event_line("Received link_down <port:9>")}},
-        Refused{
-            "sm_change_9",
-            0x40000,
-            9,
-            {logged(TARV_DEBUG, "tarv_sa", "tarv_sa_get_sa_info", "gx_port_query() failed <-3>")}}),
+        Refused{"sm_change_9",
+                0x40000,
+                9,
+                {log_line(TARV_DEBUG, "tarv_sa", "tarv_sa_get_sa_info",
+                          "gx_port_query() failed <-3>")}}),
     row_name);
 
 struct Stop {
@@ -299,8 +299,8 @@ TEST_F(EngineTest, TheDummyReplyOnlyLogs) {
     EXPECT_THAT(
         console(),
         ElementsAre(
-            logged(TARV_DEBUG, "tarv_api", function, "Entry <IP:10.0.0.2> invalidated ok"),
-            logged(TARV_DEBUG, "tarv_api", function, "Invalidation failed <Status:-254>.")));
+            log_line(TARV_DEBUG, "tarv_api", function, "Entry <IP:10.0.0.2> invalidated ok"),
+            log_line(TARV_DEBUG, "tarv_api", function, "Invalidation failed <Status:-254>.")));
 }
 
 TEST_F(EngineTest, OnlyOneDriverAttaches) {
@@ -313,10 +313,10 @@ TEST_F(EngineTest, OnlyOneDriverAttaches) {
     EXPECT_EQ(tarv_detach(reinterpret_cast<void*>(0xBEEF)), tarv_stat_ok);
     EXPECT_EQ(tarv_attach(nullptr, StandInDriver::send_arp, nullptr, &handle), tarv_stat_ok);
     EXPECT_EQ(handle, reinterpret_cast<void*>(0xBEEF));
-    const std::string invalid = logged(TARV_ERROR, "tarv_api", "tarv_detach", "Invalid handle.");
-    EXPECT_THAT(console(), ElementsAre(logged(TARV_ERROR, "tarv_api", "tarv_attach",
-                                              "send_arp_data_fn OR get_if_info_fn allready "
-                                              "registered."),
+    const std::string invalid = log_line(TARV_ERROR, "tarv_api", "tarv_detach", "Invalid handle.");
+    EXPECT_THAT(console(), ElementsAre(log_line(TARV_ERROR, "tarv_api", "tarv_attach",
+                                                "send_arp_data_fn OR get_if_info_fn allready "
+                                                "registered."),
                                        invalid, invalid));
     EXPECT_EQ(waiting_for_arp(), 1u) << "it goes on waiting";
 }

@@ -15,10 +15,10 @@ using testing::IsEmpty;
 constexpr u32 both = TARV_MASK_BOTH_PATHS;
 
 std::string arp(tarv_log_level_t level, const std::string& message) {
-    return logged(level, "tarv_api", "tarv_process_arp_data", message);
+    return log_line(level, "tarv_api", "tarv_process_arp_data", message);
 }
 std::string paths(tarv_log_level_t level, const std::string& message) {
-    return logged(level, "tarv_api", "tarv_process_path_rec_data", message);
+    return log_line(level, "tarv_api", "tarv_process_path_rec_data", message);
 }
 
 struct IntakeTest : SiteTest {
@@ -308,9 +308,9 @@ TEST_F(PathIntakeTest, OnePathForBothPutsTheRequestBack) {
     trace(TARV_WARNING);
     ask(host_ip(2), tarv_paths_both);
     kernel.advance(10);
-    EXPECT_THAT(console(), ElementsAre(logged(TARV_ERROR, "tarv_sa_req_list",
-                                              "tarv_sa_find_and_move_requests_to_list",
-                                              "tarv_hash_update_paths() failed. returned -253"),
+    EXPECT_THAT(console(), ElementsAre(log_line(TARV_ERROR, "tarv_sa_req_list",
+                                                "tarv_sa_find_and_move_requests_to_list",
+                                                "tarv_hash_update_paths() failed. returned -253"),
                                        paths(TARV_WARNING,
                                              "No matching requests for the received Path "
                                              "Record Query Reply.")));
@@ -354,8 +354,8 @@ TEST_F(PathIntakeTest, ARequestWhoseEntryVanishedIsReissuedAfterAllReplies) {
     kernel.advance(3);
     const Lines lines = console();
     EXPECT_THAT(lines, Contains(paths(TARV_DEBUG, "should send a retry for request")));
-    EXPECT_THAT(lines, Contains(logged(TARV_DEBUG, "tarv_api", "tarv_retry_ib_data_request",
-                                       "trying again after 0 of retries for request")));
+    EXPECT_THAT(lines, Contains(log_line(TARV_DEBUG, "tarv_api", "tarv_retry_ib_data_request",
+                                         "trying again after 0 of retries for request")));
     EXPECT_THAT(arp_requests(), ElementsAre("+2 10.0.0.2 reset 1"));
     kernel.advance(2000);
     timeline.erase(timeline.begin(), timeline.begin() + 2);

@@ -19,7 +19,7 @@ constexpr u32 both = primary | secondary;
 
 std::string api(tarv_log_level_t level, const std::string& message,
                 const char* function = "__tarv_get_ib_data") {
-    return logged(level, "tarv_api", function, message);
+    return log_line(level, "tarv_api", function, message);
 }
 
 struct Hit {

@@ -17,7 +17,7 @@ struct RoadTest : SiteTest, testing::WithParamInterface<unsigned long> {
 
 /* A DEBUG line of the unit. */
 std::string debug(const char* unit, const char* function, const char* message) {
-    return logged(TARV_DEBUG, unit, function, message);
+    return log_line(TARV_DEBUG, unit, function, message);
 }
 std::string api(const char* function, const char* message) {
     return debug("tarv_api", function, message);
