@@ -26,6 +26,8 @@ struct Verb {
 constexpr Verb verbs[] = {
     {"run", "Run the host: resolve every other host and unload, or until told to stop",
      app::declare_run},
+    {"script", "Play a situation tick by tick in virtual time, from a file of one verb a line",
+     app::declare_script},
 };
 
 int fail(int status, std::string line) {

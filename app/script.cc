@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The verb "script": reads a script and plays it.
+#include "app/script.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include "app/script_verbs.h"
+#include "app/verbs.h"
+
+namespace app {
+namespace {
+
+struct ScriptOptions {
+    HostOptions host;
+    std::string file;
+};
+
+const ScriptVerb& find_verb(ScriptLine& line) {
+    const std::string name = line.word("a verb");
+    const auto found = std::ranges::find(script_verbs(), name, &ScriptVerb::name);
+    if (found == script_verbs().end())
+        line.fail("there is no verb \"" + name + "\"");
+    return *found;
+}
+
+ScriptStep read_step(ScriptLine& line, ScriptReading& reading) {
+    const ScriptVerb& verb = find_verb(line);
+    const std::string syntax = verb.syntax;
+    line.set_usage(verb.name + (syntax.empty() ? "" : " " + syntax));
+    ScriptStep step;
+    step.place = line.place();
+    step.expects = verb.read == read_expect;
+    step.run = verb.read(line, reading);
+    line.end();
+    return step;
+}
+
+Script read_file(const std::string& file, const Site& site) {
+    if (file == "-")
+        return read_script(std::cin, file, site);
+    std::ifstream in(file);
+    if (!in)
+        throw fabric::InputError(file, 0, std::strerror(errno));
+    return read_script(in, file, site);
+}
+
+std::string list_verbs() {
+    std::string list = "Verbs:\n";
+    for (const ScriptVerb& verb : script_verbs())
+        list += std::string("  ") + verb.name + " " + verb.syntax + "\n";
+    return list;
+}
+
+int run(const ScriptOptions& options) {
+    Site site = read_site(options.host);
+    const Script script = read_file(options.file, site);
+    ScriptHost host(std::move(site), script.first_jiffy, std::cout, std::cerr);
+    return run_script(script, host);
+}
+
+}  // namespace
+
+Script read_script(std::istream& in, const std::string& file, const Site& site) {
+    Script script;
+    ScriptReading reading{.site = site, .first_jiffy = script.first_jiffy};
+    int number = 0;
+    for (std::string text; std::getline(in, text);) {
+        ScriptLine line(file, ++number, text);
+        if (!line.at_end())
+            script.steps.push_back(read_step(line, reading));
+    }
+    if (in.bad())
+        throw fabric::InputError(file, 0, "it cannot be read");
+    script.first_jiffy = reading.first_jiffy;
+    return script;
+}
+
+int run_script(const Script& script, ScriptHost& host) {
+    bool expecting = false;
+    for (const ScriptStep& step : script.steps) {
+        if (expecting && !step.expects)
+            host.forget_lines();
+        expecting = step.expects;
+        try {
+            step.run(host, step.place);
+            host.kernel().settle();
+        } catch (const std::exception& failed) {
+            host.fail(step.place, failed.what());
+        }
+    }
+    if (host.loaded())
+        host.unload();
+    return host.failed() ? 1 : 0;
+}
+
+Action declare_script(CLI::App& verb) {
+    const auto options = std::make_shared<ScriptOptions>();
+    verb.add_option("FILE", options->file, "The script; - reads it from standard input")
+        ->required();
+    add_host_options(verb, options->host);
+    verb.footer(list_verbs());
+    // A script sets these itself.
+    for (const char* own : {"--param", "--debug-level", "--logger-level", "--capture"})
+        verb.remove_option(verb.get_option(own));
+    return [options] { return run(*options); };
+}
+
+}  // namespace app

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// A script: a situation of the host, one verb a line, played tick by tick in virtual time.
+//
+// It is read whole before anything is started. Each line becomes a step; the steps then run one
+// after the other, each followed by whatever is due at that very tick.
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+#include "app/script_host.h"
+
+namespace app {
+
+/// Carries a line out; `place` is "FILE:LINE".
+using ScriptAction = std::function<void(ScriptHost& host, const std::string& place)>;
+
+struct ScriptStep {
+    std::string place;
+    bool expects = false;  ///< it only looks at what happened
+    ScriptAction run;
+};
+
+struct Script {
+    unsigned long first_jiffy = 1000;
+    std::vector<ScriptStep> steps;
+};
+
+/// Throws fabric::InputError for the first line that cannot be understood, or that names what the
+/// site does not have.
+Script read_script(std::istream& in, const std::string& file, const Site& site);
+
+/// Runs all steps and unloads the module if the script did not. The exit status: 0, or 1 when an
+/// expectation failed, a line could not be carried out, or the module left something behind.
+int run_script(const Script& script, ScriptHost& host);
+
+}  // namespace app

@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The verbs with which a script acts on the fabric: faults of packets and of the SA's answers, and
+// the adapter's events.
+#include <algorithm>
+#include <limits>
+
+#include "app/script_verbs.h"
+
+namespace app {
+namespace {
+
+constexpr std::uint64_t any_unsigned = std::numeric_limits<unsigned>::max();
+
+/* Who sends, or what is crossed by, the packets that are at fault. */
+struct Target {
+    enum { peer, sa, port } kind = peer;
+    std::uint32_t ip = 0;
+    int port_number = 0;
+};
+
+/* Of any packets. */
+struct PacketFault {
+    const char* name;
+    bool counts;  // a number of packets, 1 where it is not given
+    void (*apply)(fabric::Faults&, std::uint64_t value);
+};
+constexpr PacketFault packet_faults[] = {
+    {"drop", true,
+     [](fabric::Faults& faults, std::uint64_t n) { faults.drop_next(static_cast<unsigned>(n)); }},
+    {"duplicate", true,
+     [](fabric::Faults& faults, std::uint64_t n) {
+         faults.duplicate_next(static_cast<unsigned>(n));
+     }},
+    {"reorder", true,
+     [](fabric::Faults& faults, std::uint64_t n) { faults.hold_next(static_cast<unsigned>(n)); }},
+    {"delay", false, [](fabric::Faults& faults, std::uint64_t ticks) { faults.delay(ticks); }},
+};
+
+/* Of the SA's answers. */
+struct AnswerFault {
+    const char* name;
+    std::uint64_t most;
+    void (*apply)(fabric::Sa&, std::uint64_t value, unsigned count);
+};
+template <class Value, void (fabric::Sa::*change)(Value, unsigned)>
+void change_answer(fabric::Sa& sa, std::uint64_t value, unsigned count) {
+    (sa.*change)(static_cast<Value>(value), count);
+}
+constexpr AnswerFault answer_faults[] = {
+    {"status", 0xFFFF, change_answer<std::uint16_t, &fabric::Sa::answer_with_status>},
+    {"attribute", 0xFFFF, change_answer<std::uint16_t, &fabric::Sa::answer_with_attribute>},
+    {"class", 0xFF, change_answer<std::uint8_t, &fabric::Sa::answer_with_class>},
+    {"version", 0xFF, change_answer<std::uint8_t, &fabric::Sa::answer_with_base_version>},
+    {"class-version", 0xFF, change_answer<std::uint8_t, &fabric::Sa::answer_with_class_version>},
+    {"records", 64, change_answer<unsigned, &fabric::Sa::answer_with_records>},
+    {"truncate", 4096, change_answer<std::size_t, &fabric::Sa::answer_truncated_to>},
+};
+
+fabric::Faults& faults_of(fabric::Fabric& fabric, const Target& target) {
+    if (target.kind == Target::sa)
+        return fabric.sa().faults();
+    return target.kind == Target::port ? fabric.port(target.port_number) : fabric.peer(target.ip);
+}
+
+Target read_target(ScriptLine& line, const ScriptReading& reading) {
+    if (line.take("sa") || line.take("SA"))
+        return {.kind = Target::sa};
+    if (line.take("port"))
+        return {.kind = Target::port, .port_number = reading.port(line)};
+    const std::string name = line.word("PEER, sa or port");
+    const auto ip = fabric::parse_ip(name);
+    for (const fabric::Host& host : reading.site.hosts)
+        if ((ip ? host.ip == *ip : host.name == name) && host.ip != reading.site.our_host().ip)
+            return {.kind = Target::peer, .ip = host.ip};
+    line.fail("there is no peer \"" + name + "\"");
+}
+
+using Apply = std::function<void(fabric::Fabric&)>;
+
+Apply read_packet_fault(ScriptLine& line, const PacketFault& fault, const Target& target) {
+    if (fault.name == std::string_view("drop") && line.take("all"))
+        return [target](fabric::Fabric& fabric) { faults_of(fabric, target).drop_all(); };
+    const std::uint64_t value = fault.counts ? line.number_if(fault.name, any_unsigned).value_or(1)
+                                             : line.number(fault.name, most_ticks);
+    return [target, value, apply = fault.apply](fabric::Fabric& fabric) {
+        apply(faults_of(fabric, target), value);
+    };
+}
+
+Apply read_answer_fault(ScriptLine& line, const AnswerFault& fault) {
+    const std::uint64_t value = line.number(fault.name, fault.most);
+    const auto count = static_cast<unsigned>(
+        line.take("next") ? line.number("a number of answers", any_unsigned) : fabric::Sa::always);
+    return [value, count, apply = fault.apply](fabric::Fabric& fabric) {
+        apply(fabric.sa(), value, count);
+    };
+}
+
+Apply read_clear(const Target& target) {
+    return [target](fabric::Fabric& fabric) {
+        if (target.kind == Target::sa)
+            fabric.sa().clear();
+        else
+            faults_of(fabric, target).clear();
+    };
+}
+
+Apply read_fault(ScriptLine& line, const Target& target) {
+    if (line.take("clear"))
+        return read_clear(target);
+    for (const PacketFault& fault : packet_faults)
+        if (line.take(fault.name))
+            return read_packet_fault(line, fault, target);
+    for (const AnswerFault& fault : answer_faults)
+        if (target.kind == Target::sa && line.take(fault.name))
+            return read_answer_fault(line, fault);
+    const std::string word = line.word("a fault");
+    line.fail("\"" + word + "\" is no fault of " +
+              (target.kind == Target::sa ? "the SA" : "packets that are not the SA's"));
+}
+
+/* Makes the event true where it can be: the link goes down, the port gets the LID, and so on. What
+ * is true already, or has no value, is only reported. */
+struct EventType {
+    const char* name;
+    std::uint32_t type;
+    std::uint64_t most;  // of the value; 0: it takes none
+    bool (*change)(fabric::Fabric&, int port, std::uint64_t value);
+};
+
+bool change_link(fabric::Fabric& fabric, int port, bool up) {
+    const bool changes = fabric.adapter().port(port).up != up;
+    if (changes)
+        fabric.set_link(port, up);
+    return changes;
+}
+
+constexpr EventType event_types[] = {
+    {"link_up", gx_async_r_port_link_up, 0,
+     [](fabric::Fabric& fabric, int port, std::uint64_t) {
+         return change_link(fabric, port, true);
+     }},
+    {"link_down", gx_async_r_port_link_down, 0,
+     [](fabric::Fabric& fabric, int port, std::uint64_t) {
+         return change_link(fabric, port, false);
+     }},
+    {"lid", gx_async_r_port_lid, fabric::last_unicast_lid,
+     [](fabric::Fabric& fabric, int port, std::uint64_t lid) {
+         if (lid != 0)
+             fabric.set_lid(port, static_cast<std::uint16_t>(lid));
+         return lid != 0;
+     }},
+    {"mtu", gx_async_r_port_mtu, 5,
+     [](fabric::Fabric& fabric, int port, std::uint64_t mtu) {
+         if (mtu != 0)
+             fabric.set_mtu(port, static_cast<std::uint8_t>(mtu));
+         return mtu != 0;
+     }},
+    {"sm_change", gx_async_r_port_sm_change, fabric::last_unicast_lid,
+     [](fabric::Fabric& fabric, int, std::uint64_t lid) {
+         if (lid != 0)
+             fabric.move_sm(static_cast<std::uint16_t>(lid), fabric.subnet().manager().sl);
+         return lid != 0;
+     }},
+};
+
+EventType read_event_type(ScriptLine& line) {
+    for (const EventType& row : event_types)
+        if (line.take(row.name))
+            return row;
+    const auto number = line.number_if("TYPE", std::numeric_limits<std::uint32_t>::max());
+    if (!number)
+        line.fail("\"" + line.word("TYPE") + "\" is no type of event");
+    return {"", static_cast<std::uint32_t>(*number), 0,
+            [](fabric::Fabric&, int, std::uint64_t) { return false; }};
+}
+
+}  // namespace
+
+ScriptAction read_fabric_fault(ScriptLine& line, ScriptReading& reading) {
+    const Target target = read_target(line, reading);
+    std::vector<Apply> faults;
+    do
+        faults.push_back(read_fault(line, target));
+    while (!line.at_end());
+    return [faults](ScriptHost& host, const std::string&) {
+        for (const Apply& apply : faults)
+            apply(host.fabric());
+    };
+}
+
+ScriptAction read_event(ScriptLine& line, ScriptReading& reading) {
+    const EventType event = read_event_type(line);
+    if (!line.take("port"))
+        line.fail("port is missing");
+    const int port = reading.port(line);
+    const std::uint64_t value =
+        event.most > 0 && line.take("to") ? line.number("VALUE", event.most) : 0;
+    return [event, port, value](ScriptHost& host, const std::string&) {
+        if (!event.change(host.fabric(), port, value))
+            host.fabric().raise_event(event.type, port);
+    };
+}
+
+}  // namespace app

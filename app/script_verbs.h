@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The table of a script's verbs. Each verb reads its own line and gives back what is to happen when
+// the script runs.
+#pragma once
+
+#include <span>
+
+#include "app/script.h"
+#include "app/script_line.h"
+
+namespace app {
+
+/// What reading has found out so far.
+struct ScriptReading {
+    const Site& site;
+    unsigned long first_jiffy = 1000;
+    bool time_began = false;  ///< the tick counter can no longer be set
+
+    /// The number of our adapter's ports.
+    std::uint64_t ports() const;
+    /// A port of ours, from 1.
+    int port(ScriptLine& line) const;
+};
+
+using ReadScriptLine = ScriptAction(ScriptLine& line, ScriptReading& reading);
+
+struct ScriptVerb {
+    const char* name;
+    const char* syntax;  ///< what follows the name
+    ReadScriptLine* read;
+};
+
+/// In the order in which they are explained to a person.
+std::span<const ScriptVerb> script_verbs();
+
+// The families that have files of their own.
+ReadScriptLine read_fabric_fault, read_event, read_expect;
+
+/// Ticks that a script can count on in one line.
+inline constexpr std::uint64_t most_ticks = 1'000'000'000;
+
+}  // namespace app
