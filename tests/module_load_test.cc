@@ -1,0 +1,294 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Loading and unloading: what the loader is told, what stands afterwards, and that a load that
+// fails, at whichever call, leaves nothing behind.
+#include <gmock/gmock.h>
+
+#include <set>
+
+#include "tests/support/control.h"
+#include "tests/support/records.h"
+
+using namespace support;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+const Lines banner = {"tarv-module.cc,v 1.37 2005/05/25 08:15:38"};
+const Lines initialized = {"TARV: Initialized."};
+const Lines unloaded = {"TARV: Unloaded."};
+const Lines no_key = {
+    "QD_LOGGER: rep_open_key failed for, quorvane/modules/tarv/ -- disabling logging"};
+const Lines no_value = {
+    "QD_LOGGER: rep_get_value failed for, quorvane/modules/tarv/ -- disabling logging"};
+
+Lines bound(const std::string& level) {
+    return {"LOGGER: Added key quorvane/modules/tarv/, trace level " + level};
+}
+
+class ModuleLoad : public FrameTest {};
+
+TEST_F(ModuleLoad, TellsTheLoaderWhatItIs) {
+    EXPECT_STREQ(tarv_module.name, "tarv");
+    EXPECT_STREQ(tarv_module.description, "IB_ARP repository module.");
+    EXPECT_STREQ(tarv_module.depends, "");
+    EXPECT_STREQ(tarv_module.vermagic, "2.6.9-34.ELsmp SMP gcc-3.4");
+    ASSERT_EQ(tarv_module.param_count, 2u);
+    EXPECT_STREQ(tarv_module.params[0].name, "arp_cache_timeout_sec");
+    EXPECT_EQ(tarv_module.params[0].type, module_param_ulong);
+    EXPECT_EQ(tarv_module.params[0].permissions, 0);
+    EXPECT_STREQ(tarv_module.params[1].name, "tarv_is_mode_redundant");
+    EXPECT_EQ(tarv_module.params[1].type, module_param_byte);
+    EXPECT_EQ(tarv_module.params[1].permissions, 0);
+    std::set<std::pair<std::string, const void*>> exports;
+    for (u32 i = 0; i < tarv_module.export_count; i++)
+        exports.emplace(tarv_module.exports[i].name, tarv_module.exports[i].address);
+    const std::set<std::pair<std::string, const void*>> expected = {
+        {"tarv_get_ib_data", reinterpret_cast<const void*>(tarv_get_ib_data)},
+        {"TARV_log_rep_h", &TARV_log_rep_h},
+        {"TARV_trace_level", &TARV_trace_level},
+    };
+    EXPECT_EQ(exports, expected);
+}
+
+TEST_F(ModuleLoad, StandsAfterALoadAndIsGoneAfterAnUnload) {
+    set_level(TARV_ERROR);
+    ASSERT_EQ(load(), 0);
+    EXPECT_THAT(console(), testing::ElementsAreArray(banner + initialized + bound("1")));
+    EXPECT_THAT(host::inter_module_names(),
+                ElementsAre("tarv_get_ib_data_fn", "tarv_process_arp_data_fn", "tarv_detach_fn",
+                            "tarv_attach_fn", "tarv_seq_cache_lookup_fn"));
+    const auto function = [](auto* f) { return reinterpret_cast<const void*>(f); };
+    EXPECT_EQ(host::inter_module_get("tarv_get_ib_data_fn"), function(tarv_get_ib_data));
+    EXPECT_EQ(host::inter_module_get("tarv_process_arp_data_fn"), function(tarv_process_arp_data));
+    EXPECT_EQ(host::inter_module_get("tarv_detach_fn"), function(tarv_detach));
+    EXPECT_EQ(host::inter_module_get("tarv_attach_fn"), function(tarv_attach));
+    EXPECT_EQ(host::inter_module_get("tarv_seq_cache_lookup_fn"),
+              function(tarv_hash_seq_cache_lookup));
+    EXPECT_THAT(host::proc_entries(),
+                ElementsAre("quorvane/", "quorvane/tarv/", "quorvane/tarv/control",
+                            "quorvane/tarv/version"));
+    EXPECT_EQ(host::proc_mode(control_path), 0644u);
+    EXPECT_EQ(host::proc_mode(version_path), 0444u);
+    EXPECT_NE(tarv_proc_entry, nullptr);
+    unload();
+    EXPECT_THAT(console(), testing::ElementsAreArray(unloaded));
+    EXPECT_THAT(host::proc_entries(), ElementsAre("quorvane/", "quorvane/tarv/"));
+    EXPECT_THAT(kernel.remains(), IsEmpty());
+}
+
+/* Whatever an administrator did to it, the next load is like the first. */
+TEST_F(ModuleLoad, BeginsAfreshEveryTime) {
+    set_level(TARV_DEBUG);
+    Lines first;
+    for (int round = 0; round < 3; round++) {
+        console();
+        const std::vector<std::string> parameters = {"arp_cache_timeout_sec=60",
+                                                     "tarv_is_mode_redundant=0"};
+        ASSERT_EQ(load(round == 1 ? parameters : std::vector<std::string>{}), 0);
+        EXPECT_EQ(arp_cache_timeout_sec, round == 1 ? 60u : 300u);
+        EXPECT_EQ(tarv_is_mode_redundant, round == 1 ? 0u : 1u);
+        kernel.advance(10);
+        fabric.ipoib().attach();
+        for (const char* line :
+             {"set_retry_cnt 7", "statics_inv off", "sa_queries on", "sa_queries off",
+              "add 10.0.0.1 10.0.0.2 5", "addpath 10.0.0.2 p * * * * * * * * * * * * * * * *",
+              "show 10.0.0.2", "show_stat", "dump", "invalidate 10.0.0.3 0",
+              "setstaticpath 1 2 3 4 5 6 1 5 1 7 1 9",
+              "addpath 10.0.0.2 s 0x1 0x2 3 4 0 0 0 0 5 0 0 4 0 3 0 9", "enable", "flush", "halt"})
+            command(line);
+        kernel.advance(2000);
+        unload();
+        const Lines lines = masked_console();
+        if (round == 0)
+            first = lines;
+        EXPECT_EQ(lines, first) << "in round " << round;
+        EXPECT_THAT(kernel.remains(), IsEmpty());
+    }
+    EXPECT_GT(first.size(), 50u);
+}
+
+/* An idle entry goes at the first ageing run after the time that the parameter gives. */
+TEST_F(ModuleLoad, AgesByItsParameter) {
+    ASSERT_EQ(load({"arp_cache_timeout_sec=60"}), 0);
+    tarv_arp_data_t sender = {};
+    sender.mask = 0x13;
+    sender.arp_operation = TARV_ARP_OP_REPLY;
+    sender.src_ip = ip("10.0.0.2");
+    sender.dst_ip = ip("10.0.0.1");
+    command("enable");
+    EXPECT_EQ(tarv_process_arp_data(&sender), tarv_stat_ok);
+    kernel.advance(59'000);
+    EXPECT_EQ(table().size, 1u);
+    kernel.advance(17'000);
+    EXPECT_EQ(table().size, 0u);
+}
+
+/* A call that fails while the directories are there already, or are not. */
+struct Failure {
+    const char* name;
+    bool directories;
+    const char* service;
+    unsigned long nth;
+    int result;
+    Lines lines;
+    std::vector<std::string> files;
+};
+
+class ModuleLoadFailure : public FrameTest, public testing::WithParamInterface<Failure> {};
+
+const std::vector<std::string> both_files = {"quorvane/", "quorvane/tarv/", "quorvane/tarv/control",
+                                             "quorvane/tarv/version"};
+const std::vector<std::string> only_control = {"quorvane/", "quorvane/tarv/",
+                                               "quorvane/tarv/control"};
+const std::vector<std::string> only_directories = {"quorvane/", "quorvane/tarv/"};
+const Lines given_up = banner + initialized + unloaded;
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, ModuleLoadFailure,
+    testing::Values(
+        Failure{"no_adapter", true, "gx_hca_open", 1, -1, banner, only_directories},
+        Failure{"no_events", true, "gx_set_sleepable_async_event_cb", 1, -1, banner,
+                only_directories},
+        Failure{"no_banner_memory", true, "kmalloc", 1, 0, banner + initialized + bound("4"),
+                only_control},
+        Failure{"no_path_memory", true, "kmalloc", 2, 0, banner + initialized + bound("4"),
+                only_control},
+        Failure{"no_version_file", true, "create_proc_entry", 2, -12, given_up, only_directories},
+        Failure{"no_banner_memory_at_first", false, "kmalloc", 1, -12, given_up, {}},
+        Failure{"no_directory_memory_at_first", false, "kmalloc", 3, -12, given_up, {}},
+        Failure{"no_upper_directory", false, "proc_mkdir", 2, -12, given_up, {}},
+        Failure{"no_lower_directory", false, "proc_mkdir", 3, -12, given_up, {"quorvane/"}},
+        Failure{"no_version_file_at_first", false, "create_proc_entry", 2, 0,
+                banner + initialized + bound("4"), only_control},
+        Failure{"no_control_file_at_first", false, "create_proc_entry", 3, -12, given_up,
+                only_directories},
+        Failure{"no_key", true, "rep_open_key", 1, 0, banner + initialized + no_key, both_files},
+        Failure{"no_value", true, "rep_get_value", 1, 0, banner + initialized + no_value,
+                both_files},
+        Failure{"no_notification", true, "rep_notify_key_change", 1, 0,
+                banner + initialized + bound("4"), both_files}),
+    row_name);
+
+TEST_P(ModuleLoadFailure, ReturnsWhatItShouldAndLeavesNothing) {
+    const Failure& row = GetParam();
+    set_level(TARV_DEBUG);
+    if (row.directories) {
+        ASSERT_EQ(load(), 0);
+        unload();
+        console();
+    }
+    host::fail_nth(row.service, row.nth);
+    EXPECT_EQ(load(), row.result);
+    EXPECT_EQ(console(), row.lines);
+    EXPECT_EQ(host::proc_entries(), row.files);
+    EXPECT_EQ(TARV_trace_level, row.lines.back() == bound("4")[0] ? 4 : 0);
+    if (loaded)
+        unload();
+    EXPECT_THAT(kernel.remains(), IsEmpty());
+    host::clear_faults();
+    EXPECT_EQ(load(), 0);
+    EXPECT_EQ(host::proc_entries(), both_files);
+}
+
+/* Everything that can fail, at each of its calls, through a load, both links, some work and an
+ * unload. */
+TEST(ModuleFaults, LeaveNothingBehindWhicheverCallFails) {
+    for (const std::string& service : host::services_that_fail()) {
+        unsigned long calls = 1;
+        for (unsigned long nth = 1; nth <= calls; nth++) {
+            SCOPED_TRACE(service + " call " + std::to_string(nth));
+            host::Kernel kernel;
+            fabric::Fabric fabric(site(2), fabric::deal_addresses(site(2)), 0);
+            host::set_repository_value(level_key, "debug-level", TARV_DEBUG);
+            host::fail_nth(service, nth);
+            const bool loaded = host::load_module(tarv_module) == 0;
+            if (loaded) {
+                kernel.advance(10);
+                fabric.ipoib().attach();
+                for (const char* line : {"enable", "sa_queries on", "add 10.0.0.1 10.0.0.9 5",
+                                         "show 10.0.0.9", "invalidate 10.0.0.2 1"})
+                    host::ProcFile(control_path).write(line);
+                kernel.advance(20'000);
+                host::ProcFile(control_path).read(1 << 20);
+                fabric.set_link(1, false);
+                kernel.advance(10);
+                fabric.ipoib().detach();
+                host::unload_module(tarv_module);
+            }
+            EXPECT_THAT(kernel.remains(), IsEmpty());
+            calls = host::calls_of(service);
+        }
+    }
+}
+
+/* The key as an administrator may have set it, and what becomes of the module's level. */
+TEST_F(ModuleLoad, FollowsItsTraceLevelUntilItGoes) {
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(console(), banner + initialized + no_key);
+    EXPECT_EQ(TARV_trace_level, 0);
+    set_level(5);
+    EXPECT_EQ(TARV_trace_level, 0) << "nobody asked for changes of a key that was not there";
+    unload();
+    console();
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(console(), banner + initialized + bound("5"));
+    EXPECT_EQ(TARV_trace_level, 5);
+    set_level(0x100000002);
+    EXPECT_EQ(TARV_trace_level, 2);
+    unload();
+    set_level(3);
+    EXPECT_EQ(TARV_trace_level, 2) << "the key is followed only while the module is loaded";
+    host::remove_repository_key(level_key);
+    host::set_repository_value(level_key, "other", 1);
+    console();
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(console(), banner + initialized + no_value);
+    EXPECT_EQ(TARV_trace_level, 0);
+}
+
+TEST_F(ModuleLoad, RefusesParametersThatItDoesNotHave) {
+    EXPECT_THROW(load({"arp_cache_timeout=1"}), std::invalid_argument);
+    EXPECT_THROW(load({"tarv_is_mode_redundant=256"}), std::invalid_argument);
+    EXPECT_THAT(console(), IsEmpty());
+}
+
+/* A line of a level is printed when both thresholds reach it. */
+struct Gate {
+    const char* name;
+    int host_level;
+    int module_level;
+    std::set<std::string> levels;
+};
+
+class LogGate : public ControlTest, public testing::WithParamInterface<Gate> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Levels, LogGate,
+    testing::Values(Gate{"nothing_at_0", 5, 0, {}}, Gate{"nothing_at_host_0", 0, 5, {}},
+                    Gate{"errors", 5, 1, {"ERROR  "}},
+                    Gate{"errors_by_the_host", 1, 5, {"ERROR  "}},
+                    Gate{"warnings", 2, 5, {"ERROR  ", "WARNING"}},
+                    Gate{"no_line_has_level_3", 3, 3, {"ERROR  ", "WARNING"}},
+                    Gate{"debug", 5, 4, {"ERROR  ", "WARNING", "DEBUG  "}},
+                    Gate{"all", 5, 5, {"ERROR  ", "WARNING", "DEBUG  ", "FUNC   "}}),
+    row_name);
+
+TEST_P(LogGate, LetsTheLevelsPassThatBothThresholdsReach) {
+    host::set_logger_level(GetParam().host_level);
+    set_level(static_cast<std::uint64_t>(GetParam().module_level));
+    console();
+    command("show 10.0.0.9");
+    command("remove 10.0.0.9");
+    command("sa_queries on");
+    command("invalidate 10.0.0.9 0");
+    std::set<std::string> levels;
+    for (const std::string& line : console()) {
+        EXPECT_THAT(line, testing::ContainsRegex("^.{7} : TARV : [_a-z0-9]+:\\([_a-z]+\\):"));
+        levels.insert(line.substr(0, 7));
+    }
+    EXPECT_EQ(levels, GetParam().levels);
+}
+
+}  // namespace
