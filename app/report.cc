@@ -179,12 +179,23 @@ std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::
 
 std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers) {
     std::vector<Row> rows;
-    for (const Peer& peer : peers)
-        if (const fabric::Host& host = machine.fabric().hosts()[peer.host]; !peer.resolved)
+    std::size_t not_asked = 0;
+    std::string why_not;
+    for (const Peer& peer : peers) {
+        const fabric::Host& host = machine.fabric().hosts()[peer.host];
+        if (!peer.asked) {
+            ++not_asked;
+            why_not = peer.why_not;
+        } else if (!peer.resolved) {
             rows.push_back({"", fabric::format_ip(host.ip), host.name, peer.why_not});
-    if (rows.empty())
+        }
+    }
+    if (rows.empty() && not_asked == 0)
         return {};
-    return "Not resolved:\n" + format_columns(rows, "llll");
+    std::string result = "Not resolved:\n" + format_columns(rows, "llll");
+    if (not_asked)
+        result += "  " + count(not_asked, "peer") + " not asked for: " + why_not + "\n";
+    return result;
 }
 
 std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& peers) {

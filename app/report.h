@@ -24,7 +24,8 @@ std::string format_columns(const std::vector<std::vector<std::string>>& rows,
 /// were left out in between.
 std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t most = 40);
 
-/// One line for each peer that was not resolved; empty when all were.
+/// One line for each peer that was asked for and not resolved, and one for all that were not even
+/// asked for; empty when all were resolved.
 std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers);
 
 std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& peers);

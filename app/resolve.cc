@@ -19,6 +19,20 @@ tarv_paths_t wanted_paths(fabric::Fabric& fabric, const fabric::Host& host) {
     return ports >= 2 ? tarv_paths_both : tarv_paths_primary;
 }
 
+/* Has the traffic counted for the scope. */
+class Watch {
+  public:
+    Watch(fabric::Fabric& fabric, Traffic& traffic) : fabric_(fabric) {
+        fabric_.on_packet([&traffic](const fabric::SeenPacket& seen) { traffic.see(seen); });
+    }
+    ~Watch() { fabric_.on_packet({}); }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+
+  private:
+    fabric::Fabric& fabric_;
+};
+
 }  // namespace
 
 std::vector<Peer> peers_of(Machine& machine) {
@@ -53,7 +67,7 @@ std::size_t Resolver::outstanding() const {
 }
 
 void Resolver::run(const ShowProgress& progress) {
-    machine_.fabric().on_packet([this](const fabric::SeenPacket& seen) { traffic_.see(seen); });
+    const Watch watch(machine_.fabric(), traffic_);
     started_ = last_end_ = machine_.kernel().jiffies();
     std::vector<std::size_t> all(peers_.size());
     std::iota(all.begin(), all.end(), 0);
@@ -62,7 +76,6 @@ void Resolver::run(const ShowProgress& progress) {
         std::erase_if(all, [this](std::size_t peer) { return !peers_[peer].resolved; });
         counts_.second_pass = pass(all, progress);
     }
-    machine_.fabric().on_packet({});
     counts_.traffic = traffic_.counts();
     counts_.ticks = machine_.kernel().jiffies() - started_;
     for (std::size_t peer = 0; peer < peers_.size(); ++peer)
@@ -88,6 +101,7 @@ void Resolver::ask(std::size_t peer) {
     Slot& slot = slots_[peer];
     {
         const std::lock_guard guard(mutex_);
+        peers_[peer].asked = true;
         slot.status = tarv_stat_pending;
         ++outstanding_;
     }
@@ -148,7 +162,7 @@ void Resolver::give_up(std::string reason) {
 
 std::string Resolver::explain(std::size_t peer) const {
     const Slot& slot = slots_[peer];
-    if (slot.called_off || slot.status == tarv_stat_not_found)
+    if (slot.called_off || !peers_[peer].asked)
         return given_up_;
     if (slot.status != tarv_stat_timeout)
         return "refused by the module, status " + std::to_string(slot.status);

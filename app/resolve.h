@@ -25,6 +25,7 @@ namespace app {
 struct Peer {
     std::size_t host = 0;  ///< index into Fabric::hosts()
     tarv_paths_t wanted = tarv_paths_primary;
+    bool asked = false;
     bool resolved = false;
     tarv_arp_data_t record{};  ///< once resolved; read `paths`, not the pointers
     std::string why_not;       ///< where it was not resolved
@@ -72,7 +73,7 @@ class Resolver {
     struct Slot {
         Resolver* resolver;
         std::size_t peer;
-        tarv_stat_t status = tarv_stat_not_found;  // as long as nobody asked
+        tarv_stat_t status = tarv_stat_not_found;
         bool called_off = false;
     };
 
