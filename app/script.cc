@@ -30,10 +30,14 @@ const ScriptVerb& find_verb(ScriptLine& line) {
     return *found;
 }
 
+std::string usage(const ScriptVerb& verb) {
+    const std::string syntax = verb.syntax;
+    return verb.name + (syntax.empty() ? "" : " " + syntax);
+}
+
 ScriptStep read_step(ScriptLine& line, ScriptReading& reading) {
     const ScriptVerb& verb = find_verb(line);
-    const std::string syntax = verb.syntax;
-    line.set_usage(verb.name + (syntax.empty() ? "" : " " + syntax));
+    line.set_usage(usage(verb));
     ScriptStep step;
     step.place = line.place();
     step.expects = verb.read == read_expect;
@@ -54,7 +58,7 @@ Script read_file(const std::string& file, const Site& site) {
 std::string list_verbs() {
     std::string list = "Verbs:\n";
     for (const ScriptVerb& verb : script_verbs())
-        list += std::string("  ") + verb.name + " " + verb.syntax + "\n";
+        list += "  " + usage(verb) + "\n";
     return list;
 }
 
