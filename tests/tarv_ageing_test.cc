@@ -9,12 +9,8 @@ namespace {
 using support::add;
 using support::ip_in_bucket;
 using support::Lines;
-using support::logged;
 using support::record;
 using support::table;
-
-constexpr char unit[] = "tarv_arp_hash";
-constexpr char handler[] = "tarv_garbage_collector_timer_handler";
 
 class Ageing : public support::KernelTest {
   protected:
@@ -114,21 +110,18 @@ TEST_F(Ageing, TracesEveryBucketAndEntry) {
     trace(TARV_FUNC);
     kernel.advance(15000);
 
-    const auto line = [](const std::string& text) {
-        return logged(TARV_FUNC, unit, handler, text);
-    };
+    const std::string fn = "F tarv_garbage_collector_timer_handler: ";
     const std::string times = ", jiffies:16000, die at: 11000 timestamp 1000, ";
     Lines expected = {
-        line("Checking Bucket: 0"), line("Checking Bucket: 1"),
-        line("\tChecking Entry: " + gone + host::kformat(" (next: %p)", stays) + times),
+        fn + "Checking Bucket: 0", fn + "Checking Bucket: 1",
+        fn + "\tChecking Entry: " + gone + host::kformat(" (next: %p)", stays) + times,
         // The tab has no line end, so the next line's priority is not at the start of a line.
-        line("\t") + "<6>" +
-            logged(TARV_DEBUG, unit, handler,
-                   host::kformat("Arp entry with IP: %08X timeouted and was removed.", address)),
-        line(host::kformat("\tChecking Entry: %p (next: %p)", stays, nullptr) + times)};
+        fn + "\t<6>DEBUG   : TARV : tarv_garbage_collector_timer_handler:(tarv_arp_hash):" +
+            host::kformat("Arp entry with IP: %08X timeouted and was removed.", address),
+        fn + host::kformat("\tChecking Entry: %p (next: %p)", stays, nullptr) + times};
     for (int bucket = 2; bucket < 32; bucket++)
-        expected.push_back(line("Checking Bucket: " + std::to_string(bucket)));
-    EXPECT_EQ(console(), expected);
+        expected.push_back(fn + "Checking Bucket: " + std::to_string(bucket));
+    EXPECT_EQ(told("tarv_arp_hash"), expected);
 
     trace(TARV_DEBUG);
     kernel.advance(15000);

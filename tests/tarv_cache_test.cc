@@ -17,7 +17,6 @@ using support::gid;
 using support::ip;
 using support::ip_in_bucket;
 using support::Lines;
-using support::logged;
 using support::record;
 using support::table;
 
@@ -64,72 +63,40 @@ INSTANTIATE_TEST_SUITE_P(
                     Bucket{"high_bit", "0.0.0.128", 16}, Bucket{"broadcast", "255.255.255.255", 0}),
     support::row_name);
 
-/// An operation on a table that holds 10.0.0.1, what it returns, and all that it logs.
-struct Logging {
-    const char* name;
-    std::function<tarv_stat_t()> operation;
-    tarv_stat_t status;
-    Lines lines;
-};
-tarv_hash_entry_t* taken;
-tarv_hash_entry_t copied;
-tarv_arp_data_t new_data = record(ip("10.0.0.1"), TARV_MASK_LID, 2);
-
-class CacheLog : public Cache, public testing::WithParamInterface<Logging> {};
-TEST_P(CacheLog, ShowsWhatHappened) {
-    taken = nullptr;
-    add(record(ip("10.0.0.1"), TARV_MASK_DST_IP | TARV_MASK_LID, 1));
-    trace(TARV_DEBUG);
-    EXPECT_EQ(GetParam().operation(), GetParam().status);
-    EXPECT_EQ(console(), GetParam().lines);
-    kfree(taken);
-}
 const u32 known = ip("10.0.0.1");
 const u32 unknown = ip("10.0.0.2");
-INSTANTIATE_TEST_SUITE_P(
-    Operations, CacheLog,
-    testing::Values(
-        Logging{"get",
-                [] { return tarv_hash_get_entry(known, &copied); },
-                tarv_stat_ok,
-                {"DEBUG   : TARV : tarv_hash_get_entry:(tarv_arp_hash):IP: 0100000A found."}},
-        Logging{"exists",
-                [] { return tarv_hash_get_entry(known, nullptr); },
-                tarv_stat_ok,
-                {logged(TARV_DEBUG, unit, "tarv_hash_get_entry", "IP: 0100000A found.")}},
-        Logging{"get_missing", [] { return tarv_hash_get_entry(unknown, &copied); },
-                tarv_stat_not_found, Lines{}},
-        Logging{"get_data",
-                [] { return tarv_hash_get_entry_data(known, nullptr); },
-                tarv_stat_ok,
-                {logged(TARV_DEBUG, unit, "tarv_hash_get_entry_data", "IP: 0100000A found.")}},
-        Logging{"remove",
-                [] { return tarv_hash_remove_entry(known, &taken); },
-                tarv_stat_ok,
-                {logged(TARV_DEBUG, unit, "tarv_hash_remove_entry",
-                        "IP: 0100000A found and removed.")}},
-        Logging{"remove_missing", [] { return tarv_hash_remove_entry(unknown, &taken); },
-                tarv_stat_not_found, Lines{}},
-        Logging{"update",
-                [] { return tarv_hash_update_ib_data(known, &new_data); },
-                tarv_stat_ok,
-                {logged(TARV_DEBUG, unit, "tarv_hash_update_ib_data", "IP: 0100000A found.")}},
-        Logging{"update_missing", [] { return tarv_hash_update_ib_data(unknown, &new_data); },
-                tarv_stat_not_found, Lines{}},
-        Logging{"remove_all_twice",
-                [] { return tarv_hash_remove_all(), tarv_hash_remove_all(); },
-                tarv_stat_ok,
-                {logged(TARV_DEBUG, unit, "tarv_hash_remove_all", "The ARP table is empty.")}},
-        Logging{"purge_empty",
-                [] {
-                    tarv_hash_remove_all();
-                    gx_gid_t sgid = gid(1);
-                    return tarv_hash_remove_entries_by_sgid(&sgid);
-                },
-                tarv_stat_ok,
-                {logged(TARV_DEBUG, unit, "tarv_hash_remove_entries_by_sgid",
-                        "The ARP table is empty.")}}),
-    support::row_name);
+tarv_hash_entry_t copied;
+tarv_arp_data_t new_data = record(known, TARV_MASK_LID, 2);
+gx_gid_t first_gid = gid(1), second_gid = gid(2);
+
+TEST_F(Cache, LogsWhatItFinds) {
+    trace(TARV_DEBUG);
+    EXPECT_EQ(tarv_hash_remove_all(), tarv_stat_ok);
+    EXPECT_EQ(tarv_hash_remove_entries_by_sgid(&first_gid), tarv_stat_ok);
+    add(record(known, 0));
+    EXPECT_EQ(tarv_hash_get_entry(known, &copied), tarv_stat_ok);
+    EXPECT_EQ(tarv_hash_get_entry(known, nullptr), tarv_stat_ok);
+    EXPECT_EQ(tarv_hash_get_entry_data(known, nullptr), tarv_stat_ok);
+    EXPECT_EQ(tarv_hash_update_ib_data(known, &new_data), tarv_stat_ok);
+    tarv_hash_entry_t* entry = nullptr;
+    EXPECT_EQ(tarv_hash_remove_entry(known, &entry), tarv_stat_ok);
+    kfree(entry);
+    add(record(known, 0));
+    EXPECT_EQ(tarv_hash_remove_all(), tarv_stat_ok);
+    EXPECT_EQ(told(unit), (Lines{"D tarv_hash_remove_all: The ARP table is empty.",
+                                 "D tarv_hash_remove_entries_by_sgid: The ARP table is empty.",
+                                 "D tarv_hash_get_entry: IP: 0100000A found.",
+                                 "D tarv_hash_get_entry: IP: 0100000A found.",
+                                 "D tarv_hash_get_entry_data: IP: 0100000A found.",
+                                 "D tarv_hash_update_ib_data: IP: 0100000A found.",
+                                 "D tarv_hash_remove_entry: IP: 0100000A found and removed."}));
+    EXPECT_EQ(tarv_hash_get_entry(unknown, &copied), tarv_stat_not_found);
+    EXPECT_EQ(tarv_hash_get_entry(unknown, nullptr), tarv_stat_not_found);
+    EXPECT_EQ(tarv_hash_get_entry_data(unknown, nullptr), tarv_stat_not_found);
+    EXPECT_EQ(tarv_hash_update_ib_data(unknown, &new_data), tarv_stat_not_found);
+    EXPECT_EQ(tarv_hash_remove_entry(unknown, &entry), tarv_stat_not_found);
+    EXPECT_EQ(console(), Lines{});
+}
 
 struct Levels {
     const char* name;
@@ -262,7 +229,6 @@ TEST_P(Uses, RefreshTheAge) {
     EXPECT_EQ(entry->timestamp, added + (GetParam().refreshes ? 7 : 0));
 }
 ib_path_record_v2_t a_path = support::path(gid(1), gid(2), 3);
-gx_gid_t first_gid = gid(1), second_gid = gid(2);
 INSTANTIATE_TEST_SUITE_P(
     Operations, Uses,
     testing::Values(
@@ -312,6 +278,8 @@ TEST_F(Cache, PurgesAnyPlaceOfAChain) {
         data.paths[0].sgid = gid(i == 6 || i == 5 || i == 3 || i == 0 ? 1 : 2);
         add(data);
     }
+    for (u16 i = 0; i < 7; i++)
+        EXPECT_EQ(found(ip_in_bucket(5, i)), i);
     tarv_hash_remove_entries_by_sgid(&first_gid);
     EXPECT_EQ(lids(), (std::vector<int>{4, 2, 1}));
 }
@@ -341,12 +309,10 @@ TEST_F(Cache, TracesALookupByGid) {
     trace(TARV_FUNC);
     gx_gid_t zero = {};
     tarv_hash_seq_cache_lookup(&zero, &copied.arp_data);
-    const auto line = [](const std::string& text) {
-        return logged(TARV_FUNC, unit, "tarv_hash_seq_cache_lookup", text);
-    };
-    EXPECT_EQ(console(), (Lines{line("Checking Bucket: 0"), line("Checking Bucket: 1"),
-                                line(host::kformat("\tChecking Entry: %p (next: %p)", young, old)),
-                                line("Entry found !!! ")}));
+    const std::string fn = "F tarv_hash_seq_cache_lookup: ";
+    EXPECT_EQ(told(unit), (Lines{fn + "Checking Bucket: 0", fn + "Checking Bucket: 1",
+                                 fn + host::kformat("\tChecking Entry: %p (next: %p)", young, old),
+                                 fn + "Entry found !!! "}));
     zero = gid(9);
     tarv_hash_seq_cache_lookup(&zero, &copied.arp_data);
     EXPECT_EQ(console().size(), 34u) << "32 buckets, 2 entries";
@@ -446,8 +412,7 @@ TEST_F(Cache, RendersNothingWithoutMemory) {
     tarv_hash_print_to_string(&buffer, &length);
     EXPECT_EQ(buffer, nullptr);
     EXPECT_EQ(length, 0u);
-    EXPECT_EQ(console(), (Lines{logged(TARV_ERROR, unit, "tarv_hash_print_to_string",
-                                       "Can't allocate output buffer.")}));
+    EXPECT_EQ(told(unit), (Lines{"E tarv_hash_print_to_string: Can't allocate output buffer."}));
 }
 
 TEST_F(Cache, DestroysWhatItHolds) {
@@ -455,11 +420,10 @@ TEST_F(Cache, DestroysWhatItHolds) {
         add(record(i, i % 2 ? TARV_MASK_STATIC : 0u));
     trace(TARV_DEBUG);
     tarv_hash_destroy();
-    EXPECT_EQ(console(), Lines{});
+    EXPECT_EQ(told(unit), Lines{});
     EXPECT_EQ(lids(), std::vector<int>{});
     tarv_hash_destroy();
-    EXPECT_EQ(console(),
-              (Lines{logged(TARV_DEBUG, unit, "tarv_hash_destroy", "The ARP table is empty.")}));
+    EXPECT_EQ(told(unit), (Lines{"D tarv_hash_destroy: The ARP table is empty."}));
 }
 
 }  // namespace

@@ -2,9 +2,8 @@
 //
 // The two lists of pending requests: when a request times out, who takes it, in which order, and
 // what is shown of it. What both lists do is tested on both.
-#include <algorithm>
 #include <deque>
-#include <functional>
+#include <sstream>
 
 #include "tests/support/kernel_test.h"
 #include "tests/support/records.h"
@@ -15,7 +14,6 @@ using support::Client;
 using support::gid;
 using support::ip;
 using support::Lines;
-using support::logged;
 using support::Reply;
 
 /// One of the two lists, by its operations.
@@ -111,13 +109,6 @@ class BothLists : public Requests,
   protected:
     BothLists() : Requests(std::get<1>(GetParam())) {}
     const List& list = std::get<0>(GetParam());
-
-    std::string line(const std::string& text) const {
-        return logged(TARV_FUNC, list.unit,
-                      std::string(list.unit) == "tarv_req_list" ? "tarv_req_timer_handler"
-                                                                : "tarv_sa_req_timer_handler",
-                      text);
-    }
 };
 
 TEST_P(BothLists, TimeOutAtTheFirstRunAfterTheLimit) {
@@ -127,16 +118,17 @@ TEST_P(BothLists, TimeOutAtTheFirstRunAfterTheLimit) {
     list.add(request("b"));
     kernel.advance(998);
     list.add(request("c"));
-    kernel.advance(start + list.limit - 1 - jiffies());
-    EXPECT_EQ(waiting(list), "cba");
+    kernel.advance(501);
+    list.add(request("d"));
     kernel.advance(10000);
-    ASSERT_EQ(replies.size(), 3u);
-    EXPECT_EQ(replies[0].tick, start + list.limit);
-    EXPECT_EQ(replies[1].tick, start + list.limit + 1000);
-    EXPECT_EQ(replies[2].tick, start + list.limit + 1000);
-    EXPECT_EQ(replies[0].status, tarv_stat_timeout);
-    EXPECT_FALSE(replies[0].with_record);
-    EXPECT_EQ(answered(), "abc") << "oldest first";
+    ASSERT_EQ(replies.size(), 4u);
+    const unsigned long first = start + list.limit;
+    for (std::size_t i = 0; i < 4; i++) {
+        EXPECT_EQ(replies[i].tick, first + (std::vector{0u, 1000u, 1000u, 2000u})[i]);
+        EXPECT_EQ(replies[i].status, tarv_stat_timeout);
+        EXPECT_FALSE(replies[i].with_record);
+    }
+    EXPECT_EQ(answered(), "abcd") << "oldest first";
     EXPECT_EQ(waiting(list), "");
 }
 
@@ -147,13 +139,13 @@ TEST_P(BothLists, ResetTheMediaForArpOnly) {
     trace(TARV_DEBUG);
     kernel.advance(5000);
     EXPECT_EQ(tarv_media_reset, list.limit == 1000 ? 1 : 0);
-    Lines expected = {logged(TARV_DEBUG, "tarv_api", "tarv_retry_ib_data_request",
-                             "maximum number of retries. stopped trying.")};
+    Lines expected = {"D tarv_retry_ib_data_request: maximum number of retries. stopped trying."};
+    const Lines timer = told("tarv_api");
     if (list.limit == 1000)
         expected.insert(expected.begin(),
-                        logged(TARV_DEBUG, list.unit, "tarv_req_timer_handler",
-                               "*** At least one timeout found resetting media ***"));
-    EXPECT_EQ(console(), expected);
+                        "DEBUG   : TARV : tarv_req_timer_handler:(tarv_req_list):*** At least one "
+                        "timeout found resetting media ***");
+    EXPECT_EQ(timer, expected);
 }
 
 TEST_P(BothLists, LeaveBusyRequestsAlone) {
@@ -218,10 +210,9 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
     trace(TARV_FUNC);
     const bool arp = list.limit == 1000;
     list.add(due);
-    EXPECT_EQ(console(), (Lines{logged(TARV_DEBUG, list.unit,
-                                       arp ? "tarv_add_arp_request" : "tarv_sa_add_request",
-                                       arp ? host::kformat("Added req: %p", due)
-                                           : host::kformat("Added SA req: %p", due))}));
+    EXPECT_EQ(told(list.unit), Lines{host::kformat(arp ? "D tarv_add_arp_request: Added req: %p"
+                                                       : "D tarv_sa_add_request: Added SA req: %p",
+                                                   due)});
     trace(TARV_PANIC);
     kernel.advance(list.limit - 1);
     tarv_list_entry_t* busy = request("b");
@@ -229,14 +220,15 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
     list.add(busy);
     trace(TARV_FUNC);
     kernel.advance(1);
-    const char* checking = arp ? "Checking request entry: <0x%p>"
-                               : "Checking sa request entry: <0x%p>, static flag:%d";
-    const Lines lines = console();
-    Lines expected = {line(host::kformat(checking, busy, 1)), line(host::kformat(checking, due, 0)),
-                      line("\t\t-> timeouted!")};
+    const std::string fn = arp ? "F tarv_req_timer_handler: " : "F tarv_sa_req_timer_handler: ";
+    const std::string checking = fn + (arp ? "Checking request entry: <0x%p>"
+                                           : "Checking sa request entry: <0x%p>, static flag:%d");
+    const Lines lines = told(list.unit);
+    Lines expected = {host::kformat(checking.c_str(), busy, 1),
+                      host::kformat(checking.c_str(), due, 0), fn + "\t\t-> timeouted!"};
     if (arp)
-        expected.push_back(line("All the timeouted requests processed."));
-    const std::string found = line(host::kformat("found entry : 0x%p", due));
+        expected.push_back(fn + "All the timeouted requests processed.");
+    const std::string found = fn + host::kformat("found entry : 0x%p", due);
     ASSERT_GE(lines.size(), expected.size() + 2);
     EXPECT_EQ(Lines(lines.begin(), lines.begin() + static_cast<long>(expected.size())), expected);
     // An ARP request is announced before its retry, an SA request is freed after all retries.
@@ -303,21 +295,12 @@ TEST_F(Requests, AreDroppedByOneListAndAnsweredByTheOther) {
 
 // Answers of the SA.
 
-/// A waiting request: its client, what it waits for, whether it is busy, and whether the cache
-/// knows its address.
-struct Waiting {
-    const char* client;
-    const char* address;
-    u8 gid;
-    tarv_paths_t paths;
-    bool busy;
-    bool cached;
-};
 /// An answer of `count` paths towards GID 1: who is handed over, who waits on (newest first), and
-/// how often an error is logged.
+/// how often an error is logged. Who waits, oldest first, as "a1g2p1": client a, for 10.0.0.1 at
+/// GID 2, wants 1 path; '!' behind it: busy, '-': the cache does not know the address.
 struct Matching {
     const char* name;
-    std::vector<Waiting> waiting;  ///< oldest first
+    const char* waiting;
     int count;
     const char* handed_over;
     const char* left;
@@ -326,14 +309,17 @@ struct Matching {
 class PathAnswers : public Requests, public testing::WithParamInterface<Matching> {};
 TEST_P(PathAnswers, GoToThoseTheySatisfy) {
     const Matching& row = GetParam();
-    for (const Waiting& one : row.waiting) {
-        tarv_list_entry_t* entry = request(one.client, one.address, one.paths);
-        entry->dgid = gid(one.gid);
+    std::istringstream words(row.waiting);
+    for (std::string word; words >> word;) {
+        const std::string address = "10.0.0." + word.substr(1, 1);
+        tarv_list_entry_t* entry = request(word.substr(0, 1).c_str(), address.c_str(),
+                                           static_cast<tarv_paths_t>(word[5] - '0'));
+        entry->dgid = gid(static_cast<u8>(word[3] - '0'));
         entry->not_valid = 1;
-        atomic_set(&entry->static_flag, one.busy);
+        atomic_set(&entry->static_flag, word.ends_with('!'));
         tarv_sa_add_request(entry);
         EXPECT_EQ(entry->not_valid, 0);
-        if (one.cached && tarv_hash_get_entry(entry->req_ip, nullptr) == tarv_stat_not_found)
+        if (!word.ends_with('-') && tarv_hash_get_entry(entry->req_ip, nullptr) != tarv_stat_ok)
             support::add(support::record(entry->req_ip, 0));
     }
     trace(TARV_ERROR);
@@ -342,10 +328,9 @@ TEST_P(PathAnswers, GoToThoseTheySatisfy) {
                                     support::path(gid(9), gid(0x60), 9)};
     list_head found;
     const tarv_stat_t status = tarv_sa_find_and_move_requests_to_list(paths, row.count, 1, &found);
-    EXPECT_EQ(console(), Lines(row.errors, logged(TARV_ERROR, "tarv_sa_req_list",
-                                                  "tarv_sa_find_and_move_requests_to_list",
-                                                  "tarv_hash_update_paths() failed. returned "
-                                                  "-253")));
+    EXPECT_EQ(told("tarv_sa_req_list"), Lines(row.errors,
+                                              "E tarv_sa_find_and_move_requests_to_list: "
+                                              "tarv_hash_update_paths() failed. returned -253"));
     std::string handed_over;
     while (tarv_list_entry_t* entry = tarv_found_list(found).pop()) {
         handed_over += static_cast<const Client*>(entry->context)->name;
@@ -363,42 +348,18 @@ TEST_P(PathAnswers, GoToThoseTheySatisfy) {
         tarv_clear_request_static_flag(entry);
     }
 }
-constexpr auto one = tarv_paths_primary, both = tarv_paths_both;
 INSTANTIATE_TEST_SUITE_P(
     Lists, PathAnswers,
-    testing::Values(
-        Matching{"nobody_waits", {}, 1, "", "", 0},
-        Matching{"two_addresses",
-                 {{"a", "10.0.0.1", 1, one, false, true}, {"b", "10.0.0.2", 1, one, false, true}},
-                 1,
-                 "ab",
-                 "",
-                 0},
-        Matching{"other_gid", {{"a", "10.0.0.1", 2, one, false, true}}, 3, "", "a", 0},
-        // Only the first record's GID counts.
-        Matching{"gid_of_the_third", {{"a", "10.0.0.1", 9, one, false, true}}, 3, "", "a", 0},
-        Matching{"busy",
-                 {{"a", "10.0.0.1", 1, one, true, true}, {"b", "10.0.0.1", 1, one, false, true}},
-                 1,
-                 "b",
-                 "a",
-                 0},
-        Matching{"one_of_both",
-                 {{"a", "10.0.0.1", 1, both, false, true},
-                  {"b", "10.0.0.1", 1, one, false, true},
-                  {"c", "10.0.0.2", 1, both, false, true}},
-                 1,
-                 "b",
-                 "ca",
-                 2},
-        Matching{"both", {{"a", "10.0.0.1", 1, both, false, true}}, 2, "a", "", 0},
-        Matching{"three", {{"a", "10.0.0.1", 1, both, false, true}}, 3, "a", "", 0},
-        Matching{"not_cached_any_more",
-                 {{"a", "10.0.0.1", 1, one, false, false}, {"b", "10.0.0.2", 1, one, false, true}},
-                 1,
-                 "b",
-                 "a",
-                 0}),
+    testing::Values(Matching{"nobody_waits", "", 1, "", "", 0},
+                    Matching{"two_addresses", "a1g1p1 b2g1p1", 1, "ab", "", 0},
+                    Matching{"other_gid", "a1g2p1", 3, "", "a", 0},
+                    Matching{"gid_of_the_third_path_only", "a1g9p1", 3, "", "a", 0},
+                    Matching{"busy", "a1g1p1! b1g1p1", 1, "b", "a", 0},
+                    Matching{"one_of_both", "a1g1p2 b1g1p1 c2g1p2", 1, "b", "ca", 2},
+                    Matching{"both", "a1g1p2", 2, "a", "", 0},
+                    Matching{"three", "a1g1p2", 3, "a", "", 0},
+                    Matching{"no_paths_wanted", "a1g1p0", 1, "a", "", 0},
+                    Matching{"not_cached_any_more", "a1g1p1- b2g1p1", 1, "b", "a", 0}),
     support::row_name);
 
 TEST_F(Requests, PutBackKeepTheirTime) {

@@ -8,9 +8,6 @@
 namespace {
 
 using support::Lines;
-using support::logged;
-
-constexpr char unit[] = "tarv_sa";
 
 void paths_arrived(ib_path_record_v2_t*, int, u32) {}
 
@@ -27,17 +24,17 @@ class SaContext : public support::SaTest {
 
     /// What show_stat prints, whatever the trace levels.
     Lines shown() {
-        console();
+        told("tarv_sa");
         trace(TARV_PANIC);
         tarv_sa_show_stat();
-        return masked_console();
+        return masked();
     }
     /// Its line of a port, its pointers as they are.
     std::string exactly_shown(int port) {
-        console();
+        told("tarv_sa");
         trace(TARV_PANIC);
         tarv_sa_show_stat();
-        return console()[static_cast<std::size_t>(port) + 1];
+        return told("tarv_sa")[static_cast<std::size_t>(port) + 1];
     }
     std::vector<std::size_t> open() {
         return {fabric.adapter().open_handles(), fabric.gsi().open_classes(), fabric.gsi().pools()};
@@ -57,31 +54,27 @@ TEST_F(SaContext, IsSetUpStepByStep) {
     fabric.move_sm(11, 3);
     trace(TARV_FUNC);
     EXPECT_EQ(set_up(2), tarv_stat_ok);
-    const auto func = [](const char* function, const char* text) {
-        return logged(TARV_FUNC, unit, function, text);
-    };
-    constexpr char info[] = "tarv_sa_get_sa_info";
-    constexpr char hca[] = "hca handle is 0xP.";
     EXPECT_EQ(
-        masked_console(),
-        (Lines{func("tarv_sa_get_hca_guid_and_port_count", hca),
-               func("tarv_sa_get_port_gid_and_pkey", hca),
-               func("tarv_sa_get_port_gid_and_pkey", "Port #2 Partition key is 0x8005."),
-               func(info, hca), func(info, "port_attrib.port_base_lid: 0x0000000C."),
-               func(info, "port_attrib.port_num: 0x00000002."),
-               func(info, "port_attrib.port_sma_address_info.port_num: 0x00000002."),
-               func(info, "port_attrib.port_sma_address_info.service_level: 0x00000003."),
-               func(info, "port_attrib.port_sma_address_info.sm_lid: 0x0000000B."),
-               func(info, "port_attrib.port_sgid_table_size: 0x00000001."),
-               logged(TARV_DEBUG, unit, "tarv_sa_reg_to_gsi", "Creating new GSI datagram pool"),
-               logged(TARV_DEBUG, unit, "tarv_sa_init",
-                      "gid:0xFE80000000000000,0x1002, p_key:8005, sm_lid:11,"),
-               "gsi_class_handle:P, gsi_pool_handle:P"}));
+        masked(),
+        (Lines{
+            "F tarv_sa_get_hca_guid_and_port_count: hca handle is 0xP.",
+            "F tarv_sa_get_port_gid_and_pkey: hca handle is 0xP.",
+            "F tarv_sa_get_port_gid_and_pkey: Port #2 Partition key is 0x8005.",
+            "F tarv_sa_get_sa_info: hca handle is 0xP.",
+            "F tarv_sa_get_sa_info: port_attrib.port_base_lid: 0x0000000C.",
+            "F tarv_sa_get_sa_info: port_attrib.port_num: 0x00000002.",
+            "F tarv_sa_get_sa_info: port_attrib.port_sma_address_info.port_num: 0x00000002.",
+            "F tarv_sa_get_sa_info: port_attrib.port_sma_address_info.service_level: 0x00000003.",
+            "F tarv_sa_get_sa_info: port_attrib.port_sma_address_info.sm_lid: 0x0000000B.",
+            "F tarv_sa_get_sa_info: port_attrib.port_sgid_table_size: 0x00000001.",
+            "D tarv_sa_reg_to_gsi: Creating new GSI datagram pool",
+            "D tarv_sa_init: gid:0xFE80000000000000,0x1002, p_key:8005, sm_lid:11,",
+            "gsi_class_handle:P, gsi_pool_handle:P"}));
     EXPECT_EQ(open(), (Open{0, 1, 1}));
-    EXPECT_EQ(shown(), (Lines{"err: param: 0, port: 0, get: 0, dgram: 0, gsi err: 0, 0",
-                              "port num: 2", nothing_set_up,
-                              " valid: 1, pkey: 32773, sl: 3, sm lid: 11, gsi h: P, "
-                              "gsi pool h: P"}));
+    EXPECT_EQ(shown(),
+              (Lines{"err: param: 0, port: 0, get: 0, dgram: 0, gsi err: 0, 0", "port num: 2",
+                     nothing_set_up,
+                     " valid: 1, pkey: 32773, sl: 3, sm lid: 11, gsi h: P, gsi pool h: P"}));
 }
 
 TEST_F(SaContext, IsNotSetUpTwice) {
@@ -89,100 +82,68 @@ TEST_F(SaContext, IsNotSetUpTwice) {
     const std::string before = exactly_shown(1);
     trace(TARV_FUNC);
     EXPECT_EQ(set_up(1), tarv_stat_error);
-    EXPECT_EQ(console(),
-              (Lines{logged(TARV_ERROR, unit, "tarv_sa_init", "Allready initialized.")}));
+    EXPECT_EQ(told("tarv_sa"), (Lines{"E tarv_sa_init: Allready initialized."}));
     EXPECT_EQ(exactly_shown(1), before);
     EXPECT_EQ(open(), (Open{0, 1, 1}));
 }
 
-/// The `nth` call of a service fails during the set-up of port 1: what is logged at DEBUG (function
-/// and text), and the last two of the counters.
+/// The `nth` call of a service fails during the set-up of port 1: which function logs what of it,
+/// what the set-up then says, and the last two of the counters.
 struct Failure {
     const char* name;
     const char* service;
     unsigned long nth;
-    Lines lines;
+    const char* function;
+    const char* step;
+    const char* setup;
     const char* counters;
 };
-const std::string no_hca =
-    logged(TARV_ERROR, unit, "tarv_sa_init", "Cannot get HCA guid and port count.");
-const std::string no_gid =
-    logged(TARV_ERROR, unit, "tarv_sa_init", "Cannot get port #1 gid and pkey");
-const std::string no_sa = logged(TARV_ERROR, unit, "tarv_sa_init", "Cannot get SA Info.");
-const std::string no_gsi = logged(TARV_ERROR, unit, "tarv_sa_init", "Cannot register to GSI.");
-const std::string new_pool =
-    logged(TARV_DEBUG, unit, "tarv_sa_reg_to_gsi", "Creating new GSI datagram pool");
-std::string debug(const char* function, const char* text) {
-    return logged(TARV_DEBUG, unit, function, text);
-}
-constexpr char hca_step[] = "tarv_sa_get_hca_guid_and_port_count";
-constexpr char gid_step[] = "tarv_sa_get_port_gid_and_pkey";
-constexpr char sa_step[] = "tarv_sa_get_sa_info";
-
 class SetUpFailures : public SaContext, public testing::WithParamInterface<Failure> {};
 TEST_P(SetUpFailures, LeaveNothing) {
     const Failure& row = GetParam();
-    host::fail_nth(row.service, row.nth);
-    trace(TARV_DEBUG);
-    EXPECT_EQ(set_up(1), tarv_stat_error);
-    EXPECT_EQ(console(), row.lines);
-    EXPECT_EQ(open(), (Open{0, 0, 0}));
+    for (const bool of_the_step : {true, false}) {
+        host::clear_faults();
+        host::fail_nth(row.service, row.nth);
+        trace(TARV_DEBUG);
+        EXPECT_EQ(set_up(1), tarv_stat_error);
+        EXPECT_EQ(told_by(of_the_step ? row.function : "tarv_sa_init", "tarv_sa"),
+                  of_the_step ? row.step : row.setup);
+        EXPECT_EQ(open(), (Open{0, 0, 0}));
+    }
     EXPECT_EQ(shown(), (Lines{"err: param: 0, port: 0, get: 0, dgram: 0, gsi err: " +
                                   std::string(row.counters),
                               "port num: 0"}));
     EXPECT_EQ(set_up(1), tarv_stat_ok) << "nothing stands in the way of the next one";
     EXPECT_EQ(open(), (Open{0, 1, 1}));
 }
+constexpr char hca_fn[] = "tarv_sa_get_hca_guid_and_port_count";
+constexpr char gid_fn[] = "tarv_sa_get_port_gid_and_pkey";
+constexpr char sa_fn[] = "tarv_sa_get_sa_info";
+constexpr char gsi_fn[] = "tarv_sa_reg_to_gsi";
+constexpr char no_open[] = "D gx_hca_open() failed <-2>\n";
+constexpr char no_hca[] = "E Cannot get HCA guid and port count.\n";
+constexpr char no_gid[] = "E Cannot get port #1 gid and pkey\n";
+constexpr char no_sa[] = "E Cannot get SA Info.\n";
+constexpr char no_gsi[] = "E Cannot register to GSI.\n";
 INSTANTIATE_TEST_SUITE_P(
     Services, SetUpFailures,
-    testing::Values(
-        Failure{"first_open",
-                "gx_hca_open",
-                1,
-                {debug(hca_step, "gx_hca_open() failed <-2>"), no_hca},
-                "0, 0"},
-        Failure{"adapter",
-                "gx_hca_query",
-                1,
-                {debug(hca_step, "gx_hca_query() failed <-1>"), no_hca},
-                "0, 0"},
-        Failure{"second_open",
-                "gx_hca_open",
-                2,
-                {debug(gid_step, "gx_hca_open() failed <-2>"), no_gid},
-                "0, 0"},
-        Failure{"gid",
-                "gx_get_port_gid_tbl",
-                1,
-                {debug(gid_step, "gx_get_port_gid_tbl() failed <-1>"), no_gid},
-                "0, 0"},
-        Failure{"pkey",
-                "gx_get_port_partition_tbl",
-                1,
-                {debug(gid_step, "gx_get_port_partition_tbl() failed <-1>"), no_gid},
-                "0, 0"},
-        Failure{"third_open",
-                "gx_hca_open",
-                3,
-                {debug(sa_step, "gx_hca_open() failed <-2>"), no_sa},
-                "0, 0"},
-        Failure{"port",
-                "gx_port_query",
-                1,
-                {debug(sa_step, "gx_port_query() failed <-1>"), no_sa},
-                "0, 0"},
-        Failure{"class",
-                "gsi_register_class",
-                1,
-                {logged(TARV_ERROR, unit, "tarv_sa_reg_to_gsi", "Can't register to GSI"), no_gsi},
-                "1, 0"},
-        Failure{"pool",
-                "gsi_dtgrm_pool_create_named",
-                1,
-                {new_pool,
-                 logged(TARV_ERROR, unit, "tarv_sa_reg_to_gsi", "Can't allocate GSI datagram pool"),
-                 no_gsi},
-                "0, 1"}),
+    testing::Values(Failure{"first_open", "gx_hca_open", 1, hca_fn, no_open, no_hca, "0, 0"},
+                    Failure{"adapter", "gx_hca_query", 1, hca_fn, "D gx_hca_query() failed <-1>\n",
+                            no_hca, "0, 0"},
+                    Failure{"second_open", "gx_hca_open", 2, gid_fn, no_open, no_gid, "0, 0"},
+                    Failure{"gid", "gx_get_port_gid_tbl", 1, gid_fn,
+                            "D gx_get_port_gid_tbl() failed <-1>\n", no_gid, "0, 0"},
+                    Failure{"pkey", "gx_get_port_partition_tbl", 1, gid_fn,
+                            "D gx_get_port_partition_tbl() failed <-1>\n", no_gid, "0, 0"},
+                    Failure{"third_open", "gx_hca_open", 3, sa_fn, no_open, no_sa, "0, 0"},
+                    Failure{"port", "gx_port_query", 1, sa_fn, "D gx_port_query() failed <-1>\n",
+                            no_sa, "0, 0"},
+                    Failure{"class", "gsi_register_class", 1, gsi_fn, "E Can't register to GSI\n",
+                            no_gsi, "2, 0"},
+                    Failure{
+                        "pool", "gsi_dtgrm_pool_create_named", 1, gsi_fn,
+                        "D Creating new GSI datagram pool\nE Can't allocate GSI datagram pool\n",
+                        no_gsi, "0, 2"}),
     support::row_name);
 
 TEST_F(SaContext, KeepsItsPoolFromLinkDownToLinkUp) {
@@ -198,8 +159,7 @@ TEST_F(SaContext, KeepsItsPoolFromLinkDownToLinkUp) {
     EXPECT_EQ(open(), (Open{0, 0, 1})) << "a failed set-up keeps it too";
     trace(TARV_DEBUG);
     EXPECT_EQ(set_up(1), tarv_stat_ok);
-    for (const std::string& line : console())
-        EXPECT_NE(line, new_pool);
+    EXPECT_EQ(told_by("tarv_sa_reg_to_gsi", "tarv_sa"), "") << "no new pool";
     const std::string after = exactly_shown(1);
     const auto pool_of = [](const std::string& line) { return line.substr(line.find("pool h")); };
     EXPECT_EQ(pool_of(after), pool_of(before));
@@ -225,9 +185,9 @@ TEST_F(SaContext, IsCleanedUpPortByPort) {
     EXPECT_EQ(open(), (Open{0, 2, 2}));
     trace(TARV_FUNC);
     tarv_sa_cleanup();
-    EXPECT_EQ(console(), (Lines{debug("tarv_sa_cleanup", "Port count is 2."),
-                                debug("tarv_sa_cleanup", "Trying to release port 1 ..."),
-                                debug("tarv_sa_cleanup", "Trying to release port 2 ...")}));
+    EXPECT_EQ(told("tarv_sa"), (Lines{"D tarv_sa_cleanup: Port count is 2.",
+                                      "D tarv_sa_cleanup: Trying to release port 1 ...",
+                                      "D tarv_sa_cleanup: Trying to release port 2 ..."}));
     EXPECT_EQ(open(), (Open{0, 0, 0}));
     EXPECT_EQ(shown()[1], "port num: 2") << "what was found out stays";
     EXPECT_EQ(shown()[3],
@@ -269,7 +229,7 @@ TEST_P(SaPortNumbers, AreRefused) {
     const Lines before = shown();
     trace(TARV_ERROR);
     EXPECT_EQ(set_up(GetParam()), tarv_stat_error);
-    EXPECT_EQ(console().size(), 1u);
+    EXPECT_EQ(told("tarv_sa").size(), 1u);
     EXPECT_EQ(tarv_sa_update_sa_info(GetParam()), tarv_stat_error);
     tarv_sa_destroy(GetParam());
     EXPECT_EQ(shown(), before);
@@ -286,7 +246,7 @@ TEST_P(ManyPorts, AreServedUpToEight) {
     for (const int port : {1, 8}) {
         trace(TARV_ERROR);
         EXPECT_EQ(set_up(port), too_many ? tarv_stat_error : tarv_stat_ok);
-        EXPECT_EQ(console().empty(), !too_many);
+        EXPECT_EQ(told("tarv_sa").empty(), !too_many);
     }
     EXPECT_EQ(shown()[1], too_many ? "port num: 0" : "port num: 8");
     EXPECT_EQ(open(), too_many ? (Open{0, 0, 0}) : (Open{0, 2, 2}));

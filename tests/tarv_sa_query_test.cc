@@ -8,14 +8,7 @@
 namespace {
 
 using support::Lines;
-using support::logged;
 using support::port_gid;
-
-constexpr char unit[] = "tarv_sa";
-constexpr char query_fn[] = "tarv_sa_query_path";
-constexpr char build_fn[] = "tarv_sa_build_multi_path_rec_query_mad";
-constexpr char parse_fn[] = "tarv_sa_parse_path_rec_query_mad_reply";
-constexpr char receive_fn[] = "tarv_sa_recv_done_cb";
 
 /// What the client was handed.
 struct Delivery {
@@ -69,15 +62,13 @@ class SaQuery : public support::SaTest {
         kernel.advance(100);
         EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
     }
-    /// The first two counters of the statistics that count queries: port, get.
+    /// The counters of queries.
     std::string counters() {
         console();
         tarv_sa_show_stat();
         const std::string text = console()[0];
-        return text.substr(0, text.find(", dgram"));
-    }
-    static std::string debug(const char* function, const std::string& text) {
-        return logged(TARV_DEBUG, unit, function, text);
+        const std::size_t begin = text.find("port: ");
+        return text.substr(begin, text.find(", dgram") - begin);
     }
 
     struct Sent {
@@ -162,9 +153,9 @@ TEST_P(QuerySources, AreTheSenderAndTheLowestOther) {
     set_up(GetParam().valid);
     trace(TARV_DEBUG);
     ask(GetParam().sender);
-    EXPECT_EQ(console()[0],
-              debug(query_fn, std::to_string(GetParam().named.size()) +
-                                  " sgids passed to tarv_sa_build_multi_path_rec_query_mad()"));
+    EXPECT_EQ(told("tarv_sa")[0],
+              "D tarv_sa_query_path: " + std::to_string(GetParam().named.size()) +
+                  " sgids passed to tarv_sa_build_multi_path_rec_query_mad()");
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].port, static_cast<int>(GetParam().sender));
     const std::vector<u8>& wire = sent[0].packet.payload;
@@ -185,85 +176,66 @@ INSTANTIATE_TEST_SUITE_P(Ports, QuerySources,
                                          Sources{"third_of_later_ones", {2, 3, 4}, 3, {2, 3}}),
                          support::row_name);
 
-/// A query that fails: on which port, at which service (null: none), what is logged behind the
-/// first line, and the counters.
+/// A query that fails: on which port, at which service (null: none), what the build and the query
+/// log, and the counters of ports and of datagrams.
 struct Failure {
     const char* name;
     u32 port;
     const char* service;
-    Lines lines;
+    const char* build;
+    const char* query;
     const char* counters;
 };
 class QueryFailures : public SaQuery, public testing::WithParamInterface<Failure> {};
 TEST_P(QueryFailures, LeaveNothing) {
     const Failure& row = GetParam();
     set_up({1});
-    if (row.service && std::string(row.service) == "nothing")
-        fabric.gsi().hand_out_nothing_next();
-    else if (row.service)
-        host::fail_nth(row.service, 1);
+    const auto fail = [&] {
+        host::clear_faults();
+        if (row.service && std::string(row.service) == "nothing")
+            fabric.gsi().hand_out_nothing_next();
+        else if (row.service)
+            host::fail_nth(row.service, 1);
+        return query(row.port);
+    };
     trace(TARV_DEBUG);
-    EXPECT_EQ(query(row.port), tarv_stat_error);
-    Lines lines = console();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines[0],
-              debug(query_fn, "1 sgids passed to tarv_sa_build_multi_path_rec_query_mad()"));
-    lines.erase(lines.begin());
-    EXPECT_EQ(lines, row.lines);
-    EXPECT_EQ(counters(), row.counters);
+    EXPECT_EQ(fail(), tarv_stat_error);
+    EXPECT_EQ(told_by("tarv_sa_build_multi_path_rec_query_mad", "tarv_sa"), row.build);
+    EXPECT_EQ(fail(), tarv_stat_error);
+    EXPECT_EQ(
+        told_by("tarv_sa_query_path", "tarv_sa"),
+        std::string("D 1 sgids passed to tarv_sa_build_multi_path_rec_query_mad()\n") + row.query);
+    EXPECT_EQ(counters(), row.counters) << "both are counted";
     EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
     EXPECT_EQ(atomic_read(&tarv_gsi_pending_cnt), 0);
     ask();
     EXPECT_EQ(deliveries.size(), 1u) << "the next query is a good one";
 }
-std::string error(const char* text) {
-    return logged(TARV_ERROR, unit, build_fn, text);
-}
-std::string in_build(const char* text) {
-    return logged(TARV_DEBUG, unit, build_fn, text);
-}
-std::string in_query(const char* text) {
-    return logged(TARV_DEBUG, unit, query_fn, text);
-}
-const std::string failed = in_query("tarv_sa_build_multi_path_rec_query_mad() failed <-255>");
-const Lines bad_port = {error("Invalid port object <is_valid:0>"), failed};
-constexpr char no_errors[] = "err: param: 0, port: 0, get: 0";
-constexpr char one_bad_port[] = "err: param: 0, port: 1, get: 0";
+constexpr char bad_port[] = "E Invalid port object <is_valid:0>\n";
+constexpr char failed[] = "D tarv_sa_build_multi_path_rec_query_mad() failed <-255>\n";
 INSTANTIATE_TEST_SUITE_P(
     Steps, QueryFailures,
     testing::Values(
-        Failure{"port_not_set_up", 2, nullptr, bad_port, one_bad_port},
-        Failure{"port_zero", 0, nullptr, bad_port, one_bad_port},
-        Failure{"port_beyond_the_records", 9, nullptr, bad_port, one_bad_port},
-        Failure{"port_with_its_sign_bit", 0x80000001, nullptr, bad_port, one_bad_port},
-        Failure{"last_port_of_all", 0xFFFFFFFF, nullptr, bad_port, one_bad_port},
-        Failure{"no_datagram",
-                1,
-                "gsi_dtgrm_pool_get",
-                {error("gsi_dtgrm_pool_get() failed <-2>"), failed},
-                "err: param: 0, port: 0, get: 1"},
-        Failure{"null_datagram",
-                1,
-                "nothing",
-                {error("sa_mad->payload == NULL, or = 0x48: 00000000000000a0 (*dtgrm: "
-                       "0000000000000000)"),
-                 failed},
-                no_errors},
-        Failure{
-            "no_block",
-            1,
-            "gsi_dtgrm_alloc_rmpp_buf",
-            {in_build("Building RMPP payload"), error("gsi_dtgrm_alloc_rmpp_buf() failed"), failed},
-            no_errors},
-        Failure{"not_posted",
-                1,
-                "gsi_post_send_dtgrm",
-                {in_build("Building RMPP payload"), in_build("Requesting 3 paths."),
-                 in_query("tarv_sa_build_multi_path_rec_query_mad() ok !!!"),
-                 in_query("Sending the path query on port 1"),
-                 in_query("Invalid port object <is_valid:1> or gsi_post_send_dtgrm() failed "
-                          "<-2>")},
-                no_errors}),
+        Failure{"port_not_set_up", 2, nullptr, bad_port, failed, "port: 2, get: 0"},
+        Failure{"port_zero", 0, nullptr, bad_port, failed, "port: 2, get: 0"},
+        Failure{"port_beyond_the_records", 9, nullptr, bad_port, failed, "port: 2, get: 0"},
+        Failure{"port_with_its_sign_bit", 1u << 31, nullptr, bad_port, failed, "port: 2, get: 0"},
+        Failure{"last_port_of_all", ~0u, nullptr, bad_port, failed, "port: 2, get: 0"},
+        Failure{"no_datagram", 1, "gsi_dtgrm_pool_get", "E gsi_dtgrm_pool_get() failed <-2>\n",
+                failed, "port: 0, get: 2"},
+        Failure{"null_datagram", 1, "nothing",
+                "E sa_mad->payload == NULL, or = 0x48: 00000000000000a0 (*dtgrm: "
+                "0000000000000000)\n",
+                failed, "port: 0, get: 0"},
+        Failure{"no_block", 1, "gsi_dtgrm_alloc_rmpp_buf",
+                "D Building RMPP payload\nE gsi_dtgrm_alloc_rmpp_buf() failed\n", failed,
+                "port: 0, get: 0"},
+        Failure{"not_posted", 1, "gsi_post_send_dtgrm",
+                "D Building RMPP payload\nD Requesting 3 paths.\n",
+                "D tarv_sa_build_multi_path_rec_query_mad() ok !!!\n"
+                "D Sending the path query on port 1\n"
+                "D Invalid port object <is_valid:1> or gsi_post_send_dtgrm() failed <-2>\n",
+                "port: 0, get: 0"}),
     support::row_name);
 
 TEST_F(SaQuery, IsNotPostedWhenThePortGoesMeanwhile) {
@@ -276,12 +248,12 @@ TEST_F(SaQuery, IsNotPostedWhenThePortGoesMeanwhile) {
     });
     EXPECT_EQ(query(), tarv_stat_error);
     host::set_console({});
-    EXPECT_EQ(console().back(), debug(query_fn,
-                                      "Invalid port object <is_valid:0> or "
-                                      "gsi_post_send_dtgrm() failed <0>"));
+    EXPECT_EQ(told("tarv_sa").back(),
+              "D tarv_sa_query_path: Invalid port object <is_valid:0> or gsi_post_send_dtgrm() "
+              "failed <0>");
     EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
     EXPECT_EQ(query(), tarv_stat_error) << "its link is down";
-    EXPECT_EQ(counters(), one_bad_port);
+    EXPECT_EQ(counters(), "port: 1, get: 0");
 }
 
 TEST_F(SaQuery, CountsWhatIsOnItsWay) {
@@ -302,18 +274,21 @@ TEST_F(SaQuery, TracesItsWholeWay) {
     trace(TARV_FUNC);
     ask();
     EXPECT_EQ(
-        masked_console(),
-        (Lines{debug(query_fn, "1 sgids passed to tarv_sa_build_multi_path_rec_query_mad()"),
-               debug(build_fn, "Building RMPP payload"), debug(build_fn, "Requesting 3 paths."),
-               debug(query_fn, "tarv_sa_build_multi_path_rec_query_mad() ok !!!"),
-               debug(query_fn, "Sending the path query on port 1"),
-               logged(TARV_FUNC, unit, "tarv_sa_send_done_cb",
-                      "Datagram <0xP> send on port #1 completed. Returning to pool ..."),
-               debug(parse_fn, "**** GSI returned payload size of 84 ****"),
-               debug(parse_fn, "Non-RMPP reply received"), "",
-               debug(parse_fn, "**** paysize - 20 = 64, sizeof ib_path_record_v2_t = 64 ****"),
-               debug(receive_fn, "Check     SGID: 0xFE8000000000000000001001 port: 1, SLID:11"), "",
-               debug(receive_fn, "Local port GID: 0xFE8000000000000000001001 port: 1"), ""}));
+        masked(),
+        (Lines{
+            "D tarv_sa_query_path: 1 sgids passed to tarv_sa_build_multi_path_rec_query_mad()",
+            "D tarv_sa_build_multi_path_rec_query_mad: Building RMPP payload",
+            "D tarv_sa_build_multi_path_rec_query_mad: Requesting 3 paths.",
+            "D tarv_sa_query_path: tarv_sa_build_multi_path_rec_query_mad() ok !!!",
+            "D tarv_sa_query_path: Sending the path query on port 1",
+            "F tarv_sa_send_done_cb: Datagram <0xP> send on port #1 completed. Returning to pool "
+            "...",
+            "D tarv_sa_parse_path_rec_query_mad_reply: **** GSI returned payload size of 84 ****",
+            "D tarv_sa_parse_path_rec_query_mad_reply: Non-RMPP reply received", "",
+            "D tarv_sa_parse_path_rec_query_mad_reply: **** paysize - 20 = 64, sizeof "
+            "ib_path_record_v2_t = 64 ****",
+            "D tarv_sa_recv_done_cb: Check     SGID: 0xFE8000000000000000001001 port: 1, SLID:11",
+            "", "D tarv_sa_recv_done_cb: Local port GID: 0xFE8000000000000000001001 port: 1", ""}));
     ASSERT_EQ(deliveries.size(), 1u);
     const ib_path_record_v2_t& path = deliveries[0].paths[0];
     EXPECT_EQ(path.dgid, bob);
@@ -354,19 +329,13 @@ TEST_P(AnswerSizes, DecideHowManyPathsCount) {
         fabric.sa().answer_over_rmpp();
     trace(TARV_DEBUG);
     ask();
-    const Lines lines = console();
-    const bool is_dropped = row.delivered == 0;
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         debug(receive_fn, "Error processing the incoming MAD")),
-              is_dropped ? 1 : 0);
-    ASSERT_EQ(deliveries.size(), is_dropped ? 0u : 1u);
-    if (is_dropped)
+    const std::string parse = told_by("tarv_sa_parse_path_rec_query_mad_reply", "tarv_sa");
+    ASSERT_EQ(deliveries.size(), row.delivered ? 1u : 0u);
+    if (!row.delivered)
         return;
-    if (row.records > 1 && !row.cut) {
-        const bool over_rmpp = in_segments || row.records > 3;
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), debug(parse_fn, "RMPP reply received")),
-                  over_rmpp ? 1 : 0);
-    }
+    EXPECT_TRUE(row.records == 1 || row.cut != 0 ||
+                (parse.find("D RMPP reply") != std::string::npos) ==
+                    (in_segments || row.records > 3));
     ASSERT_EQ(deliveries[0].paths.size(), row.delivered);
     for (std::size_t i = 0; i < row.delivered; i++)
         EXPECT_EQ(deliveries[0].paths[i].dlid, 51 + i);
@@ -389,49 +358,45 @@ INSTANTIATE_TEST_SUITE_P(
 struct Bad {
     const char* name;
     void (*script)(fabric::Sa&);
-    std::string line;
+    const char* parse;
 };
 class BadAnswers : public SaQuery, public testing::WithParamInterface<Bad> {};
 TEST_P(BadAnswers, AreDropped) {
     set_up({1});
-    GetParam().script(fabric.sa());
-    trace(TARV_DEBUG);
-    ask();
+    for (const char* function :
+         {"tarv_sa_parse_path_rec_query_mad_reply", "tarv_sa_recv_done_cb"}) {
+        GetParam().script(fabric.sa());
+        trace(TARV_DEBUG);
+        ask();
+        EXPECT_EQ(told_by(function, "tarv_sa"), function == std::string("tarv_sa_recv_done_cb")
+                                                    ? "D Error processing the incoming MAD\n"
+                                                    : GetParam().parse);
+    }
     EXPECT_TRUE(deliveries.empty());
-    const Lines lines = console();
-    ASSERT_EQ(lines.size(), 7u) << testing::PrintToString(lines);
-    EXPECT_EQ(lines[5], GetParam().line);
-    EXPECT_EQ(lines[6], debug(receive_fn, "Error processing the incoming MAD"));
     ask();
     EXPECT_EQ(deliveries.size(), 1u) << "the next answer is a good one";
 }
-std::string parse_warning(const char* text) {
-    return logged(TARV_WARNING, unit, parse_fn, text);
-}
 INSTANTIATE_TEST_SUITE_P(
     Headers, BadAnswers,
-    testing::Values(
-        Bad{"base_version", [](fabric::Sa& sa) { sa.answer_with_base_version(2, 1); },
-            parse_warning("Invalid base version<2>, mgmt class<3> or class version<2>")},
-        Bad{"management_class", [](fabric::Sa& sa) { sa.answer_with_class(4, 1); },
-            parse_warning("Invalid base version<1>, mgmt class<4> or class version<2>")},
-        Bad{"class_version", [](fabric::Sa& sa) { sa.answer_with_class_version(1, 1); },
-            parse_warning("Invalid base version<1>, mgmt class<3> or class version<1>")},
-        Bad{"attribute", [](fabric::Sa& sa) { sa.answer_with_attribute(0x35, 1); },
-            parse_warning("Invalid attribute ID. <0x0035>")},
-        Bad{"attribute_of_two_bytes", [](fabric::Sa& sa) { sa.answer_with_attribute(0x3A00, 1); },
-            parse_warning("Invalid attribute ID. <0x3A00>")},
-        Bad{"status", [](fabric::Sa& sa) { sa.answer_with_status(0x0700, 1); },
-            logged(TARV_DEBUG, unit, parse_fn,
-                   "Incoming mad has an error status <0x700> -> dropped.")},
-        // The checks have an order.
-        Bad{"all_at_once",
-            [](fabric::Sa& sa) {
-                sa.answer_with_status(1, 1);
-                sa.answer_with_attribute(1, 1);
-                sa.answer_with_class_version(3, 1);
-            },
-            parse_warning("Invalid base version<1>, mgmt class<3> or class version<3>")}),
+    testing::Values(Bad{"base_version", [](fabric::Sa& sa) { sa.answer_with_base_version(2, 1); },
+                        "W Invalid base version<2>, mgmt class<3> or class version<2>\n"},
+                    Bad{"management_class", [](fabric::Sa& sa) { sa.answer_with_class(4, 1); },
+                        "W Invalid base version<1>, mgmt class<4> or class version<2>\n"},
+                    Bad{"class_version", [](fabric::Sa& sa) { sa.answer_with_class_version(1, 1); },
+                        "W Invalid base version<1>, mgmt class<3> or class version<1>\n"},
+                    Bad{"attribute", [](fabric::Sa& sa) { sa.answer_with_attribute(0x35, 1); },
+                        "W Invalid attribute ID. <0x0035>\n"},
+                    Bad{"attribute_swapped",
+                        [](fabric::Sa& sa) { sa.answer_with_attribute(0x3A00, 1); },
+                        "W Invalid attribute ID. <0x3A00>\n"},
+                    Bad{"status", [](fabric::Sa& sa) { sa.answer_with_status(0x0700, 1); },
+                        "D Incoming mad has an error status <0x700> -> dropped.\n"},
+                    Bad{"attribute_before_status",
+                        [](fabric::Sa& sa) {
+                            sa.answer_with_status(1, 1);
+                            sa.answer_with_attribute(1, 1);
+                        },
+                        "W Invalid attribute ID. <0x0001>\n"}),
     support::row_name);
 
 TEST_F(SaQuery, AnswerOfAnotherPortComesWithItsArrival) {
@@ -451,9 +416,9 @@ TEST_F(SaQuery, AnswerOfNoPortIsDropped) {
     trace(TARV_DEBUG);
     ask();
     EXPECT_TRUE(deliveries.empty());
-    EXPECT_EQ(console().back(), debug(receive_fn,
-                                      "SGID of the incoming PATH_RECORD_REPLY does "
-                                      "not match any of the local ports gids."));
+    EXPECT_EQ(told("tarv_sa").back(),
+              "D tarv_sa_recv_done_cb: SGID of the incoming PATH_RECORD_REPLY does not match any "
+              "of the local ports gids.");
 }
 
 TEST_F(SaQuery, GidsOfCommandsAreAskedForAndMatched) {

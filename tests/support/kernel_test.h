@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -22,15 +23,9 @@ namespace support {
 
 using Lines = std::vector<std::string>;
 
-/// A line that the module logs under its prefix.
-inline std::string logged(tarv_log_level_t level, const std::string& unit,
-                          const std::string& function, const std::string& message) {
-    return std::string(qdlog_levels[level]) + " : TARV : " + function + ":(" + unit +
-           "):" + message;
-}
-
-/// A time shortly before the low half of the tick counter starts from 0 again.
-inline constexpr unsigned long before_wrap = (1ul << 32) - 200;
+/// A time before the low half of the tick counter starts from 0 again, such that the request timers
+/// run once more shortly before it does.
+inline constexpr unsigned long before_wrap = (1ul << 32) - 1200;
 
 class KernelTest : public testing::Test {
   protected:
@@ -72,7 +67,37 @@ class KernelTest : public testing::Test {
         return texts;
     }
 
+    /// The same, with the lines of that unit shortened to their level's letter, function and
+    /// message: "D tarv_hash_get_entry: IP: 0100000A found."
+    Lines told(const std::string& unit) {
+        Lines lines = console();
+        for (std::string& line : lines)
+            line = shortened(line, unit);
+        return lines;
+    }
+
+    /// What one function of that unit logged, and nothing else: a level's letter, a blank, the
+    /// message and a line end for each line.
+    std::string told_by(const std::string& function, const std::string& unit) {
+        std::string text;
+        for (const std::string& line : told(unit))
+            if (line.find(" " + function + ": ") == 1)
+                text += line.substr(0, 2) + line.substr(function.size() + 4) + "\n";
+        return text;
+    }
+
     host::Kernel kernel;
+
+  private:
+    static std::string shortened(const std::string& line, const std::string& unit) {
+        static const std::regex log_line(
+            "(PANIC  |ERROR  |WARNING|INFO   |DEBUG  |FUNC   ) : TARV : "
+            "(\\w+):\\((\\w+)\\):([^]*)");
+        std::smatch part;
+        if (!std::regex_match(line, part, log_line) || part[3] != unit)
+            return line;
+        return part.str(1)[0] + (" " + part.str(2)) + ": " + part.str(4);
+    }
 };
 
 /// Names a test of a parameter table by its row's `name`.
