@@ -2,18 +2,19 @@
 //
 // The verb "run": the host in real time, with what it has to say on standard output. Resolves all
 // peers and unloads, or stays up until it is told to stop.
-#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <cstdio>
 #include <memory>
 
+#include "app/kmsg.h"
 #include "app/machine.h"
+#include "app/mount.h"
 #include "app/options.h"
 #include "app/report.h"
 #include "app/resolve.h"
+#include "app/stop_signals.h"
 #include "app/verbs.h"
 
 namespace app {
@@ -21,6 +22,7 @@ namespace {
 
 struct RunOptions {
     HostOptions host;
+    std::string mount;
     bool resolve_all = false;
     double seconds = 0;  // 0: no limit
 
@@ -30,33 +32,6 @@ struct RunOptions {
 };
 
 constexpr unsigned long idle_ticks = 20;  // between two looks at the signals
-
-/* While it exists, SIGINT and SIGTERM end the run in order; a second one ends the program at once.
- */
-class StopSignals {
-  public:
-    StopSignals() {
-        struct sigaction action {};
-        action.sa_handler = [](int) { told_ = true; };
-        action.sa_flags = SA_RESETHAND;
-        for (std::size_t i = 0; i < std::size(numbers_); ++i)
-            sigaction(numbers_[i], &action, &before_[i]);
-    }
-    ~StopSignals() {
-        for (std::size_t i = 0; i < std::size(numbers_); ++i)
-            sigaction(numbers_[i], &before_[i], nullptr);
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-
-    static bool told() { return told_; }
-
-  private:
-    static constexpr int numbers_[] = {SIGINT, SIGTERM};
-    static inline std::atomic<bool> told_ = false;
-    static_assert(std::atomic<bool>::is_always_lock_free);
-    struct sigaction before_[std::size(numbers_)];
-};
 
 /* One line on a terminal, rewritten; nothing where standard error is none. */
 class Progress {
@@ -81,10 +56,6 @@ class Progress {
 void say(const std::string& text) {
     std::fputs(text.c_str(), stdout);
     std::fflush(stdout);
-}
-
-void print_console_line(const host::LogLine& line) {
-    say(line.text + "\n");
 }
 
 int resolve_all(Machine& machine, unsigned long limit) {
@@ -116,11 +87,18 @@ void stay(Machine& machine, unsigned long limit) {
 }
 
 int run(const RunOptions& options) {
+    Site site = read_site(options.host);
+    Kmsg kmsg;
+    Mount mount(options.mount, kmsg);
     const StopSignals signals;
-    Machine machine(read_site(options.host), options.host, host::Clock::real_time,
-                    print_console_line);
+    Machine machine(std::move(site), options.host, host::Clock::real_time,
+                    [&](const host::LogLine& line) {
+                        kmsg.append(line);
+                        say(line.text + "\n");
+                    });
     machine.start();
     machine.switch_on();
+    const Mount::Serving serving = mount.serve();
     say("\n" + format_machine(machine));
     int status = 0;
     if (options.resolve_all)
@@ -142,6 +120,7 @@ Action declare_run(CLI::App& verb) {
     add_for_option(verb, options->seconds,
                    "End after so long, resolved or not\n"
                    "(otherwise when all is resolved, or on SIGINT or SIGTERM)");
+    add_mount_option(verb, options->mount);
     add_host_options(verb, options->host);
     return [options] { return run(*options); };
 }

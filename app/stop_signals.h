@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// While it exists, SIGINT and SIGTERM are remembered instead of ending the program, so that it can
+// end in order. The second one does what the signal did before. One StopSignals exists at a time.
+#pragma once
+
+#include <signal.h>
+
+#include <atomic>
+#include <cstddef>
+#include <iterator>
+
+namespace app {
+
+class StopSignals {
+  public:
+    StopSignals() {
+        told_ = false;
+        struct sigaction action {};
+        action.sa_handler = remember;
+        for (std::size_t i = 0; i < std::size(numbers_); ++i)
+            sigaction(numbers_[i], &action, &before_[i]);
+    }
+    ~StopSignals() { restore(); }
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+    static bool told() { return told_; }
+
+  private:
+    static void remember(int number) {
+        if (!told_.exchange(true))
+            return;
+        restore();
+        raise(number);
+    }
+    static void restore() {
+        for (std::size_t i = 0; i < std::size(numbers_); ++i)
+            sigaction(numbers_[i], &before_[i], nullptr);
+    }
+
+    static constexpr int numbers_[] = {SIGINT, SIGTERM};
+    static inline std::atomic<bool> told_ = false;
+    static_assert(std::atomic<bool>::is_always_lock_free);
+    static inline struct sigaction before_[std::size(numbers_)] = {};
+};
+
+}  // namespace app
