@@ -1,0 +1,255 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#
+# mount_test.sh TARV-HOST: a mounted host as a shell sees it, with nothing but echo, cat and their
+# like. Exit status 77 where nothing can be mounted. Nothing here waits for a length of time: it
+# waits until something is so, for 20 seconds at most.
+set -u
+program=$1
+work=$(mktemp -d)
+directory=$work/mnt
+mkdir "$directory"
+control=$directory/quorvane/tarv/control
+version=$directory/quorvane/tarv/version
+kmsg=$directory/kmsg
+header='IP address       HW type     Flags       HW address            Mask     Device'
+busy='Another call is pending please try later ...'
+failures=0
+host=
+
+clean_up() {
+    [ -z "$host" ] || kill -KILL "$host" 2>/dev/null
+    ! mounted || fusermount3 -u -z "$directory" || umount -l "$directory"
+    rm -rf "$work"
+}
+trap clean_up EXIT
+
+mounted() { grep -qF " $directory " /proc/mounts; }
+
+fail() {
+    printf 'FAILED at lines %s: %s\n' "${BASH_LINENO[*]}" "$*"
+    failures=$((failures + 1))
+}
+# equal ACTUAL EXPECTED
+equal() { [ "$1" = "$2" ] || fail "expected <$2>, got <$1>"; }
+# within COMMAND...: it succeeds sooner or later.
+within() {
+    local end=$((SECONDS + 20))
+    until "$@"; do
+        [ "$SECONDS" -lt "$end" ] || { fail "never: $*"; return 1; }
+        sleep 0.02
+    done
+}
+contains() { grep -qsF -- "$2" "$1"; }
+
+start() {
+    "$program" run --mount "$directory" "$@" >"$work/log" 2>&1 &
+    host=$!
+    within ready
+}
+ready() { [ -e "$kmsg" ] || ! kill -0 "$host" 2>/dev/null; }
+# stop SIGNAL: the exit status is left in $status.
+stop() {
+    kill -"$1" "$host"
+    wait "$host" 2>/dev/null
+    status=$?
+    host=
+}
+
+# table FILE: addresses and hardware addresses, of the kernel's table and of this one alike.
+table() { awk 'FNR > 1 { print $1, $4, $6 }' "$1"; }
+
+skip_where_nothing_can_be_mounted() {
+    local reason
+    reason=$("$program" run --mount "$directory" --for 0.01 2>&1 >/dev/null) && return
+    case $reason in
+        *"no /dev/fuse"* | *"no fusermount3"* | *"not permitted"* | *"ermission denied"*)
+            echo "skipped: $reason"
+            exit 77
+            ;;
+    esac
+    fail "$reason"
+}
+
+refusals_start_nothing() {
+    local out
+    out=$("$program" run --mount "$work/none" 2>&1)
+    equal "$?/$out" "2/tarv-host: --mount: $work/none: No such file or directory"
+    out=$("$program" run --mount "$0" 2>&1)
+    equal "$?/$out" "2/tarv-host: --mount: $0: Not a directory"
+    # A machine without the device, for whoever may make one.
+    if unshare -m true 2>/dev/null; then
+        out=$(unshare -m sh -c "mount -t tmpfs none /dev && exec $program run --mount $directory" 2>&1)
+        equal "$?/${out%%:*}/$(wc -l <<<"$out")" "2/tarv-host/1"
+        [[ $out == *"no /dev/fuse"*"modprobe fuse"* ]] || fail "$out"
+    fi
+}
+
+tree_is_that_of_proc() {
+    equal "$(cd "$directory" && find . | sort | tr '\n' ' ')" \
+        ". ./kmsg ./quorvane ./quorvane/tarv ./quorvane/tarv/control ./quorvane/tarv/version "
+    equal "$(stat -c '%A %s' "$control" "$version" | tr '\n' ' ')" "-rw-r--r-- 0 -r--r--r-- 0 "
+    equal "$(stat -c %A "$directory/quorvane" "$kmsg" | tr '\n' ' ')" "dr-xr-xr-x -r--r--r-- "
+    equal "$(cut -d' ' -f1,2 "$version")" "tarv 1.21"
+    equal "$(cat "$control")" "$header"
+    equal "$(cat "$directory/quorvane" 2>&1)" "cat: $directory/quorvane: Is a directory"
+    ! cat "$directory/none" 2>/dev/null || fail "a file that is not there was read"
+    ! mkdir "$directory/new" 2>/dev/null || fail "a directory was made"
+}
+
+entries_are_added_shown_and_removed() {
+    echo add 10.0.0.1 10.9.0.2 4660 >"$control" || fail "add"
+    echo addibarp 10.0.0.1 10.9.0.3 0xfe800000000000000002c90300001234 7 >>"$control" || fail "addibarp"
+    equal "$(table "$control" | sort)" "10.9.0.2 00:AA:00:00:12:34 ipoib
+10.9.0.3 00:AA:00:00:00:07 ipoib"
+    equal "$(sed -n '2s/$/|/p' "$control" | wc -c)" 79
+    echo show 10.9.0.3 >"$control"
+    contains "$kmsg" "GID (128 bits): 0xFE800000000000000002C90300001234" || fail "show"
+    echo dump >"$control"
+    contains "$kmsg" "We have 0 pending gsi datagrams." || fail "dump"
+    printf 'remove 10.9.0.3' >"$control"
+    equal "$(table "$control")" "10.9.0.2 00:AA:00:00:12:34 ipoib"
+    echo fly 10.9.0.3 >"$control" || fail "a write is taken whatever it says"
+    contains "$kmsg" "<4>[" && contains "$kmsg" "pqn /proc: unknown command: 'fly' '10.9.0.3'" || fail "fly"
+}
+
+table_is_read_as_the_kernels() {
+    [ -r /proc/net/arp ] || return
+    equal "$(head -n 1 "$control" | tr -s ' ')" "$(head -n 1 /proc/net/arp | tr -s ' ')"
+    equal "$(table /proc/net/arp | wc -lw | tr -s ' ')" \
+        "$(tail -n +2 /proc/net/arp | awk '{ n += 3 } END { print "", NR, n + 0 }')"
+}
+
+interrupted_readers_leave_nothing_held() {
+    local i whole
+    whole=$(cat "$control")
+    for i in {1..100}; do
+        equal "$(head -c 10 "$control")" "IP address"
+        equal "$(cat "$control")" "$whole"
+    done
+    # As long as the file stays open, its reader is midway.
+    exec 3<"$control"
+    head -c 10 <&3 >"$work/begin"
+    equal "$(cat "$control")" "$busy"
+    equal "$(cat "$work/begin" - <&3)" "$whole"
+    exec 3<&-
+    equal "$(cat "$control")" "$whole"
+}
+
+one_write_is_one_command() {
+    local before after
+    before=$(grep -c 'usage:' "$kmsg")
+    awk 'BEGIN { for (i = 0; i < 20000; ++i) print "fly" }' | dd of="$control" bs=80000 count=1 \
+        iflag=fullblock 2>/dev/null || fail "dd"
+    after=$(grep -c 'usage:' "$kmsg")
+    equal "$((after - before))" 1
+}
+
+writer() {
+    local i
+    for i in {1..20}; do
+        echo add 10.0.0.1 "10.8.$1.$i" "$i" >"$control" || echo "writer $1"
+    done
+}
+reader() {
+    local i
+    for i in {1..20}; do
+        cat "$control" >"$work/read.$1.$i" || echo "reader $1"
+    done
+}
+ten_writers_and_ten_readers_at_once() {
+    local i jobs=()
+    for i in {1..10}; do
+        writer "$i" >"$work/writer.$i" &
+        jobs+=($!)
+        reader "$i" >"$work/reader.$i" &
+        jobs+=($!)
+    done
+    wait "${jobs[@]}"
+    equal "$(cat "$work"/writer.* "$work"/reader.*)" ""
+    equal "$(table "$control" | grep -c '^10\.8\.')" 200
+    # Each reader got a whole table or was told to come later.
+    equal "$(awk -v header="$header" -v busy="$busy" '
+        FNR == 1 && $0 == header { ++tables; next }
+        FNR == 1 && $0 == busy { next }
+        length($0) != 77 || $6 != "ipoib" { print FILENAME ": " $0 }
+        END { if (!tables) print "no table" }' "$work"/read.*)" ""
+    echo flush >"$control"
+    equal "$(cat "$control")" "$header"
+}
+
+kmsg_is_followed() {
+    local tail_pid
+    tail -n +1 -f -s 0.05 "$kmsg" >"$work/followed" &
+    tail_pid=$!
+    within contains "$work/followed" "TARV: Initialized."
+    echo show 10.7.7.7 >"$control"
+    within contains "$work/followed" "Looking for IP: 10.7.7.7."
+    kill "$tail_pid"
+    wait "$tail_pid" 2>/dev/null
+    equal "$(cat "$kmsg")" "$(cat "$work/followed")"
+    equal "$(wc -c <"$kmsg")" "$(stat -c %s "$kmsg")"
+    equal "$(grep -cvE '^<[0-7]>\[ *[0-9]+\.[0-9]{3}\] ' "$kmsg")" 0
+}
+
+what_is_read_only_refuses_writers() {
+    local file
+    for file in "$version" "$kmsg"; do
+        ! echo x 2>/dev/null >"$file" || fail "$file was written to"
+    done
+    [ "$(id -u)" = 0 ] || return 0
+    chmod 755 "$work"
+    equal "$(setpriv --reuid=65534 --regid=65534 --clear-groups cat "$control")" "$header"
+    ! setpriv --reuid=65534 --regid=65534 --clear-groups sh -c "echo flush >$control" 2>/dev/null ||
+        fail "the control file was written to by somebody else"
+}
+
+unloads_and_unmounts() {
+    local status
+    exec 3<>"$control"
+    stop "$1"
+    equal "$status" 0
+    ! mounted || fail "still mounted"
+    equal "$(ls -A "$directory")" ""
+    contains "$work/log" "TARV: Unloaded." || fail "not unloaded"
+    contains "$work/log" "Unloaded; nothing remains" || fail "$(tail -n 3 "$work/log")"
+    # Who still has a file open is told so at once.
+    ! echo flush 2>/dev/null >&3 || fail "a file of an unmounted host was written to"
+    exec 3>&-
+}
+
+unmounts_when_killed() {
+    local status signal
+    ulimit -c 0
+    for signal in HUP ABRT; do
+        start
+        stop "$signal"
+        equal "$status" "$((128 + $(kill -l "$signal")))"
+        within unmounted
+    done
+    # Nothing can be done about this one, but it is said what helps.
+    start
+    stop KILL
+    equal "$("$program" run --mount "$directory" 2>&1)" \
+        "tarv-host: --mount: $directory: a program that was killed has left its mount there; fusermount3 -u $directory takes it away"
+    fusermount3 -u "$directory" || fail "fusermount3"
+}
+unmounted() { ! mounted; }
+
+skip_where_nothing_can_be_mounted
+refusals_start_nothing
+start
+tree_is_that_of_proc
+entries_are_added_shown_and_removed
+table_is_read_as_the_kernels
+interrupted_readers_leave_nothing_held
+one_write_is_one_command
+ten_writers_and_ten_readers_at_once
+kmsg_is_followed
+what_is_read_only_refuses_writers
+unloads_and_unmounts INT
+start
+unloads_and_unmounts TERM
+unmounts_when_killed
+[ "$failures" = 0 ] || { echo "$failures failed"; exit 1; }
+echo "all passed in $SECONDS seconds"
