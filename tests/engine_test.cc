@@ -289,6 +289,21 @@ INSTANTIATE_TEST_SUITE_P(
              {"+100 arp told -254", first_told, second_told}}),
     row_name);
 
+TEST_F(EngineTest, TheLastWordsAreSpokenBeforeTheAdapterIsClosed) {
+    struct Last {
+        static void reply(tarv_stat_t, tarv_arp_data_t*, void* test) {
+            auto* engine = static_cast<EngineTest*>(test);
+            engine->note(hca_h ? "open" : "closed");
+            EXPECT_EQ(engine->fabric.gsi().open_classes(), 2u);
+            EXPECT_THAT(host::inter_module_names(), IsEmpty());
+        }
+    };
+    know(2);
+    tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_both, &record, Last::reply, this, 0);
+    unload();
+    EXPECT_THAT(timeline, Contains("+0 open"));
+}
+
 TEST_F(EngineTest, TheDummyReplyOnlyLogs) {
     trace(TARV_DEBUG);
     tarv_arp_data_t answer = heard(2);

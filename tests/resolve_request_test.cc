@@ -138,6 +138,24 @@ INSTANTIATE_TEST_SUITE_P(
         Invalidation{"kept_static", true, TARV_MASK_STATIC, 0, "not found", tarv_stat_ok}),
     row_name);
 
+TEST_F(RequestTest, AWaitingRequestRemembersWhatItNeeds) {
+    know(2);
+    for (const tarv_paths_t wanted : {tarv_paths_primary, tarv_paths_both}) {
+        ask(host_ip(2), wanted);
+        const tarv_list_entry_t* entry = newest_for_paths();
+        EXPECT_EQ(entry->req_ip, host_ip(2));
+        EXPECT_EQ(entry->src_ip, host_ip(1));
+        EXPECT_EQ(entry->requested_paths, wanted);
+        EXPECT_EQ(entry->needed_paths_mask, wanted == tarv_paths_both ? 3 : 1);
+        EXPECT_EQ(entry->dgid, heard(2).gid);
+        EXPECT_EQ(entry->n_retries, 0);
+        EXPECT_EQ(entry->orig_arp_data.dst_ip, host_ip(2));
+        EXPECT_EQ(entry->orig_arp_data.primary_path, &entry->orig_arp_data.paths[0]);
+        EXPECT_EQ(entry->orig_arp_data.secondary_path, &entry->orig_arp_data.paths[1]);
+    }
+    kernel.advance(10);
+}
+
 TEST_F(RequestTest, TheFifthIdenticalArpRequestIsNotSent) {
     fabric.peer(host_ip(2)).delay(100);
     trace(TARV_WARNING);
