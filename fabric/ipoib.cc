@@ -215,9 +215,12 @@ tarv_stat_t Ipoib::send_request(const tarv_arp_data_t& record, int media_reset) 
 }
 
 /* Whether a packet about that address goes to the module; then it is counted until it is there. */
-bool Ipoib::begin_intake(std::uint32_t target_ip) {
+/* A reply that was sent to us is for us whatever it names as its target: who asks in another's name
+ * gets an answer in that name. */
+bool Ipoib::begin_intake(const ArpPacket& arp, const Packet& packet) {
     MutexLock lock(mutex_);
-    if (!attached_ || !is_ours(target_ip))
+    const bool sent_to_us = arp.operation == arp_reply && packet.dest_qp == qpn_;
+    if (!attached_ || (!sent_to_us && !is_ours(arp.target_ip)))
         return false;
     intakes_++;
     return true;
@@ -226,7 +229,7 @@ bool Ipoib::begin_intake(std::uint32_t target_ip) {
 void Ipoib::receive(int port, const Packet& packet) {
     std::optional<ArpPacket> arp = decode<ArpPacket>(packet.payload);
     if (!arp || !is_ipoib_arp(*arp) || (packet.dest_qp != qpn_ && packet.dest_qp != multicast_qp) ||
-        !begin_intake(arp->target_ip))
+        !begin_intake(*arp, packet))
         return;
     tarv_arp_data_t record = make_record(*arp, packet, port);
     if (auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn"))

@@ -73,7 +73,7 @@ class Ipoib {
   private:
     bool is_ours(std::uint32_t ip) const TA_REQ(mutex_);
     void choose_port();
-    bool begin_intake(std::uint32_t target_ip);
+    bool begin_intake(const ArpPacket& arp, const Packet& packet);
     void answer(const ArpPacket& arp, const Packet& packet, int port);
 
     Subnet& subnet_;
