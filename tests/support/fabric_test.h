@@ -52,14 +52,31 @@ class FabricTest : public KernelTest {
 
     /// told(), with every pointer as "P", or "null".
     Lines masked() {
-        static const std::regex null("\\b0{16}\\b"), pointer("([^0-9A-Fa-f])[0-9a-f]{16}\\b");
         Lines lines = told("tarv_sa");
         for (std::string& line : lines)
-            line = std::regex_replace(std::regex_replace(line, null, "null"), pointer, "$1P");
+            line = without_pointers(line);
         return lines;
     }
 
     fabric::Fabric fabric;
+
+  private:
+    /// A pointer is printed as 16 small hexadecimal digits.
+    static std::string without_pointers(const std::string& line) {
+        std::string result;
+        for (std::size_t at = 0; at < line.size();) {
+            const std::size_t end =
+                std::min(line.find_first_not_of("0123456789abcdefABCDEF", at), line.size());
+            const std::string run = line.substr(at, end - at);
+            if (run.size() != 16 || run.find_first_of("ABCDEF") != std::string::npos)
+                result += run;
+            else
+                result += run.find_first_not_of('0') == std::string::npos ? "null" : "P";
+            result += line.substr(end, 1);
+            at = end + 1;
+        }
+        return result;
+    }
 };
 
 /// The same with the SA client on it, all its ports still to be set up.

@@ -9,7 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <algorithm>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -90,13 +91,16 @@ class KernelTest : public testing::Test {
 
   private:
     static std::string shortened(const std::string& line, const std::string& unit) {
-        static const std::regex log_line(
-            "(PANIC  |ERROR  |WARNING|INFO   |DEBUG  |FUNC   ) : TARV : "
-            "(\\w+):\\((\\w+)\\):([^]*)");
-        std::smatch part;
-        if (!std::regex_match(line, part, log_line) || part[3] != unit)
+        constexpr std::array levels = {"PANIC  ", "ERROR  ", "WARNING",
+                                       "INFO   ", "DEBUG  ", "FUNC   "};
+        const std::string between = " : TARV : ";
+        const std::size_t function = 7 + between.size();
+        const std::size_t end = line.find(":(" + unit + "):");
+        if (end == std::string::npos || line.compare(7, between.size(), between) != 0 ||
+            std::find(levels.begin(), levels.end(), line.substr(0, 7)) == levels.end())
             return line;
-        return part.str(1)[0] + (" " + part.str(2)) + ": " + part.str(4);
+        return line.substr(0, 1) + " " + line.substr(function, end - function) + ": " +
+               line.substr(end + unit.size() + 4);
     }
 };
 
