@@ -76,9 +76,7 @@ Target read_target(ScriptLine& line, const ScriptReading& reading) {
     line.fail("there is no peer \"" + name + "\"");
 }
 
-using Apply = std::function<void(fabric::Fabric&)>;
-
-Apply read_packet_fault(ScriptLine& line, const PacketFault& fault, const Target& target) {
+FabricAction read_packet_fault(ScriptLine& line, const PacketFault& fault, const Target& target) {
     if (fault.name == std::string_view("drop") && line.take("all"))
         return [target](fabric::Fabric& fabric) { faults_of(fabric, target).drop_all(); };
     const std::uint64_t value = fault.counts ? line.number_if(fault.name, any_unsigned).value_or(1)
@@ -88,7 +86,7 @@ Apply read_packet_fault(ScriptLine& line, const PacketFault& fault, const Target
     };
 }
 
-Apply read_answer_fault(ScriptLine& line, const AnswerFault& fault) {
+FabricAction read_answer_fault(ScriptLine& line, const AnswerFault& fault) {
     const std::uint64_t value = line.number(fault.name, fault.most);
     const auto count = static_cast<unsigned>(
         line.take("next") ? line.number("a number of answers", any_unsigned) : fabric::Sa::always);
@@ -97,7 +95,7 @@ Apply read_answer_fault(ScriptLine& line, const AnswerFault& fault) {
     };
 }
 
-Apply read_clear(const Target& target) {
+FabricAction read_clear(const Target& target) {
     return [target](fabric::Fabric& fabric) {
         if (target.kind == Target::sa)
             fabric.sa().clear();
@@ -106,7 +104,7 @@ Apply read_clear(const Target& target) {
     };
 }
 
-Apply read_fault(ScriptLine& line, const Target& target) {
+FabricAction read_fault(ScriptLine& line, const Target& target) {
     if (line.take("clear"))
         return read_clear(target);
     for (const PacketFault& fault : packet_faults)
@@ -178,28 +176,40 @@ EventType read_event_type(ScriptLine& line) {
 
 }  // namespace
 
-ScriptAction read_fabric_fault(ScriptLine& line, ScriptReading& reading) {
+FabricAction read_fault_action(ScriptLine& line, const ScriptReading& reading) {
     const Target target = read_target(line, reading);
-    std::vector<Apply> faults;
+    std::vector<FabricAction> faults;
     do
         faults.push_back(read_fault(line, target));
     while (!line.at_end());
-    return [faults](ScriptHost& host, const std::string&) {
-        for (const Apply& apply : faults)
-            apply(host.fabric());
+    return [faults](fabric::Fabric& fabric) {
+        for (const FabricAction& apply : faults)
+            apply(fabric);
     };
 }
 
-ScriptAction read_event(ScriptLine& line, ScriptReading& reading) {
+FabricAction read_event_action(ScriptLine& line, const ScriptReading& reading) {
     const EventType event = read_event_type(line);
     if (!line.take("port"))
         line.fail("port is missing");
     const int port = reading.port(line);
     const std::uint64_t value =
         event.most > 0 && line.take("to") ? line.number("VALUE", event.most) : 0;
-    return [event, port, value](ScriptHost& host, const std::string&) {
-        if (!event.change(host.fabric(), port, value))
-            host.fabric().raise_event(event.type, port);
+    return [event, port, value](fabric::Fabric& fabric) {
+        if (!event.change(fabric, port, value))
+            fabric.raise_event(event.type, port);
+    };
+}
+
+ScriptAction read_fabric_fault(ScriptLine& line, ScriptReading& reading) {
+    return [act = read_fault_action(line, reading)](ScriptHost& host, const std::string&) {
+        act(host.fabric());
+    };
+}
+
+ScriptAction read_event(ScriptLine& line, ScriptReading& reading) {
+    return [act = read_event_action(line, reading)](ScriptHost& host, const std::string&) {
+        act(host.fabric());
     };
 }
 

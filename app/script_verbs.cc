@@ -126,21 +126,7 @@ tarv_paths_t read_paths(ScriptLine& line) {
 }
 
 ScriptAction read_resolve(ScriptLine& line, ScriptReading& reading) {
-    ScriptRequest request;
-    request.ip = line.ip("IP");
-    request.from = reading.site.our_host().ip;
-    while (!line.at_end()) {
-        if (line.take("from"))
-            request.from = line.ip("IP");
-        else if (line.take("paths"))
-            request.paths = read_paths(line);
-        else if (line.take("invalidate"))
-            request.invalidate = true;
-        else if (line.take("no-callback"))
-            request.callback = false;
-        else
-            line.fail("\"" + line.word("") + "\" is not understood");
-    }
+    const ScriptRequest request = read_request(line, reading);
     return [request](ScriptHost& host, const std::string&) { host.resolve(request); };
 }
 
@@ -299,6 +285,25 @@ constexpr ScriptVerb verbs[] = {
 
 std::span<const ScriptVerb> script_verbs() {
     return verbs;
+}
+
+ScriptRequest read_request(ScriptLine& line, const ScriptReading& reading) {
+    ScriptRequest request;
+    request.ip = line.ip("IP");
+    request.from = reading.site.our_host().ip;
+    while (!line.at_end()) {
+        if (line.take("from"))
+            request.from = line.ip("IP");
+        else if (line.take("paths"))
+            request.paths = read_paths(line);
+        else if (line.take("invalidate"))
+            request.invalidate = true;
+        else if (line.take("no-callback"))
+            request.callback = false;
+        else
+            line.fail("\"" + line.word("") + "\" is not understood");
+    }
+    return request;
 }
 
 std::uint64_t ScriptReading::ports() const {

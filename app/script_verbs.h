@@ -37,6 +37,14 @@ std::span<const ScriptVerb> script_verbs();
 // The families that have files of their own.
 ReadScriptLine read_fabric_fault, read_event, read_expect;
 
+// What these lines ask for, whoever carries it out.
+
+using FabricAction = std::function<void(fabric::Fabric&)>;
+FabricAction read_fault_action(ScriptLine& line, const ScriptReading& reading);
+FabricAction read_event_action(ScriptLine& line, const ScriptReading& reading);
+/// Without `from` in the line our own address asks.
+ScriptRequest read_request(ScriptLine& line, const ScriptReading& reading);
+
 /// Ticks that a script can count on in one line.
 inline constexpr std::uint64_t most_ticks = 1'000'000'000;
 
