@@ -16,16 +16,11 @@ namespace {
 
 using ControlEffects = ControlTest;
 
-/* An entry as a command makes it. */
+/* An entry as a command makes it: mask, LID, QP number, Q_Key, port and GID. */
 struct Added {
     const char* name;
     const char* command;
-    u32 mask;
-    u16 lid;
-    u32 qpn;
-    u32 qkey;
-    u32 port;
-    u64 gid;
+    const char* record;
 };
 
 class ControlAdds : public ControlTest, public testing::WithParamInterface<Added> {};
@@ -33,38 +28,28 @@ class ControlAdds : public ControlTest, public testing::WithParamInterface<Added
 INSTANTIATE_TEST_SUITE_P(
     Entries, ControlAdds,
     testing::Values(
-        Added{"plain", "add 10.0.0.1 10.0.0.2 5", 0x8213, 5, 0, 0, 1, 0},
-        Added{"qp_and_qkey", "add 10.0.0.1 10.0.0.2 5 0x48 17", 0x823B, 5, 0x48, 17, 1, 0},
-        Added{"lid_0", "add 10.0.0.1 10.0.0.2 0 0", 0x821B, 0, 0, 0, 1, 0},
-        Added{"lid_of_ones", "add 10.0.0.1 10.0.0.2 0xffffffff", 0x8213, 0xFFFF, 0, 0, 1, 0},
-        Added{"no_qp", "add 10.0.0.1 10.0.0.2 0x10005 0xffffffff 4294967295", 0x8213, 5, 0, 0, 1,
-              0},
-        Added{"gid", "addibarp 10.0.0.1 10.0.0.2 0xabcdef", 0x8207, 0, 0, 0, 1, 0xABCDEF},
-        Added{"gid_and_all", "addibarp 10.0.0.1 10.0.0.2 0x1 7 0x48 0x11 2", 0x823F, 7, 0x48, 0x11,
-              2, 1},
-        Added{"gid_and_nothing_else",
-              "addibarp 10.0.0.1 10.0.0.2 0x1 0xffffffff 0xffffffff 0xffffffff 300", 0x8207, 0, 0,
-              0, 300, 1},
-        Added{"gid_and_lid", "addibarp 10.0.0.1 10.0.0.2 0x1 0xffff", 0x8217, 0xFFFF, 0, 0, 1, 1}),
+        Added{"plain", "add 10.0.0.1 10.0.0.2 5", "8213 5 0 0 1 0"},
+        Added{"qp_and_qkey", "add 10.0.0.1 10.0.0.2 5 0x48 17", "823B 5 48 11 1 0"},
+        Added{"lid_0", "add 10.0.0.1 10.0.0.2 0 0", "821B 0 0 0 1 0"},
+        Added{"lid_of_ones", "add 10.0.0.1 10.0.0.2 0xffffffff", "8213 FFFF 0 0 1 0"},
+        Added{"no_qp", "add 10.0.0.1 10.0.0.2 0x10005 0xffffffff 4294967295", "8213 5 0 0 1 0"},
+        Added{"gid", "addibarp 10.0.0.1 10.0.0.2 0xabcdef", "8207 0 0 0 1 ABCDEF"},
+        Added{"all", "addibarp 10.0.0.1 10.0.0.2 0x1 7 0x48 0x11 2", "823F 7 48 11 2 1"},
+        Added{"nothing_else", "addibarp 10.0.0.1 10.0.0.2 0x1 0xffffffff 0xffffffff 0xffffffff 300",
+              "8207 0 0 0 12C 1"},
+        Added{"gid_and_lid", "addibarp 10.0.0.1 10.0.0.2 0x1 0xffff", "8217 FFFF 0 0 1 1"}),
     row_name);
 
 TEST_P(ControlAdds, AStaticEntry) {
     command(GetParam().command);
-    tarv_hash_entry_t entry = {};
-    ASSERT_EQ(tarv_hash_get_entry(ip("10.0.0.2"), &entry), tarv_stat_ok);
-    const tarv_arp_data_t& record = entry.arp_data;
+    tarv_arp_data_t record = {};
+    ASSERT_EQ(tarv_hash_get_entry_data(ip("10.0.0.2"), &record), tarv_stat_ok);
+    EXPECT_EQ(host::kformat("%X %X %X %X %X %LX", record.mask, record.lid, record.qpn, record.qkey,
+                            record.local_port_num, gid_low(record.gid)),
+              GetParam().record);
     EXPECT_EQ(record.src_ip, ip("10.0.0.1"));
-    EXPECT_EQ(record.mask, GetParam().mask);
-    EXPECT_EQ(record.lid, GetParam().lid);
-    EXPECT_EQ(record.qpn, GetParam().qpn);
-    EXPECT_EQ(record.qkey, GetParam().qkey);
-    EXPECT_EQ(record.local_port_num, GetParam().port);
-    EXPECT_EQ(gid_low(record.gid), GetParam().gid);
     EXPECT_EQ(gid_high(record.gid), 0u);
     EXPECT_EQ(record.paths_count, 0);
-    EXPECT_EQ(record.arp_operation, 0);
-    EXPECT_EQ(record.context, nullptr);
-    EXPECT_EQ(entry.next, nullptr);
 }
 
 /* The path that `full_path` describes, as it is shown. */

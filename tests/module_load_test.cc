@@ -29,43 +29,44 @@ Lines bound(const std::string& level) {
 
 class ModuleLoad : public FrameTest {};
 
+using Symbols = std::vector<std::pair<std::string, const void*>>;
+
+template <class Function>
+const void* address(Function* function) {
+    return reinterpret_cast<const void*>(function);
+}
+
 TEST_F(ModuleLoad, TellsTheLoaderWhatItIs) {
-    EXPECT_STREQ(tarv_module.name, "tarv");
-    EXPECT_STREQ(tarv_module.description, "IB_ARP repository module.");
-    EXPECT_STREQ(tarv_module.depends, "");
-    EXPECT_STREQ(tarv_module.vermagic, "2.6.9-34.ELsmp SMP gcc-3.4");
-    ASSERT_EQ(tarv_module.param_count, 2u);
-    EXPECT_STREQ(tarv_module.params[0].name, "arp_cache_timeout_sec");
-    EXPECT_EQ(tarv_module.params[0].type, module_param_ulong);
-    EXPECT_EQ(tarv_module.params[0].permissions, 0);
-    EXPECT_STREQ(tarv_module.params[1].name, "tarv_is_mode_redundant");
-    EXPECT_EQ(tarv_module.params[1].type, module_param_byte);
-    EXPECT_EQ(tarv_module.params[1].permissions, 0);
-    std::set<std::pair<std::string, const void*>> exports;
+    EXPECT_EQ((Lines{tarv_module.name, tarv_module.description, tarv_module.depends,
+                     tarv_module.vermagic}),
+              (Lines{"tarv", "IB_ARP repository module.", "", "2.6.9-34.ELsmp SMP gcc-3.4"}));
+    Lines params;
+    for (u32 i = 0; i < tarv_module.param_count; i++)
+        params.push_back(host::kformat("%s type %d permissions %o", tarv_module.params[i].name,
+                                       tarv_module.params[i].type,
+                                       tarv_module.params[i].permissions));
+    EXPECT_THAT(params, ElementsAre("arp_cache_timeout_sec type 1 permissions 0",
+                                    "tarv_is_mode_redundant type 0 permissions 0"));
+    Symbols exports;
     for (u32 i = 0; i < tarv_module.export_count; i++)
-        exports.emplace(tarv_module.exports[i].name, tarv_module.exports[i].address);
-    const std::set<std::pair<std::string, const void*>> expected = {
-        {"tarv_get_ib_data", reinterpret_cast<const void*>(tarv_get_ib_data)},
-        {"TARV_log_rep_h", &TARV_log_rep_h},
-        {"TARV_trace_level", &TARV_trace_level},
-    };
-    EXPECT_EQ(exports, expected);
+        exports.emplace_back(tarv_module.exports[i].name, tarv_module.exports[i].address);
+    EXPECT_EQ(exports, (Symbols{{"tarv_get_ib_data", address(tarv_get_ib_data)},
+                                {"TARV_log_rep_h", &TARV_log_rep_h},
+                                {"TARV_trace_level", &TARV_trace_level}}));
 }
 
 TEST_F(ModuleLoad, StandsAfterALoadAndIsGoneAfterAnUnload) {
     set_level(TARV_ERROR);
     ASSERT_EQ(load(), 0);
-    EXPECT_THAT(console(), testing::ElementsAreArray(banner + initialized + bound("1")));
-    EXPECT_THAT(host::inter_module_names(),
-                ElementsAre("tarv_get_ib_data_fn", "tarv_process_arp_data_fn", "tarv_detach_fn",
-                            "tarv_attach_fn", "tarv_seq_cache_lookup_fn"));
-    const auto function = [](auto* f) { return reinterpret_cast<const void*>(f); };
-    EXPECT_EQ(host::inter_module_get("tarv_get_ib_data_fn"), function(tarv_get_ib_data));
-    EXPECT_EQ(host::inter_module_get("tarv_process_arp_data_fn"), function(tarv_process_arp_data));
-    EXPECT_EQ(host::inter_module_get("tarv_detach_fn"), function(tarv_detach));
-    EXPECT_EQ(host::inter_module_get("tarv_attach_fn"), function(tarv_attach));
-    EXPECT_EQ(host::inter_module_get("tarv_seq_cache_lookup_fn"),
-              function(tarv_hash_seq_cache_lookup));
+    EXPECT_EQ(console(), banner + initialized + bound("1"));
+    Symbols names;
+    for (const std::string& name : host::inter_module_names())
+        names.emplace_back(name, host::inter_module_get(name));
+    EXPECT_EQ(names, (Symbols{{"tarv_get_ib_data_fn", address(tarv_get_ib_data)},
+                              {"tarv_process_arp_data_fn", address(tarv_process_arp_data)},
+                              {"tarv_detach_fn", address(tarv_detach)},
+                              {"tarv_attach_fn", address(tarv_attach)},
+                              {"tarv_seq_cache_lookup_fn", address(tarv_hash_seq_cache_lookup)}}));
     EXPECT_THAT(host::proc_entries(),
                 ElementsAre("quorvane/", "quorvane/tarv/", "quorvane/tarv/control",
                             "quorvane/tarv/version"));
@@ -73,7 +74,7 @@ TEST_F(ModuleLoad, StandsAfterALoadAndIsGoneAfterAnUnload) {
     EXPECT_EQ(host::proc_mode(version_path), 0444u);
     EXPECT_NE(tarv_proc_entry, nullptr);
     unload();
-    EXPECT_THAT(console(), testing::ElementsAreArray(unloaded));
+    EXPECT_EQ(console(), unloaded);
     EXPECT_THAT(host::proc_entries(), ElementsAre("quorvane/", "quorvane/tarv/"));
     EXPECT_THAT(kernel.remains(), IsEmpty());
 }
