@@ -16,10 +16,6 @@ using testing::IsEmpty;
 constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
 constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
 
-std::string event_line(const std::string& message) {
-    return log_line(TARV_DEBUG, "tarv_api", "tarv_async_event_cb", message);
-}
-
 struct EngineTest : SiteTest {
     void raise(u32 type, int port) {
         fabric.raise_event(type, port);
@@ -45,12 +41,11 @@ TEST_P(FailingStartTest, LeavesNothing) {
     trace(TARV_DEBUG);
     host::fail_nth(GetParam().service, 1);
     EXPECT_EQ(tarv_init(), tarv_stat_error);
-    EXPECT_THAT(console(),
-                ElementsAre(log_line(TARV_DEBUG, "tarv_api", "tarv_aync_ev_init", GetParam().line),
-                            log_line(TARV_ERROR, "tarv_api", "tarv_init",
-                                     "Error initializing async events registration<-255>."),
-                            log_line(TARV_DEBUG, "tarv_arp_hash", "tarv_hash_destroy",
-                                     "The ARP table is empty.")));
+    EXPECT_THAT(
+        transcript(),
+        ElementsAre("D tarv_api/tarv_aync_ev_init: " + std::string(GetParam().line),
+                    "E tarv_api/tarv_init: Error initializing async events registration<-255>.",
+                    "D tarv_arp_hash/tarv_hash_destroy: The ARP table is empty."));
     EXPECT_EQ(kernel.remains(), Lines{});
     EXPECT_EQ(hca_h, nullptr);
 
@@ -70,7 +65,7 @@ TEST_F(EngineTest, StartAndStopAreSeenOnTheConsoleAndByName) {
     unload();
     host::clear_console();
     ASSERT_EQ(tarv_init(), tarv_stat_ok);
-    EXPECT_THAT(console(), ElementsAre("TARV: Initialized."));
+    EXPECT_THAT(transcript(), ElementsAre("TARV: Initialized."));
     EXPECT_THAT(host::inter_module_names(),
                 ElementsAre("tarv_get_ib_data_fn", "tarv_process_arp_data_fn", "tarv_detach_fn",
                             "tarv_attach_fn", "tarv_seq_cache_lookup_fn"));
@@ -79,7 +74,7 @@ TEST_F(EngineTest, StartAndStopAreSeenOnTheConsoleAndByName) {
     EXPECT_EQ(host::inter_module_get("tarv_seq_cache_lookup_fn"),
               reinterpret_cast<const void*>(tarv_hash_seq_cache_lookup));
     tarv_destroy();
-    EXPECT_THAT(console(), ElementsAre("TARV: Unloaded."));
+    EXPECT_THAT(transcript(), ElementsAre("TARV: Unloaded."));
     EXPECT_EQ(kernel.remains(), Lines{});
 }
 
@@ -137,9 +132,9 @@ TEST_P(LinkDownTest, PurgesExactlyThatPortsPaths) {
         know(2, masks[n], host_ip(100) + (n << 24));
     trace(TARV_DEBUG);
     set_link(row.port, false);
-    EXPECT_THAT(
-        console(),
-        ElementsAre(event_line("Received link_down <port:" + std::to_string(row.port) + ">")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("D tarv_api/tarv_async_event_cb: Received link_down <port:" +
+                            std::to_string(row.port) + ">"));
     std::vector<u32> kept;
     for (u32 n = 0; n < masks.size(); n++)
         if (knows(host_ip(100) + (n << 24)))
@@ -162,7 +157,8 @@ TEST_F(EngineTest, APortThatComesBackServesQueriesAgain) {
     EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_error);
     trace(TARV_DEBUG);
     set_link(1, true);
-    EXPECT_THAT(console(), Contains(event_line("Received link_up <port:1>")));
+    EXPECT_THAT(transcript(),
+                Contains("D tarv_api/tarv_async_event_cb: Received link_up <port:1>"));
     EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending);
     kernel.advance(10);
     EXPECT_EQ(timeline.back(), "+2 client told 0 with 10.0.0.2");
@@ -218,31 +214,36 @@ TEST_P(RefusedTest, OnlyLogs) {
     know(2, primary);
     trace(TARV_DEBUG);
     raise(GetParam().type, GetParam().port);
-    EXPECT_EQ(console(), GetParam().logged);
+    EXPECT_EQ(transcript(), GetParam().logged);
     EXPECT_EQ(fabric.gsi().open_classes(), 2u);
     EXPECT_TRUE(knows(host_ip(2)));
 }
 
 Lines refused_link_up(int port, const std::string& why) {
-    return {event_line("Received link_up <port:" + std::to_string(port) + ">"),
-            log_line(TARV_ERROR, "tarv_sa", "tarv_sa_init", why)};
+    return {"D tarv_api/tarv_async_event_cb: Received link_up <port:" + std::to_string(port) + ">",
+            "E tarv_sa/tarv_sa_init: " + std::string(why)};
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Site, RefusedTest,
     testing::Values(
-        Refused{"unknown", 0xABCDE, 2, {event_line("Received async event <type: ABCDE> <port:2>")}},
+        Refused{"unknown",
+                0xABCDE,
+                2,
+                {"D tarv_api/tarv_async_event_cb: Received async event <type: ABCDE> <port:2>"}},
         Refused{"second_link_up", 0x10000, 1, refused_link_up(1, "Allready initialized.")},
         Refused{"link_up_9", 0x10000, 9,
                 refused_link_up(9, "Port #9 is not supported, ports are 1 to 8.")},
         Refused{"link_up_0", 0x10000, 0,
                 refused_link_up(0, "Port #0 is not supported, ports are 1 to 8.")},
-        Refused{"link_down_9", 0x20000, 9, {event_line("Received link_down <port:9>")}},
+        Refused{"link_down_9",
+                0x20000,
+                9,
+                {"D tarv_api/tarv_async_event_cb: Received link_down <port:9>"}},
         Refused{"sm_change_9",
                 0x40000,
                 9,
-                {log_line(TARV_DEBUG, "tarv_sa", "tarv_sa_get_sa_info",
-                          "gx_port_query() failed <-3>")}}),
+                {"D tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <-3>"}}),
     row_name);
 
 struct Stop {
@@ -310,12 +311,11 @@ TEST_F(EngineTest, TheDummyReplyOnlyLogs) {
     answer.dst_ip = host_ip(2);
     tarv_get_ib_data_reply_dummy_fn(tarv_stat_ok, &answer, nullptr);
     tarv_get_ib_data_reply_dummy_fn(tarv_stat_timeout, nullptr, nullptr);
-    constexpr char function[] = "tarv_get_ib_data_reply_dummy_fn";
     EXPECT_THAT(
-        console(),
+        transcript(),
         ElementsAre(
-            log_line(TARV_DEBUG, "tarv_api", function, "Entry <IP:10.0.0.2> invalidated ok"),
-            log_line(TARV_DEBUG, "tarv_api", function, "Invalidation failed <Status:-254>.")));
+            "D tarv_api/tarv_get_ib_data_reply_dummy_fn: Entry <IP:10.0.0.2> invalidated ok",
+            "D tarv_api/tarv_get_ib_data_reply_dummy_fn: Invalidation failed <Status:-254>."));
 }
 
 TEST_F(EngineTest, OnlyOneDriverAttaches) {
@@ -328,11 +328,12 @@ TEST_F(EngineTest, OnlyOneDriverAttaches) {
     EXPECT_EQ(tarv_detach(reinterpret_cast<void*>(0xBEEF)), tarv_stat_ok);
     EXPECT_EQ(tarv_attach(nullptr, StandInDriver::send_arp, nullptr, &handle), tarv_stat_ok);
     EXPECT_EQ(handle, reinterpret_cast<void*>(0xBEEF));
-    const std::string invalid = log_line(TARV_ERROR, "tarv_api", "tarv_detach", "Invalid handle.");
-    EXPECT_THAT(console(), ElementsAre(log_line(TARV_ERROR, "tarv_api", "tarv_attach",
-                                                "send_arp_data_fn OR get_if_info_fn allready "
-                                                "registered."),
-                                       invalid, invalid));
+    const std::string invalid = "E tarv_api/tarv_detach: Invalid handle.";
+    EXPECT_THAT(
+        transcript(),
+        ElementsAre(
+            "E tarv_api/tarv_attach: send_arp_data_fn OR get_if_info_fn allready registered.",
+            invalid, invalid));
     EXPECT_EQ(waiting_for_arp(), 1u) << "it goes on waiting";
 }
 

@@ -14,13 +14,6 @@ using testing::IsEmpty;
 
 constexpr u32 both = TARV_MASK_BOTH_PATHS;
 
-std::string arp(tarv_log_level_t level, const std::string& message) {
-    return log_line(level, "tarv_api", "tarv_process_arp_data", message);
-}
-std::string paths(tarv_log_level_t level, const std::string& message) {
-    return log_line(level, "tarv_api", "tarv_process_path_rec_data", message);
-}
-
 struct IntakeTest : SiteTest {
     /// Clients whose ARP requests get lost wait for host 2.
     void wait_for_2(const std::vector<tarv_paths_t>& wanted) {
@@ -55,7 +48,7 @@ TEST_P(OperationTest, LearnsFromRequestsAndRepliesAlike) {
     trace(TARV_DEBUG);
     const tarv_arp_data_t before = heard(2, static_cast<tarv_arp_op_t>(row.operation));
     EXPECT_EQ(hear(before), row.status);
-    EXPECT_EQ(console(), row.logged);
+    EXPECT_EQ(transcript(), row.logged);
     EXPECT_EQ(table().size, row.learned ? 1u : 0u);
     EXPECT_EQ(replies.size(), row.learned ? 1u : 0u);
     if (row.learned) {
@@ -74,21 +67,27 @@ INSTANTIATE_TEST_SUITE_P(
                   1,
                   tarv_stat_ok,
                   true,
-                  {arp(TARV_DEBUG, "ARP_REQ received <src_ip:0200000a,dst_ip:0100000a>")}},
-        Operation{"reply",
-                  1,
-                  2,
-                  tarv_stat_ok,
-                  true,
-                  {arp(TARV_DEBUG, "ARP processed <src_ip:0200000a,dst_ip:0100000a>")}},
+                  {"D tarv_api/tarv_process_arp_data: ARP_REQ received "
+                   "<src_ip:0200000a,dst_ip:0100000a>"}},
         Operation{
-            "third", 1, 3, tarv_stat_error, false, {arp(TARV_ERROR, "Invalid ARP operation<3>.")}},
+            "reply",
+            1,
+            2,
+            tarv_stat_ok,
+            true,
+            {"D tarv_api/tarv_process_arp_data: ARP processed <src_ip:0200000a,dst_ip:0100000a>"}},
+        Operation{"third",
+                  1,
+                  3,
+                  tarv_stat_error,
+                  false,
+                  {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<3>."}},
         Operation{"zeroth",
                   1,
                   0,
                   tarv_stat_error,
                   false,
-                  {arp(TARV_ERROR, "Invalid ARP operation<0>.")}}),
+                  {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<0>."}}),
     row_name);
 
 TEST_F(IntakeTest, APeersOwnQuestionCompletesARequest) {
@@ -130,8 +129,9 @@ TEST_F(IntakeTest, ARequestWhoseQueryFailsEndsAndTheLastOutcomeIsReported) {
     host::fail_nth("gsi_post_send_dtgrm", 1);
     trace(TARV_ERROR);
     EXPECT_EQ(hear(heard(2)), tarv_stat_ok) << "that of the second request";
-    EXPECT_THAT(console(),
-                ElementsAre(arp(TARV_ERROR, "Error initiating multipath record query.")));
+    EXPECT_THAT(
+        transcript(),
+        ElementsAre("E tarv_api/tarv_process_arp_data: Error initiating multipath record query."));
     EXPECT_THAT(timeline, ElementsAre("+0 a told -255"));
     EXPECT_EQ(waiting_for_paths(), 1u);
 
@@ -156,10 +156,12 @@ TEST_F(IntakeTest, WithoutMemoryThePacketIsDropped) {
     EXPECT_EQ(hear(heard(2)), tarv_stat_ok);
     host::fail_nth("kmalloc", 2);
     EXPECT_EQ(hear(heard(2)), tarv_stat_not_found);
-    EXPECT_THAT(console(),
-                ElementsAre(arp(TARV_ERROR, "Failed allocate memory for local_arp_data (" +
-                                                std::to_string(sizeof(tarv_arp_data_t)) + ")."),
-                            arp(TARV_ERROR, "Not enough memory to allocate new arp entry.")));
+    EXPECT_THAT(
+        transcript(),
+        ElementsAre(
+            "E tarv_api/tarv_process_arp_data: Failed allocate memory for local_arp_data (" +
+                std::to_string(sizeof(tarv_arp_data_t)) + ").",
+            "E tarv_api/tarv_process_arp_data: Not enough memory to allocate new arp entry."));
     EXPECT_EQ(table().size, 0u);
     EXPECT_EQ(waiting_for_arp(), 1u);
 }
@@ -308,12 +310,11 @@ TEST_F(PathIntakeTest, OnePathForBothPutsTheRequestBack) {
     trace(TARV_WARNING);
     ask(host_ip(2), tarv_paths_both);
     kernel.advance(10);
-    EXPECT_THAT(console(), ElementsAre(log_line(TARV_ERROR, "tarv_sa_req_list",
-                                                "tarv_sa_find_and_move_requests_to_list",
-                                                "tarv_hash_update_paths() failed. returned -253"),
-                                       paths(TARV_WARNING,
-                                             "No matching requests for the received Path "
-                                             "Record Query Reply.")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("E tarv_sa_req_list/tarv_sa_find_and_move_requests_to_list: "
+                            "tarv_hash_update_paths() failed. returned -253",
+                            "W tarv_api/tarv_process_path_rec_data: No matching requests "
+                            "for the received Path Record Query Reply."));
     EXPECT_EQ(waiting_for_paths(), 1u);
     kernel.advance(12'490);
     EXPECT_EQ(timeline.back(), "+13000 client told -254");
@@ -352,10 +353,13 @@ TEST_F(PathIntakeTest, ARequestWhoseEntryVanishedIsReissuedAfterAllReplies) {
     fabric.peer(host_ip(2)).drop_all();
     trace(TARV_DEBUG);
     kernel.advance(3);
-    const Lines lines = console();
-    EXPECT_THAT(lines, Contains(paths(TARV_DEBUG, "should send a retry for request")));
-    EXPECT_THAT(lines, Contains(log_line(TARV_DEBUG, "tarv_api", "tarv_retry_ib_data_request",
-                                         "trying again after 0 of retries for request")));
+    const Lines lines = transcript();
+    EXPECT_THAT(lines,
+                Contains("D tarv_api/tarv_process_path_rec_data: should send a retry for request"));
+    EXPECT_THAT(
+        lines,
+        Contains(
+            "D tarv_api/tarv_retry_ib_data_request: trying again after 0 of retries for request"));
     EXPECT_THAT(arp_requests(), ElementsAre("+2 10.0.0.2 reset 1"));
     kernel.advance(2000);
     timeline.erase(timeline.begin(), timeline.begin() + 2);
@@ -368,9 +372,9 @@ TEST_F(PathIntakeTest, ALateAnswerIsForNobody) {
     trace(TARV_WARNING);
     ask(host_ip(2), tarv_paths_both);
     kernel.advance(10);
-    EXPECT_THAT(console(), ElementsAre(paths(TARV_WARNING,
-                                             "No matching requests for the received Path "
-                                             "Record Query Reply.")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("W tarv_api/tarv_process_path_rec_data: No matching requests "
+                            "for the received Path Record Query Reply."));
     EXPECT_EQ(replies.size(), 1u);
 }
 
@@ -380,8 +384,10 @@ TEST_F(PathIntakeTest, WithoutMemoryTheAnswerIsDroppedAndTheRequestWaits) {
     host::fail_nth("kmalloc", 1);
     trace(TARV_ERROR);
     kernel.advance(10);
-    EXPECT_THAT(console(),
-                ElementsAre(paths(TARV_ERROR, "Not enough memory for tarv_hash_entry.")));
+    EXPECT_THAT(
+        transcript(),
+        ElementsAre(
+            "E tarv_api/tarv_process_path_rec_data: Not enough memory for tarv_hash_entry."));
     EXPECT_EQ(waiting_for_paths(), 1u);
     kernel.advance(3000);
     EXPECT_EQ(timeline.back(), "+3002 client told 0 with 10.0.0.2");

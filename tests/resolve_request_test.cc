@@ -17,11 +17,6 @@ constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
 constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
 constexpr u32 both = primary | secondary;
 
-std::string api(tarv_log_level_t level, const std::string& message,
-                const char* function = "__tarv_get_ib_data") {
-    return log_line(level, "tarv_api", function, message);
-}
-
 struct Hit {
     const char* name;
     int wanted;
@@ -84,9 +79,9 @@ TEST_F(RequestTest, AMissWithoutADriverIsAnError) {
     trace(TARV_ERROR);
     EXPECT_EQ(ask(host_ip(2), tarv_paths_none, ""), tarv_stat_not_found);
     EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
-    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR,
-                                           "No send_arp_data() registered - can't send ARP "
-                                           "request.(hint: call tarv_attach())")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("E tarv_api/__tarv_get_ib_data: No send_arp_data() registered "
+                            "- can't send ARP request.(hint: call tarv_attach())"));
     EXPECT_EQ(waiting_for_arp(), 0u);
 }
 
@@ -99,10 +94,9 @@ TEST_F(RequestTest, AHaltedModuleRefusesEvenWhatItKnows) {
     EXPECT_EQ(tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_none, &record, reply, nullptr, 0),
               tarv_stat_error);
     EXPECT_EQ(std::memcmp(&record, &before, sizeof record), 0);
-    EXPECT_THAT(
-        console(),
-        ElementsAre(api(TARV_DEBUG, "module is in halt state (not sending ARP during stack stop).",
-                        "tarv_get_ib_data")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("D tarv_api/tarv_get_ib_data: module is in halt state (not "
+                            "sending ARP during stack stop)."));
 }
 
 struct Invalidation {
@@ -122,9 +116,11 @@ TEST_P(InvalidationTest, DropsWhatMayBeDroppedAndResolvesAfresh) {
     write_once(statics_inv_enabled, row.statics);
     trace(TARV_FUNC);
     EXPECT_EQ(ask(host_ip(2), tarv_paths_none, "client", 1), row.status);
-    EXPECT_THAT(console(), Contains(api(TARV_FUNC, std::string("Invalidate is ON, Entry "
-                                                               "<IP:0x200000A> ") +
-                                                       row.logged + ".")));
+    EXPECT_THAT(
+        transcript(),
+        Contains(
+            std::string("F tarv_api/__tarv_get_ib_data: Invalidate is ON, Entry <IP:0x200000A> ") +
+            row.logged + "."));
     EXPECT_EQ(arp_requests().size(), row.status == tarv_stat_pending ? 1u : 0u);
     EXPECT_EQ(table().size, row.status == tarv_stat_pending ? 0u : 1u);
 }
@@ -161,11 +157,12 @@ TEST_F(RequestTest, TheFifthIdenticalArpRequestIsNotSent) {
     trace(TARV_WARNING);
     for (int n = 1; n <= 4; n++)
         EXPECT_EQ(ask(host_ip(2)), tarv_stat_pending);
-    EXPECT_THAT(console(), IsEmpty());
+    EXPECT_THAT(transcript(), IsEmpty());
     EXPECT_EQ(ask(host_ip(2)), tarv_stat_pending);
     EXPECT_EQ(record.mask, 0u);
     EXPECT_EQ(record.dst_ip, host_ip(2));
-    EXPECT_THAT(console(), ElementsAre(api(TARV_WARNING, "Many identical ARP requests")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("W tarv_api/__tarv_get_ib_data: Many identical ARP requests"));
     EXPECT_EQ(arp_requests().size(), 4u);
     EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending) << "not identical";
     EXPECT_EQ(arp_requests().size(), 5u);
@@ -179,7 +176,8 @@ TEST_F(RequestTest, TheFifthIdenticalQueryForAPrimaryPathIsNotSent) {
     trace(TARV_WARNING);
     for (int n = 1; n <= 5; n++)
         EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending);
-    EXPECT_THAT(console(), ElementsAre(api(TARV_WARNING, "Many identical path query requests")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("W tarv_api/__tarv_get_ib_data: Many identical path query requests"));
     kernel.settle();
     EXPECT_EQ(queries(), 4u);
     kernel.advance(110);
@@ -225,13 +223,14 @@ TEST_F(RequestTest, AnArpRequestThatCannotBeSentStaysWithoutItsCallback) {
     host::fail_nth("send_arp", 1);
     trace(TARV_ERROR);
     EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
-    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR, "send_arp_data_fn() failed.")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("E tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed."));
     EXPECT_EQ(record.mask, 0x403u);
     EXPECT_EQ(record.arp_operation, TARV_ARP_OP_REQUEST);
     EXPECT_EQ(record.dst_ip, host_ip(2));
     EXPECT_EQ(waiting_for_arp(), 1u);
     kernel.advance(2000);
-    EXPECT_EQ(console(), retired_without_callback());
+    EXPECT_EQ(transcript(), retired_without_callback());
     EXPECT_EQ(waiting_for_arp(), 0u);
     ask(host_ip(3));
     EXPECT_THAT(arp_requests(), ElementsAre("+0 10.0.0.2 reset 1", "+2000 10.0.0.3 reset 1"));
@@ -246,12 +245,13 @@ TEST_F(RequestTest, AReissueThatCannotBeSentEndsItsRequest) {
     kernel.advance(1000);
     EXPECT_THAT(timeline, ElementsAre("+1000 client told -255"));
     EXPECT_FALSE(replies.at(0).with_record);
-    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR, "send_arp_data_fn() failed."),
-                                       api(TARV_ERROR, "__tarv_get_ib_data() returned :-255",
-                                           "tarv_retry_ib_data_request")));
+    EXPECT_THAT(
+        transcript(),
+        ElementsAre("E tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed.",
+                    "E tarv_api/tarv_retry_ib_data_request: __tarv_get_ib_data() returned :-255"));
     EXPECT_EQ(waiting_for_arp(), 1u);
     kernel.advance(1000);
-    EXPECT_EQ(console(), retired_without_callback());
+    EXPECT_EQ(transcript(), retired_without_callback());
 }
 
 struct FailedQuery {
@@ -269,10 +269,11 @@ TEST_P(FailedQueryTest, LeavesTheRequestWithoutItsCallback) {
     know(2);
     trace(TARV_ERROR);
     EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_error);
-    EXPECT_EQ(console().back(), api(TARV_ERROR, "Error initiating multipath record query."));
+    EXPECT_EQ(transcript().back(),
+              "E tarv_api/__tarv_get_ib_data: Error initiating multipath record query.");
     EXPECT_EQ(waiting_for_paths(), 1u);
     kernel.advance(4000);
-    EXPECT_EQ(console(), retired_without_callback());
+    EXPECT_EQ(transcript(), retired_without_callback());
     EXPECT_EQ(waiting_for_paths(), 0u);
     EXPECT_THAT(timeline, IsEmpty());
 }
@@ -291,9 +292,11 @@ TEST_F(RequestTest, NoMemoryForARequestIsAnError) {
     know(2);
     host::fail_nth("kmalloc", 1);
     EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_error);
-    EXPECT_THAT(console(),
-                ElementsAre(api(TARV_ERROR, "Not enough memory to allocate a request entry."),
-                            api(TARV_ERROR, "Not enough memory to allocate a SA request entry.")));
+    EXPECT_THAT(
+        transcript(),
+        ElementsAre(
+            "E tarv_api/__tarv_get_ib_data: Not enough memory to allocate a request entry.",
+            "E tarv_api/__tarv_get_ib_data: Not enough memory to allocate a SA request entry."));
     EXPECT_EQ(waiting_for_arp() + waiting_for_paths(), 0u);
     kernel.settle();
     EXPECT_EQ(queries() + arp_requests().size(), 0u);
@@ -305,10 +308,10 @@ TEST_F(RequestTest, NoMemoryForAReissueEndsTheRequestInSilence) {
     host::fail_nth("kmalloc", 1);
     trace(TARV_ERROR);
     kernel.advance(1000);
-    EXPECT_THAT(console(), ElementsAre(api(TARV_ERROR,
-                                           "Not enough memory to allocate a temp_arp_data (" +
-                                               std::to_string(sizeof(tarv_arp_data_t)) + ").",
-                                           "tarv_retry_ib_data_request")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("E tarv_api/tarv_retry_ib_data_request: Not enough memory to "
+                            "allocate a temp_arp_data (" +
+                            std::to_string(sizeof(tarv_arp_data_t)) + ")."));
     EXPECT_EQ(waiting_for_arp(), 0u);
     EXPECT_THAT(timeline, IsEmpty());
 }

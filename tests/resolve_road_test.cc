@@ -15,67 +15,52 @@ struct RoadTest : SiteTest, testing::WithParamInterface<unsigned long> {
     RoadTest() : SiteTest(GetParam()) {}
 };
 
-/* A DEBUG line of the unit. */
-std::string debug(const char* unit, const char* function, const char* message) {
-    return log_line(TARV_DEBUG, unit, function, message);
-}
-std::string api(const char* function, const char* message) {
-    return debug("tarv_api", function, message);
-}
-std::string sa(const char* function, const char* message) {
-    return debug("tarv_sa", function, message);
-}
-std::string hash(const char* function, const char* message) {
-    return debug("tarv_arp_hash", function, message);
-}
-
 TEST_P(RoadTest, OneResolutionIsLoggedLetterByLetter) {
-    constexpr char build[] = "tarv_sa_build_multi_path_rec_query_mad";
-    constexpr char parse[] = "tarv_sa_parse_path_rec_query_mad_reply";
     trace(TARV_DEBUG);
     EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_pending);
     EXPECT_EQ(record.mask, 0u);
     kernel.advance(10);
 
-    Lines lines = console();
-    std::ranges::transform(lines, lines.begin(), without_pointers);
     EXPECT_EQ(
-        lines,
+        transcript(),
         (Lines{
-            debug("tarv_req_list", "tarv_add_arp_request", "Added req: PTR"),
-            api("__tarv_get_ib_data", "send_arp_data_fn() finished tarv_media_reset = 0."),
-            api("tarv_get_ib_data", "status from __tarv_get_ib_data() - -253"),
-            api("tarv_process_arp_data", "ARP processed <src_ip:0200000a,dst_ip:0100000a>"),
-            debug("tarv_sa_req_list", "tarv_sa_add_request", "Added SA req: PTR"),
-            sa("tarv_sa_query_path", "2 sgids passed to tarv_sa_build_multi_path_rec_query_mad()"),
-            sa(build, "Building RMPP payload"),
-            sa(build, "Requesting 3 paths."),
-            sa("tarv_sa_query_path", "tarv_sa_build_multi_path_rec_query_mad() ok !!!"),
-            sa("tarv_sa_query_path", "Sending the path query on port 1"),
-            sa(parse, "**** GSI returned payload size of 148 ****"),
-            sa(parse, "Non-RMPP reply received"),
+            "D tarv_req_list/tarv_add_arp_request: Added req: PTR",
+            "D tarv_api/__tarv_get_ib_data: send_arp_data_fn() finished tarv_media_reset = 0.",
+            "D tarv_api/tarv_get_ib_data: status from __tarv_get_ib_data() - -253",
+            "D tarv_api/tarv_process_arp_data: ARP processed <src_ip:0200000a,dst_ip:0100000a>",
+            "D tarv_sa_req_list/tarv_sa_add_request: Added SA req: PTR",
+            "D tarv_sa/tarv_sa_query_path: 2 sgids passed to "
+            "tarv_sa_build_multi_path_rec_query_mad()",
+            "D tarv_sa/tarv_sa_build_multi_path_rec_query_mad: Building RMPP payload",
+            "D tarv_sa/tarv_sa_build_multi_path_rec_query_mad: Requesting 3 paths.",
+            "D tarv_sa/tarv_sa_query_path: tarv_sa_build_multi_path_rec_query_mad() ok !!!",
+            "D tarv_sa/tarv_sa_query_path: Sending the path query on port 1",
+            "D tarv_sa/tarv_sa_parse_path_rec_query_mad_reply: **** GSI returned payload size of "
+            "148 ****",
+            "D tarv_sa/tarv_sa_parse_path_rec_query_mad_reply: Non-RMPP reply received",
             "",
-            sa(parse, "**** paysize - 20 = 128, sizeof ib_path_record_v2_t = 64 ****"),
-            sa("tarv_sa_recv_done_cb",
-               "Check     SGID: 0xFE8000000000000000100001 port: 1, SLID:1"),
+            "D tarv_sa/tarv_sa_parse_path_rec_query_mad_reply: **** paysize - 20 = 128, sizeof "
+            "ib_path_record_v2_t = 64 ****",
+            "D tarv_sa/tarv_sa_recv_done_cb: Check     SGID: 0xFE8000000000000000100001 port: 1, "
+            "SLID:1",
             "",
-            sa("tarv_sa_recv_done_cb", "Local port GID: 0xFE8000000000000000100001 port: 1"),
+            "D tarv_sa/tarv_sa_recv_done_cb: Local port GID: 0xFE8000000000000000100001 port: 1",
             "",
-            hash("tarv_change_path_pkey", "pkey of first path changed to: 0xffff"),
-            hash("tarv_change_path_pkey", "pkey of second path changed to: 0xffff"),
-            hash("tarv_hash_update_paths", "IP: 0200000A found."),
-            hash("tarv_hash_update_paths", "Received 2 paths."),
-            hash("tarv_hash_update_paths", "Primary path added<mask 0x2FF>."),
-            hash("tarv_hash_update_paths", "Secondary path added<mask 0x3FF>."),
-            hash("tarv_hash_get_entry", "IP: 0200000A found."),
+            "D tarv_arp_hash/tarv_change_path_pkey: pkey of first path changed to: 0xffff",
+            "D tarv_arp_hash/tarv_change_path_pkey: pkey of second path changed to: 0xffff",
+            "D tarv_arp_hash/tarv_hash_update_paths: IP: 0200000A found.",
+            "D tarv_arp_hash/tarv_hash_update_paths: Received 2 paths.",
+            "D tarv_arp_hash/tarv_hash_update_paths: Primary path added<mask 0x2FF>.",
+            "D tarv_arp_hash/tarv_hash_update_paths: Secondary path added<mask 0x3FF>.",
+            "D tarv_arp_hash/tarv_hash_get_entry: IP: 0200000A found.",
         }));
     EXPECT_THAT(timeline,
                 ElementsAre("+2 query on port 1 to lid 7 sl 0", "+4 client told 0 with 10.0.0.2"));
 
     EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_ok);
-    EXPECT_THAT(console(),
-                ElementsAre(hash("tarv_hash_get_entry_data", "IP: 0200000A found."),
-                            api("tarv_get_ib_data", "status from __tarv_get_ib_data() - 0")));
+    EXPECT_THAT(transcript(),
+                ElementsAre("D tarv_arp_hash/tarv_hash_get_entry_data: IP: 0200000A found.",
+                            "D tarv_api/tarv_get_ib_data: status from __tarv_get_ib_data() - 0"));
 }
 
 TEST_P(RoadTest, TheAnswerHoldsAllThatWasLearned) {
@@ -121,22 +106,23 @@ TEST_P(RoadTest, AnArpRequestThatNobodyAnswersIsSentFourTimes) {
                                             "+3000 10.0.0.2 reset 1", "+4000 10.0.0.2 reset 1"));
     EXPECT_THAT(timeline, ElementsAre("+602 other told 0 with 10.0.0.3",
                                       "+2502 late told 0 with 10.0.0.4", "+5000 client told -254"));
-    const std::string reset = debug("tarv_req_list", "tarv_req_timer_handler",
-                                    "*** At least one timeout found resetting media ***");
+    const std::string reset =
+        "D tarv_req_list/tarv_req_timer_handler: *** At least one timeout found resetting media "
+        "***";
     Lines expected = {
-        api("tarv_process_arp_data", "ARP processed <src_ip:0400000a,dst_ip:0100000a>")};
+        "D tarv_api/tarv_process_arp_data: ARP processed <src_ip:0400000a,dst_ip:0100000a>"};
     for (const char* again : {"trying again after 1 of retries for request",
                               "trying again after 2 of retries for request"})
         expected.insert(
             expected.end(),
-            {reset, api("tarv_retry_ib_data_request", again),
-             debug("tarv_req_list", "tarv_add_arp_request", "Added req: PTR"),
-             api("__tarv_get_ib_data", "send_arp_data_fn() finished tarv_media_reset = 0."),
-             api("tarv_retry_ib_data_request", "status from __tarv_get_ib_data() - -253")});
+            {reset, "D tarv_api/tarv_retry_ib_data_request: " + std::string(again),
+             "D tarv_req_list/tarv_add_arp_request: Added req: PTR",
+             "D tarv_api/__tarv_get_ib_data: send_arp_data_fn() finished tarv_media_reset = 0.",
+             "D tarv_api/tarv_retry_ib_data_request: status from __tarv_get_ib_data() - -253"});
     expected.push_back(reset);
     expected.push_back(
-        api("tarv_retry_ib_data_request", "maximum number of retries. stopped trying."));
-    EXPECT_EQ(log_of(TARV_DEBUG), expected);
+        "D tarv_api/tarv_retry_ib_data_request: maximum number of retries. stopped trying.");
+    EXPECT_EQ(transcript(), expected);
 }
 
 TEST_P(RoadTest, APathQueryThatNobodyAnswersIsSentFourTimes) {

@@ -31,11 +31,17 @@ inline fabric::Topology small_site() {
     return fabric::make_fabric({.hosts = 4, .spines = 1});
 }
 
-/// A line that the module logs under its prefix.
-inline std::string log_line(tarv_log_level_t level, const std::string& unit,
-                            const std::string& function, const std::string& message) {
-    return std::string(qdlog_levels[level]) + " : TARV : " + function + ":(" + unit +
-           "):" + message;
+/// A line of the module's log as "D tarv_api/tarv_get_ib_data: message", its level's letter, unit
+/// and function in front; any other line as it is.
+inline std::string brief(const std::string& line) {
+    const std::string tag = " : TARV : ";
+    const std::size_t function = line.find(tag), unit = line.find(":("), message = line.find("):");
+    for (const char* level : qdlog_levels)
+        if (function == 7 && line.rfind(level, 0) == 0 && unit < message && message != line.npos)
+            return line.substr(0, 1) + " " + line.substr(unit + 2, message - unit - 2) + "/" +
+                   line.substr(7 + tag.size(), unit - 7 - tag.size()) + ": " +
+                   line.substr(message + 2);
+    return line;
 }
 
 /// The line with addresses in memory, which differ from run to run, shown as PTR. An address is
@@ -159,22 +165,18 @@ class SiteTest : public KernelTest {
 
     gx_gid_t local_gid(int port) { return fabric::held(fabric.adapter().port(port).gid); }
 
-    /// Lines of the module at that level or more urgent, without the rest of the console.
-    Lines log_of(tarv_log_level_t level) {
-        Lines lines;
-        for (const std::string& line : console())
-            for (int urgent = TARV_PANIC; urgent <= level; urgent++)
-                if (line.rfind(qdlog_levels[urgent], 0) == 0)
-                    lines.push_back(without_pointers(line));
+    /// The console's lines since the last look, shortened.
+    Lines transcript() {
+        Lines lines = console();
+        for (std::string& line : lines)
+            line = without_pointers(brief(line));
         return lines;
     }
 
     /// What a request without a callback logs when its timer retires it.
     static Lines retired_without_callback() {
-        return {log_line(TARV_ERROR, "tarv_api", "tarv_retry_ib_data_request",
-                         "__tarv_get_ib_data() returned :-256"),
-                log_line(TARV_ERROR, "tarv_api", "tarv_retry_ib_data_request",
-                         "can't call reply callback (is NULL)")};
+        return {"E tarv_api/tarv_retry_ib_data_request: __tarv_get_ib_data() returned :-256",
+                "E tarv_api/tarv_retry_ib_data_request: can't call reply callback (is NULL)"};
     }
 
     std::size_t queries() const {
