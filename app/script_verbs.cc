@@ -99,17 +99,7 @@ ScriptAction read_cat(ScriptLine& line, ScriptReading&) {
 }
 
 ScriptAction read_level(ScriptLine& line, ScriptReading&) {
-    const bool module = line.take("module");
-    if (!module && !line.take("logger"))
-        line.fail("module or logger is missing");
-    const auto level = static_cast<int>(line.number("a level", 5));
-    return [module, level](ScriptHost&, const std::string&) {
-        if (module)
-            host::set_repository_value("quorvane/modules/tarv/", "debug-level",
-                                       static_cast<std::uint64_t>(level));
-        else
-            host::set_logger_level(level);
-    };
+    return [act = read_level_action(line)](ScriptHost&, const std::string&) { act(); };
 }
 
 // The clients.
@@ -285,6 +275,20 @@ constexpr ScriptVerb verbs[] = {
 
 std::span<const ScriptVerb> script_verbs() {
     return verbs;
+}
+
+std::function<void()> read_level_action(ScriptLine& line) {
+    const bool module = line.take("module");
+    if (!module && !line.take("logger"))
+        line.fail("module or logger is missing");
+    const auto level = static_cast<int>(line.number("a level", 5));
+    return [module, level] {
+        if (module)
+            host::set_repository_value("quorvane/modules/tarv/", "debug-level",
+                                       static_cast<std::uint64_t>(level));
+        else
+            host::set_logger_level(level);
+    };
 }
 
 ScriptRequest read_request(ScriptLine& line, const ScriptReading& reading) {

@@ -42,6 +42,7 @@ ReadScriptLine read_fabric_fault, read_event, read_expect;
 using FabricAction = std::function<void(fabric::Fabric&)>;
 FabricAction read_fault_action(ScriptLine& line, const ScriptReading& reading);
 FabricAction read_event_action(ScriptLine& line, const ScriptReading& reading);
+std::function<void()> read_level_action(ScriptLine& line);
 /// Without `from` in the line our own address asks.
 ScriptRequest read_request(ScriptLine& line, const ScriptReading& reading);
 

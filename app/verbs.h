@@ -17,6 +17,6 @@ using Action = std::function<int()>;
 /// Declares a verb's options and says what it does.
 using DeclareVerb = Action(CLI::App& verb);
 
-DeclareVerb declare_run, declare_script;
+DeclareVerb declare_run, declare_console, declare_script;
 
 }  // namespace app

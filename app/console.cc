@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "app/console.h"
+
+#include <algorithm>
+#include <span>
+#include <sstream>
+
+#include "app/console_verbs.h"
+#include "app/script_text.h"
+#include "fabric/topology.h"
+#include "tarv/tarv-api-control.h"
+
+namespace app {
+namespace {
+
+std::vector<std::string> words_of(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;)
+        words.push_back(word);
+    return words;
+}
+
+const tarv_proc_command_t* find_command(const std::string& word) {
+    const auto commands = std::span(tarv_proc_commands);
+    const auto found = std::ranges::find(commands, word, &tarv_proc_command_t::cmd_name);
+    return found == commands.end() ? nullptr : &*found;
+}
+
+const ConsoleVerb* find_verb(const std::string& word) {
+    const auto found = std::ranges::find(console_verbs(), word, &ConsoleVerb::name);
+    return found == console_verbs().end() ? nullptr : &*found;
+}
+
+/* What can follow a word: what its syntax speaks of, and in front of its explanation is a command's
+ * syntax. */
+struct Follow {
+    std::vector<std::string> words;
+    bool addresses;
+};
+
+Follow what_follows(const std::string& word) {
+    if (const ConsoleVerb* const verb = find_verb(word)) {
+        const std::string_view syntax = verb->syntax;
+        return {words_of(verb->words),
+                syntax.find("IP") != syntax.npos || syntax.find("PEER") != syntax.npos};
+    }
+    const tarv_proc_command_t* const command = find_command(word);
+    const std::string_view help = command ? command->help : "";
+    if (help.starts_with("on/off"))
+        return {{"on", "off"}, false};
+    const std::size_t syntax_end = help.find(" - ");
+    return {{}, syntax_end != help.npos && help.substr(0, syntax_end).find("ip") != help.npos};
+}
+
+std::string format_reply(std::size_t number, tarv_stat_t status, const tarv_arp_data_t* record) {
+    std::string text = "reply " + std::to_string(number) + ": " + status_name(status) + "\n";
+    if (status == tarv_stat_ok)
+        text += format_record(*record) + "\n";
+    return text;
+}
+
+}  // namespace
+
+Console::Console(Machine& machine, const Site& site, Terminal& terminal)
+    : machine_(machine), site_(site), terminal_(terminal) {
+    for (const fabric::Host& host : site.hosts)
+        addresses_.insert(fabric::format_ip(host.ip));
+}
+
+void Console::perform(const std::string& line) {
+    ++line_number_;
+    const std::vector<std::string> words = words_of(line);
+    if (words.empty() || words[0].starts_with('#'))
+        return;
+    remember_addresses(line);
+    if (find_command(words[0]))
+        machine_.command(line);
+    else if (const ConsoleVerb* const verb = find_verb(words[0]))
+        perform_verb(*verb, line, *this);
+    else
+        throw fabric::InputError("console", line_number_,
+                                 "there is no command \"" + words[0] + "\"; help lists them");
+}
+
+void Console::remember_addresses(const std::string& line) {
+    for (const std::string& word : words_of(line))
+        if (fabric::parse_ip(word))
+            addresses_.insert(word);
+}
+
+std::vector<std::string> Console::complete(const std::string& before,
+                                           const std::string& word) const {
+    std::vector<std::string> found;
+    const auto offer = [&](const std::string& candidate) {
+        if (candidate.starts_with(word))
+            found.push_back(candidate);
+    };
+    const std::vector<std::string> words = words_of(before);
+    if (words.empty()) {
+        for (const tarv_proc_command_t& row : tarv_proc_commands)
+            offer(row.cmd_name);
+        for (const ConsoleVerb& verb : console_verbs())
+            offer(verb.name);
+    } else {
+        const Follow follow = what_follows(words[0]);
+        std::ranges::for_each(follow.words, offer);
+        if (follow.addresses)
+            std::ranges::for_each(addresses_, offer);
+    }
+    std::ranges::sort(found);
+    return found;
+}
+
+void Console::resolve(const ScriptRequest& request) {
+    Request& made = requests_.emplace_back();
+    made.console = this;
+    made.number = requests_.size();
+    auto* const get_ib_data = machine_.function<tarv_get_ib_data_fn_t>("tarv_get_ib_data_fn");
+    tarv_arp_data_t record{};
+    ++waiting_;
+    const tarv_stat_t status =
+        get_ib_data(request.ip, request.from, request.paths, &record,
+                    request.callback ? on_reply : nullptr, &made, request.invalidate);
+    if (status != tarv_stat_pending)
+        --waiting_;
+    terminal_.print("resolve " + std::to_string(made.number) + ": " + status_name(status) + "\n" +
+                    (status == tarv_stat_ok ? format_record(record) + "\n" : ""));
+    const std::lock_guard guard(made.mutex);
+    made.announced = true;
+    terminal_.post(made.reply);
+}
+
+void Console::on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* context) {
+    auto& request = *static_cast<Request*>(context);
+    const std::string text = format_reply(request.number, status, record);
+    {
+        const std::lock_guard guard(request.mutex);
+        if (request.announced)
+            request.console->terminal_.post(text);
+        else
+            request.reply = text;
+    }
+    --request.console->waiting_;
+}
+
+}  // namespace app
