@@ -391,7 +391,6 @@ TEST_F(ControlEffects, InvalidatesAndResolvesAnew) {
     command("add 10.0.0.9 10.0.0.8 99");
     console();
     command("invalidate 10.0.0.2 1");
-    fabric.peer_announces(ip("10.0.0.2"));
     kernel.advance(100);
     EXPECT_THAT(console(), testing::Contains(debug("tarv_get_ib_data_reply_dummy_fn",
                                                    "Entry <IP:10.0.0.2> invalidated ok")));
