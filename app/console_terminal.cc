@@ -78,6 +78,8 @@ Terminal::Terminal(std::string prompt, Complete complete)
     completion = std::move(complete);
     rl_readline_name = "tarv-host";
     rl_attempted_completion_function = complete_word;
+    rl_persistent_signal_handlers = 1;
+    rl_variable_bind("echo-control-characters", "off");
     struct sigaction action {};
     action.sa_handler = [](int) { interrupted = true; };
     sigaction(SIGINT, &action, &interrupt_before);
@@ -133,16 +135,16 @@ bool Terminal::wait(bool (Terminal::*read)(std::string&), std::string& line,
                     const std::function<bool()>& stop) {
     if (take_piped(line))
         return true;
+    interrupted = false;
     while (!ended_ && !stop()) {
         pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {posted_event_, POLLIN, 0}};
         if (poll(sources, std::size(sources), look_around) < 0) {
             if (errno != EINTR)
                 return false;
             if (interactive_)
-                rl_check_signals();
+                heed_signals();
+            continue;
         }
-        if (interrupted.exchange(false))
-            drop_line();
         if (sources[1].revents != 0) {
             if (interactive_)
                 rl_clear_visible_line();
@@ -156,8 +158,16 @@ bool Terminal::wait(bool (Terminal::*read)(std::string&), std::string& line,
     return false;
 }
 
-void Terminal::drop_line() {
-    std::puts("^C");
+/* readline's own handlers only take note, so that it can put the terminal in order here. */
+void Terminal::heed_signals() {
+    rl_check_signals();
+    if (!interrupted.exchange(false)) {
+        rl_forced_update_display();
+        return;
+    }
+    // The cursor is no longer where the typed text ends.
+    rl_clear_visible_line();
+    std::printf("%s%s^C\n", prompt_.c_str(), rl_line_buffer);
     rl_callback_sigcleanup();
     rl_replace_line("", 1);
     rl_on_new_line();

@@ -52,7 +52,7 @@ class Terminal {
     bool read_piped(std::string& line);
     bool take_piped(std::string& line);
     void print_posted();
-    void drop_line();
+    void heed_signals();
 
     const std::string prompt_;
     const bool interactive_;
