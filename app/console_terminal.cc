@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -31,7 +30,8 @@ Complete completion;
 std::vector<std::string> matches;
 std::size_t next_match;
 bool line_is_there;
-std::optional<std::string> typed;  // empty at the end of input
+bool input_has_ended;
+std::string typed;
 std::atomic<bool> interrupted;
 struct sigaction interrupt_before;
 
@@ -50,9 +50,8 @@ char** complete_word(const char* word, int start, int) {
 
 void take_line(char* line) {
     line_is_there = true;
-    typed.reset();
-    if (line)
-        typed = line;
+    input_has_ended = line == nullptr;
+    typed = line ? line : "";
     std::free(line);
     // Whatever the line sets going prints on a terminal in its ordinary state.
     rl_callback_handler_remove();
@@ -178,10 +177,10 @@ bool Terminal::read_typed(std::string& line) {
     rl_callback_read_char();
     if (!line_is_there)
         return false;
-    ended_ = !typed;
+    ended_ = input_has_ended;
     if (ended_)
         return false;
-    line = *typed;
+    line = typed;
     remember(line);
     return true;
 }
