@@ -14,13 +14,15 @@ bool bind_to_key(u64* level) {
         printk("QD_LOGGER: rep_open_key failed for, %s -- disabling logging\n", key_path);
         return false;
     }
-    u32 size = sizeof *level;
-    if (rep_get_value(key, value_name, 0, level, &size) != 0) {
+    u64 level = 0;
+    u32 size = sizeof level;
+    if (rep_get_value(key, value_name, 0, &level, &size) != 0) {
         printk("QD_LOGGER: rep_get_value failed for, %s -- disabling logging\n", key_path);
         rep_close_key(key);
         return false;
     }
-    printk("LOGGER: Added key %s, trace level %d\n", key_path, static_cast<int>(*level));
+    printk("LOGGER: Added key %s, trace level %d\n", key_path, static_cast<int>(level));
+    write_once(TARV_trace_level, static_cast<int>(level));
     rep_notify_key_change(key, 0, 2, trace_lvl_change_cb, &TARV_trace_level, &TARV_log_rep_h);
     rep_close_key(key);
     return true;
@@ -35,11 +37,9 @@ constinit int TARV_trace_level = 0;
 constinit rep_notify_t TARV_log_rep_h = nullptr;
 
 void tarv_log_bind() {
-    u64 level = 0;
     TARV_log_rep_h = nullptr;
-    if (!bind_to_key(&level))
-        level = 0;
-    write_once(TARV_trace_level, static_cast<int>(level));
+    if (!bind_to_key())
+        write_once(TARV_trace_level, 0);
 }
 
 void tarv_log_unbind() {

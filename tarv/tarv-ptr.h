@@ -15,7 +15,7 @@ class kptr {
     /* Allocates. Context: as `flags` says. */
     explicit kptr(gfp_t flags) : object_(static_cast<T*>(kmalloc(sizeof(T), flags))) {
         if (object_)
-            *object_ = T{};
+            __builtin_memset(object_, 0, sizeof(T));
     }
     /* Takes over what the caller owned. */
     explicit kptr(T* object) : object_(object) {}
