@@ -6,9 +6,9 @@ namespace {
 constexpr char key_path[] = "quorvane/modules/tarv/";
 constexpr char value_name[] = "debug-level";
 
-/* Reads the level and has it followed from now on. False, and nothing is open, when there is none.
- */
-bool bind_to_key(u64* level) {
+/* Takes the level over and has it followed from now on; false, and nothing is open, when there is
+ * none. The level is stored before changes are asked for: a change is newer than what was read. */
+bool bind_to_key() {
     rep_key_t key = nullptr;
     if (rep_open_key(rep_get_root(), key_path, 0, &key) != 0) {
         printk("QD_LOGGER: rep_open_key failed for, %s -- disabling logging\n", key_path);

@@ -92,14 +92,13 @@ bool create_file(const char* path) {
     return true;
 }
 
-bool create_directories(const char* name) {
+/* Whether the directories stand already, or could be made, shows when the file is tried again. */
+void create_directories(const char* name) {
     const kptr<char> path(format_text("quorvane/%s", name));
-    if (!path)
-        return false;
-    if (proc_mkdir(path.get(), nullptr))
-        return true;
+    if (!path || proc_mkdir(path.get(), nullptr))
+        return;
     proc_mkdir("quorvane", nullptr);
-    return proc_mkdir(path.get(), nullptr);
+    proc_mkdir(path.get(), nullptr);
 }
 
 }  // namespace
@@ -111,8 +110,13 @@ int module_version_init(const char* name, const char* version, const char* tag) 
     if (!module_banner)
         return -1;
     const kptr<char> path(format_text("quorvane/%s/version", name));
-    if (path && (create_file(path.get()) || (create_directories(name) && create_file(path.get()))))
+    if (path && create_file(path.get()))
         return 0;
+    if (path) {
+        create_directories(name);
+        if (create_file(path.get()))
+            return 0;
+    }
     kfree(module_banner);
     module_banner = nullptr;
     return -1;

@@ -100,7 +100,8 @@ int end_of_file(char** start, int* eof, int length) {
     return length;
 }
 
-/* A new pass begins: makes the text. 0, or what the read returns when there is none. */
+/* A new pass begins: makes the text. False when there is none to hand out: `*result` is what the
+ * read returns then. */
 bool begin_pass(char* page, char** start, int* eof, int* result) TA_REQ(tarv_proc_read_cmd) {
     if (arp_string_buff) {
         __builtin_memcpy(page, busy_text, sizeof busy_text);
