@@ -110,13 +110,13 @@ int module_version_init(const char* name, const char* version, const char* tag) 
     if (!module_banner)
         return -1;
     const kptr<char> path(format_text("quorvane/%s/version", name));
-    if (path && create_file(path.get()))
-        return 0;
-    if (path) {
+    bool made = path && create_file(path.get());
+    if (path && !made) {
         create_directories(name);
-        if (create_file(path.get()))
-            return 0;
+        made = create_file(path.get());
     }
+    if (made)
+        return 0;
     kfree(module_banner);
     module_banner = nullptr;
     return -1;
