@@ -15,7 +15,6 @@
 #include "app/report.h"
 #include "app/stop_signals.h"
 #include "app/verbs.h"
-#include "platform/jiffies.h"
 
 namespace app {
 namespace {
@@ -31,15 +30,16 @@ constexpr unsigned long reply_ticks = 2;  // between two looks for a reply
 /* The session is over. */
 class End {
   public:
-    End(Machine& machine, double seconds)
-        : machine_(machine),
-          last_(seconds > 0 ? machine.kernel().jiffies() + static_cast<unsigned long>(seconds * HZ)
-                            : ~0ul) {}
-    bool come() const { return StopSignals::told() || machine_.kernel().jiffies() >= last_; }
+    End(Machine& machine, unsigned long ticks)
+        : machine_(machine), start_(machine.kernel().jiffies()), ticks_(ticks) {}
+    bool come() const {
+        return StopSignals::told() || machine_.kernel().jiffies() - start_ >= ticks_;
+    }
 
   private:
     Machine& machine_;
-    const unsigned long last_;
+    const unsigned long start_;
+    const unsigned long ticks_;
 };
 
 /* Whoever types sees what comes of a line when it comes. A pipe waits for it, so that its next line
@@ -86,7 +86,7 @@ int run(const ConsoleOptions& options) {
     Console console(machine, site, terminal);
     console_of_terminal = &console;
     const Mount::Serving serving = mount.serve();
-    const bool all_well = converse(console, terminal, End(machine, options.seconds));
+    const bool all_well = converse(console, terminal, End(machine, ticks_of(options.seconds)));
     const Departure& departure = machine.stop();
     terminal.print(format_departure(departure));
     return departure.remains.empty() && (all_well || terminal.interactive()) ? 0 : 1;

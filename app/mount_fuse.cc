@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <string>
 #include <system_error>
@@ -68,8 +67,7 @@ int read_file(const char*, char* buffer, std::size_t size, off_t offset, fuse_fi
     return answer([&] {
         const std::string text =
             tree().read(info->fh, size, static_cast<std::uint64_t>(std::max<off_t>(offset, 0)));
-        std::memcpy(buffer, text.data(), text.size());
-        return static_cast<int>(text.size());
+        return static_cast<int>(text.copy(buffer, size));
     });
 }
 

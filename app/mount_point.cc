@@ -10,11 +10,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <sstream>
 #include <system_error>
 
 #include "app/options.h"
@@ -31,18 +28,21 @@ constexpr const char* without = "; without --mount everything else works";
     throw UsageError("--mount: " + why);
 }
 
-std::string find_program(const std::string& name) {
-    const char* const path = std::getenv("PATH");
-    std::istringstream directories(path ? path : "/usr/bin:/bin");
-    for (std::string directory; std::getline(directories, directory, ':');)
-        if (const std::string file = directory + "/" + name; access(file.c_str(), X_OK) == 0)
+std::string find_unmounter() {
+    for (const char* file :
+         {"/usr/bin/fusermount3", "/bin/fusermount3", "/usr/local/bin/fusermount3"})
+        if (access(file, X_OK) == 0)
             return file;
     return {};
 }
 
+std::string message_of(int error) {
+    return std::generic_category().message(error);
+}
+
 fs::path check_directory(const std::string& directory) {
     std::error_code error;
-    const fs::path path = fs::canonical(directory, error);
+    fs::path path = fs::canonical(directory, error);
     const bool is_directory = !error && fs::is_directory(path, error);
     if (error.value() == ENOTCONN)
         refuse(directory + ": a program that was killed has left its mount there; fusermount3 -u " +
@@ -50,9 +50,9 @@ fs::path check_directory(const std::string& directory) {
     if (error)
         refuse(directory + ": " + error.message());
     if (!is_directory)
-        refuse(directory + ": " + std::strerror(ENOTDIR));
+        refuse(directory + ": " + message_of(ENOTDIR));
     if (path.native().size() >= PATH_MAX)
-        refuse(directory + ": " + std::strerror(ENAMETOOLONG));
+        refuse(directory + ": " + message_of(ENAMETOOLONG));
     return path;
 }
 
@@ -153,7 +153,7 @@ void remember(char (&where)[PATH_MAX], const std::string& text) {
 
 MountPoint::MountPoint(const std::string& directory, fuse* handle) : handle_(handle) {
     const std::string path = check_directory(directory);
-    const std::string unmounter = find_program("fusermount3");
+    const std::string unmounter = find_unmounter();
     check_fuse(unmounter);
     {
         const StandardErrorCatcher catcher;

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "app/builtin_site.h"
+#include "platform/jiffies.h"
 
 namespace app {
 namespace {
@@ -74,6 +75,10 @@ void add_host_options(CLI::App& verb, HostOptions& options) {
 
 void add_for_option(CLI::App& verb, double& seconds, const std::string& help) {
     verb.add_option("--for", seconds, help)->type_name("SECONDS")->check(check_seconds);
+}
+
+unsigned long ticks_of(double seconds) {
+    return seconds > 0 ? static_cast<unsigned long>(std::llround(seconds * HZ)) : ~0ul;
 }
 
 Site read_site(const HostOptions& options) {

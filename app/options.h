@@ -38,6 +38,9 @@ void add_host_options(CLI::App& verb, HostOptions& options);
 /// Adds `--for SECONDS` with that help text. The value is above 0 where it was given.
 void add_for_option(CLI::App& verb, double& seconds, const std::string& help);
 
+/// The ticks of a `--for`; ~0ul where it was not given.
+unsigned long ticks_of(double seconds);
+
 /// A fabric with people's names and addresses for its hosts, and which of them we are.
 struct Site {
     fabric::Topology topology;

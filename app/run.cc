@@ -25,10 +25,6 @@ struct RunOptions {
     std::string mount;
     bool resolve_all = false;
     double seconds = 0;  // 0: no limit
-
-    unsigned long ticks() const {
-        return seconds > 0 ? static_cast<unsigned long>(seconds * 1000 + 0.5) : ~0ul;
-    }
 };
 
 constexpr unsigned long idle_ticks = 20;  // between two looks at the signals
@@ -102,9 +98,9 @@ int run(const RunOptions& options) {
     say("\n" + format_machine(machine));
     int status = 0;
     if (options.resolve_all)
-        status = resolve_all(machine, options.ticks());
+        status = resolve_all(machine, ticks_of(options.seconds));
     else
-        stay(machine, options.ticks());
+        stay(machine, ticks_of(options.seconds));
     const Departure& departure = machine.stop();
     say(format_departure(departure));
     return departure.remains.empty() ? status : 1;
