@@ -29,8 +29,9 @@ void add_static_path(tarv_arp_data_t* record) {
         const spin_guard guard(static_path_lock);
         path = static_path;
     }
+    const gx_p_key_t pkey = path.pkey;
     tarv_change_path_pkey(record->dst_ip, &path, 1);
-    {
+    if (path.pkey != pkey) {
         const spin_guard guard(static_path_lock);
         static_path.pkey = path.pkey;
     }

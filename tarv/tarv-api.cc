@@ -223,7 +223,7 @@ int tarv_retry_ib_data_request(tarv_list_entry_t* entry, tarv_arp_data_t* arp_da
         else
             TARV_LOG(TARV_ERROR, "__tarv_get_ib_data() returned :%d\n", status);
     }
-    if (!tarv_reply(entry, status, answer))
+    if (!tarv_reply(entry, status, answer) && status != tarv_stat_ok)
         TARV_LOG(TARV_ERROR, "can't call reply callback (is NULL)\n");
     return 1;
 }

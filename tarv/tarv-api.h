@@ -43,13 +43,17 @@ extern ib_path_record_v2_t static_path TA_GUARDED(static_path_lock);
 #define TARV_ATTACH_HANDLE (reinterpret_cast<void*>(0xBEEF))
 
 /* Asks for the InfiniBand address data of `req_ip`, and for path records.
- *   req_ip, src_ip        the address to resolve, and the caller's own; network byte order
- *   path_records_count    paths wanted
- *   arp_data              the caller's record, not null; the answer on tarv_stat_ok, else
- * overwritten rep_cb, context       called when a pending request ends; null: only the cache is
- * asked bInvalidate           nonzero: drop what the cache has first tarv_stat_ok with the record
- * filled; tarv_stat_pending; tarv_stat_not_found without a callback; or tarv_stat_error. Context:
- * any; never sleeps; no lock held. Exported. */
+ *
+ * `req_ip` and `src_ip` are the address to resolve and the caller's own, in network byte order.
+ *
+ * `arp_data` is the caller's record, not null: the answer on tarv_stat_ok, else overwritten.
+ *
+ * `rep_cb` is called with `context` when a pending request ends; null asks only the cache.
+ *
+ * `bInvalidate` nonzero drops first what the cache has of the address.
+ *
+ * Result: tarv_stat_ok with the record filled; tarv_stat_pending; tarv_stat_not_found without a
+ * callback; or tarv_stat_error. Context: any; never sleeps; no lock held. Exported. */
 tarv_stat_t tarv_get_ib_data(u32 req_ip, u32 src_ip, tarv_paths_t path_records_count,
                              tarv_arp_data_t* arp_data, tarv_get_ib_data_reply_fn_t rep_cb,
                              void* context, u8 bInvalidate);
