@@ -12,10 +12,17 @@ struct file;
 
 /* Serves a read at file offset `off`. The kernel hands in a page-sized buffer, of which `count`
  * bytes at most are wanted, and calls again with a higher offset while the result is positive and
- * `*eof` is 0. Result: the number of bytes made available. Where they lie is told by `*start`, null
- * on entry: null            the file's whole text from offset 0 on stands in the page; the kernel
- * takes it from `off` inside the page the bytes for `off` begin there a small number  (below the
- * page's address) they begin at the page's start, and the file offset advances by that number
+ * `*eof` is 0. Result: the number of bytes made available.
+ *
+ * Where they lie is told by `*start`, which is null on entry.
+ *
+ * Null: the file's whole text, from offset 0 on, stands in the page; the kernel takes its part.
+ *
+ * An address inside the page: the bytes for `off` begin there.
+ *
+ * A small number, below the page's address: the bytes begin at the page's start, and the file
+ * offset advances by that number.
+ *
  * Context: process. */
 using read_proc_t = int(char* page, char** start, off_t off, int count, int* eof, void* data);
 
