@@ -38,15 +38,14 @@ inline bool tarv_log_enabled(tarv_log_level_t level) {
 }
 
 /* A line of the function `name`: for helpers that do a part of its work. */
-#define TARV_LOG_FROM(name, level, format, ...)                                 \
-    do {                                                                        \
-        if (tarv_log_enabled(level))                                            \
-            printk("<6>%s : TARV : %s:(%s):" format, qdlog_levels[level], name, \
-                   tarv_unit __VA_OPT__(, ) __VA_ARGS__);                       \
+#define TARV_LOG_FROM(name, level, format, ...)                                            \
+    do {                                                                                   \
+        if (tarv_log_enabled(level))                                                       \
+            printk("<6>%s : TARV : %s:(%s):" format, qdlog_levels[level], name, tarv_unit, \
+                   ##__VA_ARGS__);                                                         \
     } while (0)
 
-#define TARV_LOG(level, format, ...) \
-    TARV_LOG_FROM(__func__, level, format __VA_OPT__(, ) __VA_ARGS__)
+#define TARV_LOG(level, format, ...) TARV_LOG_FROM(__func__, level, format, ##__VA_ARGS__)
 
 /* The four bytes of an IPv4 address in memory order, as arguments for a format. */
 #define TARV_IP_BYTES(ip) ((ip)&0xFF), ((ip) >> 8 & 0xFF), ((ip) >> 16 & 0xFF), ((ip) >> 24 & 0xFF)
