@@ -6,10 +6,10 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <system_error>
 
 #include "app/script_verbs.h"
 #include "app/verbs.h"
@@ -51,7 +51,7 @@ Script read_file(const std::string& file, const Site& site) {
         return read_script(std::cin, file, site);
     std::ifstream in(file);
     if (!in)
-        throw fabric::InputError(file, 0, std::strerror(errno));
+        throw fabric::InputError(file, 0, std::generic_category().message(errno));
     return read_script(in, file, site);
 }
 
