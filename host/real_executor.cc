@@ -3,6 +3,7 @@
 // Real time: 1000 ticks a second, and a thread for every context, so that what runs at the same
 // time on a multiprocessor does so here. Work for the process context that nobody waits for has a
 // thread too.
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -28,8 +29,11 @@ class Ticks {
     unsigned long now() const {
         return first_ + std::chrono::duration_cast<Tick>(SteadyClock::now() - start_).count();
     }
+    /* No thread waits for longer than a day at a time: a moment that lies too far ahead for the
+     * clock to express is looked at again then. */
     SteadyClock::time_point moment_of(unsigned long tick) const {
-        return start_ + std::chrono::milliseconds(tick - first_);
+        constexpr unsigned long day = 24ul * 60 * 60 * HZ;
+        return start_ + std::chrono::milliseconds(std::min(tick, now() + day) - first_);
     }
 
   private:
