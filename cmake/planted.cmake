@@ -1,0 +1,77 @@
+# SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#
+# Planted faults: what shows that the checks can fail.
+#
+# planted_fault(NAME name FILE tarv/unit.cc REPLACE "text" WITH "text"
+#               RUN program [argument...] EXPECT "regex" [ONLY plain|asan|tsan...])
+#
+# Makes a copy of the source with a fault in it, links it in front of the libraries into a copy of
+# the program, and adds the test Planted.NAME. The test passes when the program fails and its output
+# has a line that matches EXPECT (an extended regular expression): the fault was caught and named.
+# The replaced text must stand in the source exactly once. One file is compiled a row; the program's
+# own objects are those that it is made of. Where ONLY is given, the row exists in those builds
+# alone.
+
+# The word for the build that ONLY chooses by.
+function(tarv_kind_of_build result)
+  set(kind plain)
+  if(TARV_SANITIZE MATCHES "thread")
+    set(kind tsan)
+  elseif(TARV_SANITIZE MATCHES "address")
+    set(kind asan)
+  endif()
+  set(${result} ${kind} PARENT_SCOPE)
+endfunction()
+
+# Writes the copy. A change of the source plants the fault anew.
+function(tarv_plant source copy from to row)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+  file(READ ${source} text)
+  string(FIND "${text}" "${from}" first)
+  string(FIND "${text}" "${from}" last REVERSE)
+  if(from STREQUAL "" OR first EQUAL -1 OR NOT first EQUAL last)
+    message(FATAL_ERROR "planted fault ${row}: the text to replace must stand exactly once in "
+      "${source}:\n${from}")
+  endif()
+  string(REPLACE "${from}" "${to}" text "${text}")
+  # Unchanged content keeps its time, so that a new configuration compiles nothing anew.
+  file(GENERATE OUTPUT ${copy} CONTENT "${text}")
+endfunction()
+
+function(planted_fault)
+  cmake_parse_arguments(PARSE_ARGV 0 ROW "" "NAME;FILE;REPLACE;WITH;EXPECT" "RUN;ONLY")
+  foreach(word NAME FILE REPLACE RUN EXPECT)
+    if(NOT DEFINED ROW_${word})
+      message(FATAL_ERROR "planted fault ${ROW_NAME}: ${word} is missing")
+    endif()
+  endforeach()
+  if(ROW_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "planted fault ${ROW_NAME}: not understood: ${ROW_UNPARSED_ARGUMENTS}")
+  endif()
+  tarv_kind_of_build(kind)
+  if(ROW_ONLY AND NOT kind IN_LIST ROW_ONLY)
+    return()
+  endif()
+
+  set(copy ${CMAKE_CURRENT_BINARY_DIR}/${ROW_NAME}/${ROW_FILE})
+  tarv_plant(${PROJECT_SOURCE_DIR}/${ROW_FILE} ${copy} "${ROW_REPLACE}" "${ROW_WITH}" ${ROW_NAME})
+
+  # Compiled as the library compiles it that the file belongs to.
+  string(REGEX REPLACE "/.*" "" library ${ROW_FILE})
+  set(faulty planted_${ROW_NAME})
+  add_library(${faulty}_file OBJECT ${copy})
+  # An analyser has no business with it.
+  set_target_properties(${faulty}_file PROPERTIES EXPORT_COMPILE_COMMANDS OFF)
+  target_link_libraries(${faulty}_file PRIVATE tarv_options)
+  target_compile_options(${faulty}_file PRIVATE $<TARGET_PROPERTY:${library},COMPILE_OPTIONS>)
+
+  list(POP_FRONT ROW_RUN program)
+  add_executable(${faulty} $<TARGET_OBJECTS:${faulty}_file> $<TARGET_OBJECTS:${program}>)
+  set_target_properties(${faulty} PROPERTIES LINKER_LANGUAGE CXX)
+  target_link_options(${faulty} PRIVATE $<TARGET_PROPERTY:${program},LINK_OPTIONS>)
+  get_target_property(libraries ${program} LINK_LIBRARIES)
+  target_link_libraries(${faulty} PRIVATE ${libraries})
+  add_test(NAME Planted.${ROW_NAME} COMMAND ${PROJECT_SOURCE_DIR}/tests/planted/must_fail
+    ${ROW_EXPECT} $<TARGET_FILE:${faulty}> ${ROW_RUN})
+  set_tests_properties(Planted.${ROW_NAME} PROPERTIES TIMEOUT 120)
+endfunction()
