@@ -25,6 +25,11 @@ inline void list_add(list_head* entry, list_head* head) {
     head->next = entry;
 }
 
+/* Links `entry` directly before `head`: last in the list. */
+inline void list_add_tail(list_head* entry, list_head* head) {
+    list_add(entry, head->prev);
+}
+
 /* Unlinks `entry`, which is left on no list. */
 inline void list_del_init(list_head* entry) {
     entry->next->prev = entry->prev;

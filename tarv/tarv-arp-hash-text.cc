@@ -5,7 +5,7 @@
 #include "platform/memory.h"
 #include "platform/string.h"
 #include "tarv/logger.h"
-#include "tarv/tarv-arp-hash.h"
+#include "tarv/tarv-arp-hash-private.h"
 
 namespace {
 
@@ -18,19 +18,76 @@ constexpr u32 header_length = sizeof header - 1;
 /* What one line, its share of the header included, is allowed to take. */
 constexpr u32 room_per_line = 80;
 
-/* An entry's line with its NUL: there must be room for it before it is written. */
-constexpr u32 line_size = 79;
+/* A line of an entry without address, mask and LID: all lines are of one length. */
+constexpr char blank_line[] =
+    "                 0x1         0x          00:AA:00:00:00:00     *        ipoib\n";
+constexpr u32 line_length = sizeof blank_line - 1;
+constexpr u32 address_at = 0;
+constexpr u32 mask_at = 31;
+constexpr u32 lid_at = 53;
 
-static_assert(header_length == 79);
+static_assert(header_length == 79 && line_length == 78);
+static_assert(blank_line[mask_at - 1] == 'x' && blank_line[lid_at - 1] == ':');
 
-u32 print_entry(char* at, const tarv_arp_data_t& record) {
-    char address[16];
-    char hw_address[18];
-    ksnprintf(address, sizeof address, "%u.%u.%u.%u", TARV_IP_BYTES(record.dst_ip));
-    ksnprintf(hw_address, sizeof hw_address, "00:AA:00:00:%02X:%02X", record.lid >> 8,
-              record.lid & 0xFF);
-    return static_cast<u32>(ksnprintf(at, line_size, "%-16s 0x%-10x0x%-10x%s     *        %s\n",
-                                      address, 1, record.mask, hw_address, "ipoib"));
+constexpr char lower_digits[] = "0123456789abcdef";
+constexpr char upper_digits[] = "0123456789ABCDEF";
+
+char* put_decimal(char* at, u32 byte) {
+    if (byte >= 100)
+        *at++ = lower_digits[byte / 100];
+    if (byte >= 10)
+        *at++ = lower_digits[byte / 10 % 10];
+    *at++ = lower_digits[byte % 10];
+    return at;
+}
+
+void put_address(char* at, u32 address) {
+    for (u32 i = 0; i < 4; i++, address >>= 8) {
+        if (i)
+            *at++ = '.';
+        at = put_decimal(at, address & 0xFF);
+    }
+}
+
+void put_hex(char* at, u32 number) {
+    u32 digits = 1;
+    while (digits < 8 && number >> (4 * digits))
+        digits++;
+    while (digits--)
+        *at++ = lower_digits[number >> (4 * digits) & 0xF];
+}
+
+void put_upper_byte(char* at, u32 byte) {
+    at[0] = upper_digits[byte >> 4 & 0xF];
+    at[1] = upper_digits[byte & 0xF];
+}
+
+void put_line(char* at, const tarv_arp_data_t& record) {
+    __builtin_memcpy(at, blank_line, line_length);
+    put_address(at + address_at, record.dst_ip);
+    put_hex(at + mask_at, record.mask);
+    put_upper_byte(at + lid_at, record.lid >> 8);
+    put_upper_byte(at + lid_at + 3, record.lid);
+}
+
+/* Writes the lines of the entries in table order, as many as `room` lines hold; returns how many
+ * that is. As every line has the same length, a chain's lines can be written before those of the
+ * chains in front of it, once it is known how many these are. */
+u32 put_lines(char* text, u32 room) TA_REQ_SHARED(tarv_lock) {
+    u32 lengths[TARV_HASH_BUCKETS] = {};
+    tarv_hash_walk_abreast([&](u32 bucket, const tarv_hash_entry_t*) { lengths[bucket]++; });
+    u32 line_of[TARV_HASH_BUCKETS];
+    u32 count = 0;
+    for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++) {
+        line_of[bucket] = count;
+        count += lengths[bucket];
+    }
+    tarv_hash_walk_abreast([&](u32 bucket, const tarv_hash_entry_t* entry) {
+        const u32 line = line_of[bucket]++;
+        if (line < room)
+            put_line(text + static_cast<size_t>(line) * line_length, entry->arp_data);
+    });
+    return count < room ? count : room;
 }
 
 /* The table's size before its lock is taken: a guess at the room that is needed. */
@@ -75,14 +132,14 @@ void tarv_hash_print_to_string(char** buffer, u32* len) {
         *len = 0;
         return;
     }
-    const read_guard guard(tarv_lock);
-    __builtin_memcpy(text, header, sizeof header);
-    u32 length = header_length;
-    for (const tarv_hash_entry_t* head : tarv_table.hash_buckets) {
-        for (const tarv_hash_entry_t* entry = head; entry && length + line_size <= size;
-             entry = entry->next)
-            length += print_entry(text + length, entry->arp_data);
+    const u32 room = static_cast<u32>((size - header_length - 1) / line_length);
+    __builtin_memcpy(text, header, header_length);
+    u32 lines = 0;
+    {
+        const read_guard guard(tarv_lock);
+        lines = put_lines(text + header_length, room);
     }
+    *len = header_length + lines * line_length;
+    text[*len] = '\0';
     *buffer = text;
-    *len = length;
 }

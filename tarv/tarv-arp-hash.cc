@@ -3,54 +3,104 @@
 // The table, and the operations on single entries and on all of it.
 #include "tarv/tarv-arp-hash.h"
 
-#include "platform/atomic.h"
 #include "platform/jiffies.h"
 #include "platform/memory.h"
 #include "tarv/logger.h"
 #include "tarv/tarv-api.h"
+#include "tarv/tarv-arp-hash-private.h"
 
 namespace {
 
 constexpr char tarv_unit[] = "tarv_arp_hash";
 
-/* Where a chain points at an entry: a bucket's head or the `next` of the entry before. Unlinking
- * through it needs no special case for the head. */
-using link_t = tarv_hash_entry_t**;
+/* 2^17 and 2^16 heads: the addresses of one subnet have no two under one head, and those of a full
+ * fabric in all its subnets few. */
+constexpr u32 address_index_bits = 17;
+constexpr u32 gid_index_bits = 16;
 
-link_t bucket_of(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
-    return &tarv_table.hash_buckets[tarv_hash_func(req_ip)];
+constinit index_of<tarv_hash_entry_t, offsetof(tarv_hash_entry_t, by_address), address_index_bits>
+    by_address TA_GUARDED(tarv_lock) = {};
+constinit index_of<tarv_hash_entry_t, offsetof(tarv_hash_entry_t, by_gid), gid_index_bits> by_gid
+    TA_GUARDED(tarv_lock) = {};
+
+/* The number of the entry that was added last. */
+constinit u64 last_number TA_GUARDED(tarv_lock) = 0;
+
+u32 hash_of(const gx_gid_t& gid) {
+    return tarv_gid_hash(gid_high(gid), gid_low(gid));
 }
 
 /* The newest entry of the address, or null. */
 tarv_hash_entry_t* find(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
-    tarv_hash_entry_t* entry = *bucket_of(req_ip);
-    while (entry && entry->arp_data.dst_ip != req_ip)
-        entry = entry->next;
-    return entry;
+    for (tarv_hash_entry_t* entry : by_address.with(tarv_address_hash(req_ip)))
+        if (entry->arp_data.dst_ip == req_ip)
+            return entry;
+    return nullptr;
 }
 
-/* The link to the newest entry of the address that may be removed or replaced; it points at null
- * where there is none. */
-link_t find_unprotected(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
+/* The newest entry of the address that may be removed or replaced, or null. */
+tarv_hash_entry_t* find_unprotected(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
     const bool statics_too = read_once(statics_inv_enabled);
-    link_t link = bucket_of(req_ip);
-    for (; *link; link = &(*link)->next) {
-        const tarv_arp_data_t& record = (*link)->arp_data;
-        if (record.dst_ip == req_ip && (statics_too || !(record.mask & TARV_MASK_STATIC)))
-            break;
-    }
-    return link;
+    for (tarv_hash_entry_t* entry : by_address.with(tarv_address_hash(req_ip)))
+        if (entry->arp_data.dst_ip == req_ip &&
+            (statics_too || !(entry->arp_data.mask & TARV_MASK_STATIC)))
+            return entry;
+    return nullptr;
 }
 
-tarv_hash_entry_t* unlink(link_t link) TA_REQ(tarv_lock) {
-    tarv_hash_entry_t* entry = *link;
-    *link = entry->next;
-    write_once(tarv_table.size, tarv_table.size - 1);
-    return entry;
+/* Of two entries, the one that a walk over the table meets first. */
+bool stands_before(const tarv_hash_entry_t* one, const tarv_hash_entry_t* other) {
+    const u32 bucket = tarv_hash_func(one->arp_data.dst_ip);
+    const u32 other_bucket = tarv_hash_func(other->arp_data.dst_ip);
+    return bucket != other_bucket ? bucket < other_bucket : one->number > other->number;
+}
+
+/* The first entry, in table order, with that GID, or null. */
+tarv_hash_entry_t* find_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
+    tarv_hash_entry_t* first = nullptr;
+    for (tarv_hash_entry_t* entry : by_gid.with(hash_of(gid)))
+        if (entry->arp_data.gid == gid && (!first || stands_before(entry, first)))
+            first = entry;
+    return first;
+}
+
+/* The same by a walk, which can be followed in the log. */
+tarv_hash_entry_t* trace_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
+    constexpr char lookup[] = "tarv_hash_seq_cache_lookup";
+    for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++) {
+        TARV_LOG_FROM(lookup, TARV_FUNC, "Checking Bucket: %d\n", bucket);
+        for (tarv_hash_entry_t* entry = tarv_table.hash_buckets[bucket]; entry;
+             entry = entry->next) {
+            TARV_LOG_FROM(lookup, TARV_FUNC, "\tChecking Entry: %p (next: %p)\n",
+                          static_cast<void*>(entry), static_cast<void*>(entry->next));
+            if (entry->arp_data.gid == gid)
+                return entry;
+        }
+    }
+    return nullptr;
+}
+
+/* The entry becomes the first of its chain. */
+void link_in(tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
+    const u32 address = entry->arp_data.dst_ip;
+    const tarv_hash_link_t head = &tarv_table.hash_buckets[tarv_hash_func(address)];
+    entry->next = *head;
+    entry->link = head;
+    if (entry->next)
+        entry->next->link = &entry->next;
+    *head = entry;
+    entry->number = ++last_number;
+    by_address.enter(entry, tarv_address_hash(address));
+    by_gid.enter(entry, hash_of(entry->arp_data.gid));
+    write_once(tarv_table.size, tarv_table.size + 1);
 }
 
 void touch(tarv_hash_entry_t* entry) TA_REQ_SHARED(tarv_lock) {
-    write_once(entry->timestamp, jiffies());
+    // Many readers use an entry in one tick: only the first one takes its cache line from the
+    // others.
+    const unsigned long now = jiffies();
+    if (read_once(entry->timestamp) != now)
+        write_once(entry->timestamp, now);
 }
 
 void copy_record(const tarv_hash_entry_t* entry, tarv_arp_data_t* out) TA_REQ_SHARED(tarv_lock) {
@@ -58,7 +108,8 @@ void copy_record(const tarv_hash_entry_t* entry, tarv_arp_data_t* out) TA_REQ_SH
     tarv_aim_paths(out);
 }
 
-/* Not a plain copy: other readers may be stamping the entry meanwhile. */
+/* Not a plain copy: other readers may be stamping the entry meanwhile, and the table's own fields
+ * are nobody else's. */
 void copy_entry(const tarv_hash_entry_t* entry, tarv_hash_entry_t* out) TA_REQ_SHARED(tarv_lock) {
     out->next = entry->next;
     out->list_struct = entry->list_struct;
@@ -68,8 +119,10 @@ void copy_entry(const tarv_hash_entry_t* entry, tarv_hash_entry_t* out) TA_REQ_S
 
 void free_all() TA_REQ(tarv_lock) {
     for (tarv_hash_entry_t*& head : tarv_table.hash_buckets)
-        while (head)
-            kfree(unlink(&head));
+        while (tarv_hash_entry_t* const entry = head) {
+            tarv_hash_unlink(entry);
+            kfree(entry);
+        }
 }
 
 /* The record holds a valid path that starts at the local port with that GID. */
@@ -83,6 +136,16 @@ bool has_path_from(const tarv_arp_data_t& record, const gx_gid_t& sgid) {
 constinit rwlock_t tarv_lock = {};
 constinit tarv_hash_t tarv_table = {};
 
+void tarv_hash_unlink(tarv_hash_entry_t* entry) {
+    *entry->link = entry->next;
+    if (entry->next)
+        entry->next->link = entry->link;
+    entry->link = nullptr;
+    by_address.remove(entry);
+    by_gid.remove(entry);
+    write_once(tarv_table.size, tarv_table.size - 1);
+}
+
 u32 tarv_hash_func(u32 req_ip) {
     u32 h = req_ip ^ (req_ip >> 16);
     h ^= h >> 8;
@@ -95,6 +158,9 @@ tarv_stat_t tarv_hash_init() {
     {
         const write_guard guard(tarv_lock);
         tarv_table = {};
+        tarv_index_draw();
+        by_address.clear();
+        by_gid.clear();
     }
     tarv_garbage_collector_start();
     return tarv_stat_ok;
@@ -112,10 +178,7 @@ void tarv_hash_destroy() {
 tarv_stat_t tarv_hash_add_entry(tarv_hash_entry_t* entry) {
     entry->timestamp = jiffies();
     const write_guard guard(tarv_lock);
-    const link_t head = bucket_of(entry->arp_data.dst_ip);
-    entry->next = *head;
-    *head = entry;
-    write_once(tarv_table.size, tarv_table.size + 1);
+    link_in(entry);
     return tarv_stat_ok;
 }
 
@@ -145,20 +208,25 @@ tarv_stat_t tarv_hash_get_entry_data(u32 req_ip, tarv_arp_data_t* out) {
 
 tarv_stat_t tarv_hash_remove_entry(u32 req_ip, tarv_hash_entry_t** out) {
     const write_guard guard(tarv_lock);
-    const link_t link = find_unprotected(req_ip);
-    if (!*link)
+    tarv_hash_entry_t* const entry = find_unprotected(req_ip);
+    if (!entry)
         return tarv_stat_not_found;
-    *out = unlink(link);
+    tarv_hash_unlink(entry);
+    *out = entry;
     TARV_LOG(TARV_DEBUG, "IP: %08X found and removed.\n", req_ip);
     return tarv_stat_ok;
 }
 
 tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) {
     const write_guard guard(tarv_lock);
-    tarv_hash_entry_t* entry = *find_unprotected(req_ip);
+    tarv_hash_entry_t* const entry = find_unprotected(req_ip);
     if (!entry)
         return tarv_stat_not_found;
     TARV_LOG(TARV_DEBUG, "IP: %08X found.\n", req_ip);
+    if (!(entry->arp_data.gid == record->gid)) {
+        by_gid.remove(entry);
+        by_gid.enter(entry, hash_of(record->gid));
+    }
     entry->arp_data = *record;
     // Whatever the mask says now: no pointer into the caller's record may stay behind.
     tarv_aim_paths(&entry->arp_data);
@@ -180,12 +248,14 @@ tarv_stat_t tarv_hash_remove_entries_by_sgid(gx_gid_t* sgid) {
     if (tarv_table.size == 0)
         TARV_LOG(TARV_DEBUG, "The ARP table is empty.\n");
     for (tarv_hash_entry_t*& head : tarv_table.hash_buckets) {
-        link_t link = &head;
-        while (*link) {
-            if (has_path_from((*link)->arp_data, *sgid))
-                kfree(unlink(link));
-            else
-                link = &(*link)->next;
+        tarv_hash_link_t link = &head;
+        while (tarv_hash_entry_t* const entry = *link) {
+            if (!has_path_from(entry->arp_data, *sgid)) {
+                link = &entry->next;
+                continue;
+            }
+            tarv_hash_unlink(entry);
+            kfree(entry);
         }
     }
     return tarv_stat_ok;
@@ -193,21 +263,13 @@ tarv_stat_t tarv_hash_remove_entries_by_sgid(gx_gid_t* sgid) {
 
 tarv_stat_t tarv_hash_seq_cache_lookup(gx_gid_t* gid, tarv_arp_data_t* out) {
     const read_guard guard(tarv_lock);
-    for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++) {
-        TARV_LOG(TARV_FUNC, "Checking Bucket: %d\n", bucket);
-        for (tarv_hash_entry_t* entry = tarv_table.hash_buckets[bucket]; entry;
-             entry = entry->next) {
-            TARV_LOG(TARV_FUNC, "\tChecking Entry: %p (next: %p)\n", static_cast<void*>(entry),
-                     static_cast<void*>(entry->next));
-            if (entry->arp_data.gid == *gid) {
-                TARV_LOG(TARV_FUNC, "Entry found !!! \n");
-                copy_record(entry, out);
-                touch(entry);
-                return tarv_stat_ok;
-            }
-        }
-    }
-    return tarv_stat_not_found;
+    tarv_hash_entry_t* const entry = tarv_log_enabled(TARV_FUNC) ? trace_gid(*gid) : find_gid(*gid);
+    if (!entry)
+        return tarv_stat_not_found;
+    TARV_LOG(TARV_FUNC, "Entry found !!! \n");
+    copy_record(entry, out);
+    touch(entry);
+    return tarv_stat_ok;
 }
 
 tarv_stat_t tarv_hash_set_paths(u32 req_ip, ib_path_record_v2_t* pri_path,

@@ -14,6 +14,9 @@
 // also passed over by removal by address and by replacement of the record. The purges take them
 // like others.
 //
+// Cost: an entry is found by its address and by its GID, added, replaced and removed at the same
+// cost whatever the size of the table. What looks at all entries walks the chains side by side.
+//
 // Locks: every operation takes `tarv_lock` itself, and holds it only for its walk and its copy.
 // Nothing is called out under it, and no other lock of the module is held with it. Contexts: any,
 // except where an operation says otherwise.
@@ -23,6 +26,7 @@
 #include "platform/list.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
+#include "tarv/tarv-index.h"
 #include "tarv/tarv.h"
 
 inline constexpr u32 TARV_HASH_BUCKETS = 32;
@@ -34,6 +38,12 @@ struct tarv_hash_entry_st {
     tarv_arp_data_t arp_data;  // dst_ip is the key
     unsigned long
         timestamp;  // jiffies of the last use; stored also by readers, hence with write_once
+
+    /* The table's own: where it finds the entry without a walk. */
+    tarv_hash_entry_st** link;  // what points at the entry in its chain; null while it is in none
+    index_links_t by_address;
+    index_links_t by_gid;
+    u64 number;  // higher than that of all entries that were added before
 };
 using tarv_hash_entry_t = tarv_hash_entry_st;
 
@@ -75,7 +85,8 @@ tarv_stat_t tarv_hash_get_entry_data(u32 req_ip, tarv_arp_data_t* out) TA_EXCL(t
 tarv_stat_t tarv_hash_remove_entry(u32 req_ip, tarv_hash_entry_t** out) TA_EXCL(tarv_lock);
 
 /* Replaces the whole record of the newest replaceable entry of `req_ip` by `*record`, mask and
- * paths included, and refreshes its age. tarv_stat_not_found when there is none. */
+ * paths included, and refreshes its age. The new record is for the same address.
+ * tarv_stat_not_found when there is none. */
 tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) TA_EXCL(tarv_lock);
 
 /* Frees every entry. Always tarv_stat_ok. */

@@ -12,9 +12,25 @@ constexpr char tarv_unit[] = "tarv_req_list";
 
 constexpr u32 arp_timeout = 1000;  // ticks
 
+constinit pending_places_t places TA_GUARDED(tarv_rl_lock) = {};
+
 /* Read without the lock: whether a walk is worth while. */
 bool nothing_waits() TA_NO_ANALYSIS {
     return read_once(requests.count) == 0;
+}
+
+/* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
+void trace_due(tarv_found_list& timed_out) TA_REQ(tarv_rl_lock) {
+    constexpr char handler[] = "tarv_req_timer_handler";
+    for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
+        TARV_LOG_FROM(handler, TARV_FUNC, "Checking request entry: <0x%p>\n",
+                      static_cast<void*>(entry));
+        if (tarv_get_request_static_flag(entry) || !pending_is_due(entry, arp_timeout))
+            continue;
+        TARV_LOG_FROM(handler, TARV_FUNC, "\t\t-> timeouted!\n");
+        pending_take(requests, entry);
+        timed_out.push(entry);
+    }
 }
 
 }  // namespace
@@ -28,7 +44,7 @@ tarv_stat_t tarv_req_list_init() {
     tarv_list_t* list = nullptr;
     {
         const spin_guard guard(tarv_rl_lock);
-        pending_clear(requests);
+        pending_clear(requests, places);
         list = &requests;
     }
     pending_make_timer(&tarv_req_timer, tarv_req_timer_handler, list);
@@ -45,10 +61,9 @@ void tarv_req_list_destroy() {
 }
 
 tarv_stat_t tarv_add_arp_request(tarv_list_entry_t* entry) {
-    entry->timestamp = pending_stamp();
     const spin_guard guard(tarv_rl_lock);
     TARV_LOG(TARV_DEBUG, "Added req: %p\n", static_cast<void*>(entry));
-    pending_push(requests, entry);
+    pending_push(requests, places, entry);
     return tarv_stat_ok;
 }
 
@@ -72,14 +87,14 @@ bool tarv_release_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* make
 
 int tarv_num_identical_reqs(tarv_list_entry_t* entry) {
     const spin_guard guard(tarv_rl_lock);
-    return pending_count_identical(requests, entry);
+    return pending_count_identical(places, entry);
 }
 
 tarv_stat_t tarv_find_and_move_arp_requests_to_list(u32 req_ip, list_head* found_list) {
     INIT_LIST_HEAD(found_list);
     tarv_found_list found(*found_list);
     const spin_guard guard(tarv_rl_lock);
-    for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
+    for (tarv_list_entry_t* entry : places.by_address.with(tarv_address_hash(req_ip))) {
         if (entry->req_ip != req_ip)
             continue;
         pending_take(requests, entry);
@@ -95,14 +110,10 @@ void tarv_req_timer_handler(unsigned long) {
         tarv_found_list timed_out(timed_out_head);
         {
             const spin_guard guard(tarv_rl_lock);
-            for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
-                TARV_LOG(TARV_FUNC, "Checking request entry: <0x%p>\n", static_cast<void*>(entry));
-                if (tarv_get_request_static_flag(entry) || !pending_is_due(entry, arp_timeout))
-                    continue;
-                TARV_LOG(TARV_FUNC, "\t\t-> timeouted!\n");
-                pending_take(requests, entry);
-                timed_out.push(entry);
-            }
+            if (tarv_log_enabled(TARV_FUNC))
+                trace_due(timed_out);
+            else
+                pending_take_due(requests, places, arp_timeout, timed_out);
         }
         for ([[maybe_unused]] const tarv_list_entry_t* entry : timed_out)
             TARV_LOG(TARV_FUNC, "All the timeouted requests processed.\n");

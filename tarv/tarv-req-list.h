@@ -14,6 +14,9 @@
 // `tarv_maker_t`, under the list's lock. So the maker learns whether the request is still its own
 // without touching it.
 //
+// Cost: a request is filed, matched and taken off at the same cost however many wait, and the timer
+// looks only at those that have waited long enough.
+//
 // Locks: every operation takes its list's lock itself. No callback, re-issue or other operation of
 // the module is called under one. Contexts: any, except for init and destroy (process).
 #pragma once
@@ -23,6 +26,7 @@
 #include "platform/list.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
+#include "tarv/tarv-index.h"
 #include "tarv/tarv-list.h"
 #include "tarv/tarv.h"
 
@@ -51,6 +55,12 @@ struct tarv_list_entry {
 
     /* Where the maker is to be told that the request was taken; null once it is done sending. */
     tarv_maker_t* maker;
+
+    /* The lists' own: where they find the request without a walk. */
+    index_links_t by_address;
+    index_links_t by_dgid;  // of an SA request
+    list_head by_age;       // on a list of those that stand on the same list, oldest stamp first
+    u64 number;             // higher than that of all requests that came onto the list before
 };
 using tarv_list_entry_t = tarv_list_entry;
 

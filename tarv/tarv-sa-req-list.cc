@@ -12,8 +12,35 @@ constexpr char tarv_unit[] = "tarv_sa_req_list";
 
 constexpr u32 sa_timeout = 3000;  // ticks
 
+constinit pending_places_t places TA_GUARDED(tarv_sa_rl_lock) = {};
+constinit pending_by_dgid_t by_dgid TA_GUARDED(tarv_sa_rl_lock) = {};
+
+u32 hash_of(const gx_gid_t& gid) {
+    return tarv_gid_hash(gid_high(gid), gid_low(gid));
+}
+
 bool nothing_waits() TA_NO_ANALYSIS {
     return read_once(sa_requests.count) == 0;
+}
+
+void put_back(tarv_list_entry_t* entry) TA_REQ(tarv_sa_rl_lock) {
+    pending_link(sa_requests, places, entry);
+    by_dgid.enter(entry, hash_of(entry->dgid));
+}
+
+/* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
+void trace_due(tarv_found_list& timed_out) TA_REQ(tarv_sa_rl_lock) {
+    constexpr char handler[] = "tarv_sa_req_timer_handler";
+    for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
+        const int busy = tarv_get_request_static_flag(entry);
+        TARV_LOG_FROM(handler, TARV_FUNC, "Checking sa request entry: <0x%p>, static flag:%d\n",
+                      static_cast<void*>(entry), busy);
+        if (busy || !pending_is_due(entry, sa_timeout))
+            continue;
+        TARV_LOG_FROM(handler, TARV_FUNC, "\t\t-> timeouted!\n");
+        pending_take(sa_requests, entry);
+        timed_out.push(entry);
+    }
 }
 
 /* Takes the newest request off the list, passing over the busy ones unless they are wanted too;
@@ -49,7 +76,8 @@ tarv_stat_t tarv_sa_req_list_init() {
     tarv_list_t* list = nullptr;
     {
         const spin_guard guard(tarv_sa_rl_lock);
-        pending_clear(sa_requests);
+        pending_clear(sa_requests, places);
+        by_dgid.clear();
         list = &sa_requests;
     }
     pending_make_timer(&tarv_sa_req_timer, tarv_sa_req_timer_handler, list);
@@ -68,10 +96,10 @@ void tarv_sa_req_list_destroy() {
 
 tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) {
     entry->not_valid = 0;
-    entry->timestamp = pending_stamp();
     const spin_guard guard(tarv_sa_rl_lock);
     TARV_LOG(TARV_DEBUG, "Added SA req: %p\n", static_cast<void*>(entry));
-    pending_push(sa_requests, entry);
+    pending_push(sa_requests, places, entry);
+    by_dgid.enter(entry, hash_of(entry->dgid));
     return tarv_stat_ok;
 }
 
@@ -83,7 +111,7 @@ tarv_stat_t tarv_sa_remove_request(tarv_list_entry_t* entry) {
 
 int tarv_sa_num_identical_reqs(tarv_list_entry_t* entry) {
     const spin_guard guard(tarv_sa_rl_lock);
-    return pending_count_identical(sa_requests, entry);
+    return pending_count_identical(places, entry);
 }
 
 tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path, int path_count,
@@ -92,10 +120,10 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
     tarv_found_list found(*found_list);
     {
         const spin_guard guard(tarv_sa_rl_lock);
-        for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
+        for (tarv_list_entry_t* entry : by_dgid.with(hash_of(new_path[0].dgid))) {
             if (!(entry->dgid == new_path[0].dgid) || tarv_get_request_static_flag(entry))
                 continue;
-            pending_take(sa_requests, entry);
+            pending_set_aside(sa_requests, entry);
             found.push(entry);
         }
     }
@@ -111,11 +139,13 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
     {
         const spin_guard guard(tarv_sa_rl_lock);
         for (tarv_list_entry_t* entry : found) {
-            if (!entry->not_valid)
+            if (!entry->not_valid) {
+                pending_let_go(entry);
                 continue;
+            }
             tarv_found_list::unlink(entry);
             entry->not_valid = 0;
-            pending_push(sa_requests, entry);
+            put_back(entry);
         }
     }
     return found.empty() ? tarv_stat_not_found : tarv_stat_ok;
@@ -128,16 +158,10 @@ void tarv_sa_req_timer_handler(unsigned long) {
         tarv_found_list timed_out(timed_out_head);
         {
             const spin_guard guard(tarv_sa_rl_lock);
-            for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
-                const int busy = tarv_get_request_static_flag(entry);
-                TARV_LOG(TARV_FUNC, "Checking sa request entry: <0x%p>, static flag:%d\n",
-                         static_cast<void*>(entry), busy);
-                if (busy || !pending_is_due(entry, sa_timeout))
-                    continue;
-                TARV_LOG(TARV_FUNC, "\t\t-> timeouted!\n");
-                pending_take(sa_requests, entry);
-                timed_out.push(entry);
-            }
+            if (tarv_log_enabled(TARV_FUNC))
+                trace_due(timed_out);
+            else
+                pending_take_due(sa_requests, places, sa_timeout, timed_out);
         }
         for (tarv_list_entry_t* entry : timed_out)
             tarv_retry_ib_data_request(entry, nullptr);
