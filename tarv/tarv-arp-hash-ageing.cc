@@ -66,14 +66,15 @@ void take_idle(const ageing_t& run, taken_t& taken) TA_REQ(tarv_lock) {
         taken.first[bucket] = nullptr;
         taken.last[bucket] = &taken.first[bucket];
     }
-    tarv_hash_walk_abreast([&](u32 bucket, tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
+    tarv_hash_walk_t walk;
+    while (tarv_hash_entry_t* const entry = walk.next()) {
         if (!has_idled_out(entry, run))
-            return;
+            continue;
         tarv_hash_unlink(entry);
         entry->next = nullptr;
-        *taken.last[bucket] = entry;
-        taken.last[bucket] = &entry->next;
-    });
+        *taken.last[walk.bucket()] = entry;
+        taken.last[walk.bucket()] = &entry->next;
+    }
 }
 
 void bury_all(taken_t& taken) TA_EXCL(tarv_lock) {

@@ -15,32 +15,46 @@ using tarv_hash_link_t = tarv_hash_entry_t**;
 /* Takes the entry out of its chain and the indexes; it keeps its `next`. */
 void tarv_hash_unlink(tarv_hash_entry_t* entry) TA_REQ(tarv_lock);
 
-/* Calls `visit(bucket, entry)` for every entry, each chain from its head. The chains are walked
- * side by side: while one entry is looked at, the next ones of all other chains are on their way
- * from memory, which is where the time of a walk over a large table goes. The entry that is visited
- * may be unlinked. */
-template <class Visit>
-void tarv_hash_walk_abreast(Visit visit) TA_REQ_SHARED(tarv_lock) {
+/* A walk over all entries, each chain from its head. The chains are walked side by side: while one
+ * entry is looked at, the next ones of all other chains are on their way from memory, which is
+ * where the time of a walk over a large table goes. The entry that was got last may be unlinked. */
+class tarv_hash_walk_t {
+  public:
+    tarv_hash_walk_t() TA_REQ_SHARED(tarv_lock) {
+        for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++)
+            if (tarv_hash_entry_t* const head = tarv_table.hash_buckets[bucket])
+                cursors_[count_++] = {bucket, head};
+    }
+
+    /* Null at the end. */
+    tarv_hash_entry_t* next() TA_REQ_SHARED(tarv_lock) {
+        if (at_ == count_) {
+            count_ = kept_;
+            at_ = kept_ = 0;
+            if (!count_)
+                return nullptr;
+        }
+        const cursor_t cursor = cursors_[at_++];
+        bucket_ = cursor.bucket;
+        if (tarv_hash_entry_t* const follower = cursor.entry->next) {
+            __builtin_prefetch(follower);
+            __builtin_prefetch(&follower->timestamp);
+            cursors_[kept_++] = {cursor.bucket, follower};
+        }
+        return cursor.entry;
+    }
+
+    /* Of the entry that was got last. */
+    u32 bucket() const { return bucket_; }
+
+  private:
     struct cursor_t {
         u32 bucket;
         tarv_hash_entry_t* entry;
     };
-    cursor_t cursors[TARV_HASH_BUCKETS];
-    u32 count = 0;
-    for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++)
-        if (tarv_hash_entry_t* const head = tarv_table.hash_buckets[bucket])
-            cursors[count++] = {bucket, head};
-    while (count) {
-        u32 kept = 0;
-        for (u32 i = 0; i < count; i++) {
-            const cursor_t at = cursors[i];
-            tarv_hash_entry_t* const next = at.entry->next;
-            __builtin_prefetch(next);
-            __builtin_prefetch(next ? &next->timestamp : nullptr);
-            visit(at.bucket, at.entry);
-            if (next)
-                cursors[kept++] = {at.bucket, next};
-        }
-        count = kept;
-    }
-}
+    cursor_t cursors_[TARV_HASH_BUCKETS];
+    u32 count_ = 0;  // cursors of this round
+    u32 at_ = 0;     // the next one of them
+    u32 kept_ = 0;   // cursors of the next round, in the room of those that are done
+    u32 bucket_ = 0;
+};

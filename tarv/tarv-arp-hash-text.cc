@@ -75,18 +75,20 @@ void put_line(char* at, const tarv_arp_data_t& record) {
  * chains in front of it, once it is known how many these are. */
 u32 put_lines(char* text, u32 room) TA_REQ_SHARED(tarv_lock) {
     u32 lengths[TARV_HASH_BUCKETS] = {};
-    tarv_hash_walk_abreast([&](u32 bucket, const tarv_hash_entry_t*) { lengths[bucket]++; });
+    for (tarv_hash_walk_t walk; walk.next();)
+        lengths[walk.bucket()]++;
     u32 line_of[TARV_HASH_BUCKETS];
     u32 count = 0;
     for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++) {
         line_of[bucket] = count;
         count += lengths[bucket];
     }
-    tarv_hash_walk_abreast([&](u32 bucket, const tarv_hash_entry_t* entry) {
-        const u32 line = line_of[bucket]++;
+    tarv_hash_walk_t walk;
+    while (const tarv_hash_entry_t* const entry = walk.next()) {
+        const u32 line = line_of[walk.bucket()]++;
         if (line < room)
             put_line(text + static_cast<size_t>(line) * line_length, entry->arp_data);
-    });
+    }
     return count < room ? count : room;
 }
 
