@@ -6,28 +6,15 @@
 // is shared.
 #include <mutex>
 #include <new>
-#include <shared_mutex>
 
 #include "host/internal.h"
+#include "host/reader_writer_lock.h"
 #include "platform/spinlock.h"
 
 namespace {
 
 using host::LockMode;
 using host::this_thread;
-
-/* The lock behind rwlock_t. Only this class knows what it is made of. */
-class ReaderWriterLock {
-  public:
-    void lock() { mutex_.lock(); }
-    void unlock() { mutex_.unlock(); }
-    bool try_lock() { return mutex_.try_lock(); }
-    void lock_shared() { mutex_.lock_shared(); }
-    void unlock_shared() { mutex_.unlock_shared(); }
-
-  private:
-    std::shared_mutex mutex_;
-};
 
 template <class Mutex>
 struct Lock {
@@ -36,7 +23,7 @@ struct Lock {
     Mutex mutex;
 };
 using SpinLock = Lock<std::mutex>;
-using RwLock = Lock<ReaderWriterLock>;
+using RwLock = Lock<host::ReaderWriterLock>;
 
 static_assert(sizeof(SpinLock) <= sizeof(spinlock_t::room));
 static_assert(sizeof(RwLock) <= sizeof(rwlock_t::room));
