@@ -145,11 +145,14 @@ void tarv_destroy() {
     unregister_api();
     // From here on nothing is re-issued: what still waits gets its last word.
     write_once(halted, 1);
+    // A query that the ARP timer is making holds a datagram, which must be back before the pools
+    // go. What it has moved on to the SA list is there for the drain.
+    del_timing_sync(&tarv_req_timer);
     tarv_sa_req_list_drain();
     tarv_aync_ev_destroy_cleanup();
     tarv_req_list_destroy();
-    // Until they were stopped, the ARP timer and the SA's answers may have moved requests on.
-    // Nobody is busy with one any more.
+    // Until they were stopped, the SA's answers may have moved requests on. Nobody is busy with one
+    // any more.
     tarv_sa_req_list_destroy();
     tarv_hash_destroy();
     printk("TARV: Unloaded.\n");

@@ -257,8 +257,11 @@ void tarv_sa_cleanup() {
     for (int port_num = 1; port_num <= port_count; port_num++) {
         TARV_LOG(TARV_DEBUG, "Trying to release port %d ...\n", port_num);
         tarv_sa_dereg_frm_gsi(port_num);
-        release_pool(port_num);
     }
+    // A callback on one port's answer may be making a query on another. Only when no answer is
+    // being taken in any more is every datagram back.
+    for (int port_num = 1; port_num <= port_count; port_num++)
+        release_pool(port_num);
 }
 
 tarv_stat_t tarv_sa_set_local_gids(gx_gid_t* gid_port1, gx_gid_t* gid_port2) {

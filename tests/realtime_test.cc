@@ -204,10 +204,13 @@ INSTANTIATE_TEST_SUITE_P(RealTime, OtherThreadTest,
                                          OtherThread{"about_then_failed", false, tarv_stat_error}),
                          row_name);
 
-/* The ARP timer is in the middle of a re-issue, its new request on the SA list and its query not
- * yet sent, when the module is unloaded. The timer is held there, at a line that it logs, until the
- * stop has passed the SA list. */
-TEST_F(RealTimeTest, AStopLeavesARequestToTheTimerThatIsSendingIt) {
+/* The ARP timer is in the middle of a re-issue, its new request on the SA list, when the module is
+ * unloaded. The timer is held there, at a line that it logs, until the stop is under way: before it
+ * has a datagram for the query, or with one in its hands. The stop must wait for it, or the ports'
+ * pools go while one of their datagrams is out. */
+class TimerAtAQueryTest : public RealTimeTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(TimerAtAQueryTest, IsWaitedForByAStop) {
     fabric.peer(host_ip(2)).drop_all();
     Request request;
     request.ask(host_ip(2), tarv_paths_both);
@@ -219,11 +222,14 @@ TEST_F(RealTimeTest, AStopLeavesARequestToTheTimerThatIsSendingIt) {
 
     Door sending;
     host::set_console([&](const host::LogLine& line) {
-        if (line.text.find("sgids passed to") == std::string::npos)
+        if (line.text.find(GetParam()) == std::string::npos)
             return;
         write_once(TARV_trace_level, 0);
         sending.open();
-        while (fabric.gsi().open_classes() != 0)
+        while (!host::inter_module_names().empty())
+            std::this_thread::yield();
+        // A stop that does not wait has the time to come to the pools.
+        for (int turn = 0; turn < 5000 && fabric.gsi().pools() != 0; turn++)
             std::this_thread::yield();
     });
     host::set_logger_level(TARV_DEBUG);
@@ -233,5 +239,9 @@ TEST_F(RealTimeTest, AStopLeavesARequestToTheTimerThatIsSendingIt) {
     host::set_console({});
     EXPECT_EQ(request.replies, 1);
 }
+
+INSTANTIATE_TEST_SUITE_P(RealTime, TimerAtAQueryTest,
+                         testing::Values("sgids passed to", "Building RMPP payload"),
+                         [](const auto& row) { return row.index == 0 ? "before" : "with_one"; });
 
 }  // namespace
