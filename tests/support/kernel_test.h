@@ -28,6 +28,13 @@ using Lines = std::vector<std::string>;
 /// run once more shortly before it does.
 inline constexpr unsigned long before_wrap = (1ul << 32) - 1200;
 
+/// How many random steps a test takes; fewer where each of them costs ten times as much.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr int random_steps = 40'000;
+#else
+inline constexpr int random_steps = 400'000;
+#endif
+
 class KernelTest : public testing::Test {
   protected:
     explicit KernelTest(unsigned long first_jiffy = 1000)
