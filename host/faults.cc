@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
 #include "host/internal.h"
 
@@ -17,7 +18,10 @@ class FaultPoint {
   public:
     bool now() {
         const unsigned long number = calls_.fetch_add(1, std::memory_order_relaxed) + 1;
-        return pending_.load(std::memory_order_relaxed) && take(number);
+        if (!pending_.load(std::memory_order_relaxed) || !take(number))
+            return false;
+        tell_watcher();
+        return true;
     }
     void fail(unsigned long n) {
         const std::lock_guard guard(mutex_);
@@ -39,6 +43,7 @@ class FaultPoint {
         pending_ = !failing_.empty();
         return found;
     }
+    void tell_watcher() const;
 
     std::atomic<unsigned long> calls_{0};
     std::atomic<bool> pending_{false};
@@ -79,6 +84,9 @@ constexpr std::size_t service_count = std::size(service_names);
 
 std::array<FaultPoint, service_count> points;
 
+std::mutex watcher_mutex;  // guards the watcher
+FaultWatcher the_watcher;
+
 FaultPoint* find(const char* service) {
     for (std::size_t i = 0; i < service_count; ++i)
         if (std::strcmp(service_names[i], service) == 0)
@@ -94,7 +102,27 @@ FaultPoint& known(const std::string& service) {
 
 }  // namespace
 
-const Service fault_service = {clear_faults, clear_faults, [](std::vector<std::string>&) {}};
+void FaultPoint::tell_watcher() const {
+    FaultWatcher watcher;
+    {
+        const std::lock_guard guard(watcher_mutex);
+        watcher = the_watcher;
+    }
+    if (watcher)
+        watcher(service_names[this - points.data()]);
+}
+
+const Service fault_service = {clear_faults,
+                               [] {
+                                   clear_faults();
+                                   watch_faults({});
+                               },
+                               [](std::vector<std::string>&) {}};
+
+void watch_faults(FaultWatcher watcher) {
+    const std::lock_guard guard(watcher_mutex);
+    the_watcher = std::move(watcher);
+}
 
 FaultPoint& fault_point(const char* service) {
     FaultPoint* point = find(service);

@@ -3,6 +3,7 @@
 // Faults are inputs: every call of the waist that can fail can be told to fail at its n-th call.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,12 @@ void fail_nth(const std::string& service, unsigned long n);
 
 /// Takes back all that fail_nth set, and counts calls from 0 again.
 void clear_faults();
+
+/// Called with the service's name whenever a call is made to fail, in the context of that call and
+/// with whatever locks it holds: it must not call the kernel. Forgotten at the end of the kernel's
+/// life; an empty function takes it away.
+using FaultWatcher = std::function<void(const char* service)>;
+void watch_faults(FaultWatcher watcher);
 
 /// How often `service` was called since the kernel began or clear_faults().
 unsigned long calls_of(const std::string& service);

@@ -5,14 +5,18 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
 
 namespace soak {
 
 struct FailureOptions {
-    bool brief = false;  ///< one line a service instead of one a run
+    bool brief = false;    ///< one line a service instead of one a run
+    std::string scenario;  ///< the only one to play; empty: all of them
 };
 
-/// Prints the table of the runs to `out`. 0 when no run broke a rule, else 1.
+/// Prints the table of the runs to `out`. 0 when no run broke a rule and, where all scenarios were
+/// played, every service failed in every place in which it can; else 1. 2, and a message on
+/// standard error, for a scenario that there is not.
 int run_failures(const FailureOptions& options, std::FILE* out);
 
 }  // namespace soak

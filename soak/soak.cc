@@ -52,6 +52,8 @@ app::Action declare_soak(CLI::App& verb) {
     verb.add_flag("--failures", options->failures,
                   "Make every service of the kernel fail in turn instead");
     verb.add_flag("--brief", options->of_failures.brief, "A short table of the failures");
+    verb.add_option("--scenario", options->of_failures.scenario, "The one to make fail")
+        ->type_name("NAME");
     return [options] { return run(*options); };
 }
 
