@@ -2,7 +2,7 @@
 #include "soak/failures_places.h"
 
 #include <algorithm>
-#include <iterator>
+#include <span>
 #include <string_view>
 
 namespace soak {
@@ -40,179 +40,160 @@ namespace {
 
 using enum Where;
 
+constexpr Rule logged = {};
+constexpr Rule request_fails = {.then = Then::request_fails};
+constexpr Rule query_fails = {.then = Then::query_fails};
+constexpr Rule no_datagram = {.then = Then::query_fails, .counted = Counter::pool_get};
+constexpr Rule until_link_up = {.until_link_up = true};
+constexpr Rule nothing_more = {.ends = SilentEnd::no_memory_for_the_reissue};
+
+constexpr Rule silent(Silence silence, int load_result = 0) {
+    return {.silence = silence, .load_result = load_result};
+}
+
 constexpr int no_device = -1;
 constexpr int no_memory = -12;
 
-constexpr Place places[] = {
-    // Load. The trace level is taken over at its end: until then only plain lines are printed.
-    {"kmalloc", load, "", {}, Silence::version_is_optional, no_memory},
-    {"create_proc_entry", load, "", {}, Silence::no_level_yet, no_memory},
-    {"proc_mkdir", load, "", {}, Silence::version_is_optional, no_memory},
-    {"gx_hca_open", load, "load returned -1", {}, Silence::no_level_yet, no_device},
-    {"gx_set_sleepable_async_event_cb",
-     load,
-     "load returned -1",
-     {},
-     Silence::no_level_yet,
-     no_device},
+// The trace level is taken over at the end of a load: until then only plain lines are printed.
+constexpr Place load_places[] = {
+    {"kmalloc", load, "", silent(Silence::version_may_be_missing, no_memory)},
+    {"create_proc_entry", load, "", silent(Silence::version_may_be_missing, no_memory)},
+    {"proc_mkdir", load, "", silent(Silence::version_may_be_missing, no_memory)},
+    {"gx_hca_open", load, "load returned -1", silent(Silence::no_level_yet, no_device)},
+    {"gx_set_sleepable_async_event_cb", load, "load returned -1",
+     silent(Silence::no_level_yet, no_device)},
     {"rep_open_key", load,
      "QD_LOGGER: rep_open_key failed for, quorvane/modules/tarv/ -- disabling logging\n"
      "load returned 0"},
     {"rep_get_value", load,
      "QD_LOGGER: rep_get_value failed for, quorvane/modules/tarv/ -- disabling logging\n"
      "load returned 0"},
-    {"rep_notify_key_change", load, "load returned 0", {}, Silence::level_is_not_followed},
+    {"rep_notify_key_change", load, "load returned 0", silent(Silence::level_is_not_followed)},
+};
 
+constexpr Place event_places[] = {
     // A port comes up: its SA context is not made until it comes up again.
-    {"gx_hca_open",
-     event,
+    {"gx_hca_open", event,
      NO_PORT("DEBUG tarv_sa/tarv_sa_get_hca_guid_and_port_count: gx_hca_open() failed <*>"),
-     {},
-     {},
-     0,
-     true},
-    {"gx_hca_query",
-     event,
+     until_link_up},
+    {"gx_hca_query", event,
      NO_PORT("DEBUG tarv_sa/tarv_sa_get_hca_guid_and_port_count: gx_hca_query() failed <*>"),
-     {},
-     {},
-     0,
-     true},
-    {"gx_hca_open",
-     event,
+     until_link_up},
+    {"gx_hca_open", event,
      NO_TABLES("DEBUG tarv_sa/tarv_sa_get_port_gid_and_pkey: gx_hca_open() failed <*>"),
-     {},
-     {},
-     0,
-     true},
-    {"gx_get_port_gid_tbl",
-     event,
+     until_link_up},
+    {"gx_get_port_gid_tbl", event,
      NO_TABLES("DEBUG tarv_sa/tarv_sa_get_port_gid_and_pkey: gx_get_port_gid_tbl() failed <*>"),
-     {},
-     {},
-     0,
-     true},
-    {"gx_get_port_partition_tbl",
-     event,
+     until_link_up},
+    {"gx_get_port_partition_tbl", event,
      NO_TABLES(
          "DEBUG tarv_sa/tarv_sa_get_port_gid_and_pkey: gx_get_port_partition_tbl() failed <*>"),
-     {},
-     {},
-     0,
-     true},
-    {"gx_hca_open",
-     event,
-     NO_SA_INFO("DEBUG tarv_sa/tarv_sa_get_sa_info: gx_hca_open() failed <*>"),
-     {},
-     {},
-     0,
-     true},
-    {"gx_port_query",
-     event,
-     NO_SA_INFO("DEBUG tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <*>"),
-     {},
-     {},
-     0,
-     true},
+     until_link_up},
+    {"gx_hca_open", event,
+     NO_SA_INFO("DEBUG tarv_sa/tarv_sa_get_sa_info: gx_hca_open() failed <*>"), until_link_up},
+    {"gx_port_query", event,
+     NO_SA_INFO("DEBUG tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <*>"), until_link_up},
     {"gsi_register_class",
      event,
      "ERROR tarv_sa/tarv_sa_reg_to_gsi: Can't register to GSI\n"
      "ERROR tarv_sa/tarv_sa_init: Cannot register to GSI.",
-     {},
-     {},
-     0,
-     true},
+     {.until_link_up = true, .counted = Counter::gsi_reg}},
     {"gsi_dtgrm_pool_create_named",
      event,
      "ERROR tarv_sa/tarv_sa_reg_to_gsi: Can't allocate GSI datagram pool\n"
      "ERROR tarv_sa/tarv_sa_init: Cannot register to GSI.",
-     {},
-     {},
-     0,
-     true},
+     {.until_link_up = true, .counted = Counter::gsi_pool_create}},
 
-    // Other events: the subnet manager moved and is asked for where it was; a port goes down.
-    {"gx_hca_open",
-     event,
-     "DEBUG tarv_sa/tarv_sa_get_sa_info: gx_hca_open() failed <*>",
-     {},
-     {},
-     0,
-     true},
-    {"gx_port_query",
-     event,
-     "DEBUG tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <*>",
-     {},
-     {},
-     0,
-     true},
-    {"port_num2base_gid",
-     event,
-     "DEBUG tarv_api/tarv_async_event_cb: Received link_down <port:*>",
-     {},
-     Silence::purge_is_left_out},
-    {"gsi_deregister_class", event, "", {}, Silence::called_again},
-    {"gsi_deregister_class", unload, "", {}, Silence::called_again},
+    // The subnet manager moved and is asked for where it was; a port goes down.
+    {"gx_hca_open", event, "DEBUG tarv_sa/tarv_sa_get_sa_info: gx_hca_open() failed <*>",
+     until_link_up},
+    {"gx_port_query", event, "DEBUG tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <*>",
+     until_link_up},
+    {"port_num2base_gid", event, "DEBUG tarv_api/tarv_async_event_cb: Received link_down <port:*>",
+     silent(Silence::purge_is_left_out)},
+    {"gsi_deregister_class", event, "", silent(Silence::called_again)},
+    {"gsi_deregister_class", unload, "", silent(Silence::called_again)},
+};
 
-    // Requests and their re-issues.
-    {"kmalloc", client, NO_ARP_REQUEST, Then::request_fails},
-    {"kmalloc", client, NO_SA_REQUEST, Then::request_fails},
-    {"kmalloc", timer, NO_ARP_REQUEST, Then::request_fails},
-    {"kmalloc", timer, NO_SA_REQUEST, Then::request_fails},
-    {"kmalloc", timer, NO_REISSUE, {}, {}, 0, false, SilentEnd::no_memory_for_the_reissue},
-    {"kmalloc", unload, NO_REISSUE, {}, {}, 0, false, SilentEnd::no_memory_for_the_reissue},
-    {"send_arp", client, NOT_SENT, Then::request_fails},
-    {"send_arp", timer, NOT_SENT, Then::request_fails},
-    {"gsi_dtgrm_pool_get", client, NO_DATAGRAM, Then::query_fails},
-    {"gsi_dtgrm_pool_get", timer, NO_DATAGRAM, Then::query_fails},
-    {"gsi_dtgrm_pool_get", driver, NO_DATAGRAM, Then::query_fails},
-    {"gsi_dtgrm_alloc_rmpp_buf", client, NO_BLOCK, Then::query_fails},
-    {"gsi_dtgrm_alloc_rmpp_buf", timer, NO_BLOCK, Then::query_fails},
-    {"gsi_dtgrm_alloc_rmpp_buf", driver, NO_BLOCK, Then::query_fails},
-    {"gsi_post_send_dtgrm", client, NOT_POSTED, Then::query_fails},
-    {"gsi_post_send_dtgrm", timer, NOT_POSTED, Then::query_fails},
-    {"gsi_post_send_dtgrm", driver, NOT_POSTED, Then::query_fails},
+// Requests, made by clients, by commands and by re-issues.
+constexpr Place request_places[] = {
+    {"kmalloc", client, NO_ARP_REQUEST, request_fails},
+    {"kmalloc", control, NO_ARP_REQUEST, request_fails},
+    {"kmalloc", timer, NO_ARP_REQUEST, request_fails},
+    {"kmalloc", gsi, NO_ARP_REQUEST, request_fails},
+    {"kmalloc", client, NO_SA_REQUEST, request_fails},
+    {"kmalloc", control, NO_SA_REQUEST, request_fails},
+    {"kmalloc", timer, NO_SA_REQUEST, request_fails},
+    {"kmalloc", control, NO_REISSUE, nothing_more},
+    {"kmalloc", timer, NO_REISSUE, nothing_more},
+    {"kmalloc", gsi, NO_REISSUE, nothing_more},
+    {"kmalloc", unload, NO_REISSUE, nothing_more},
+    {"send_arp", client, NOT_SENT, request_fails},
+    {"send_arp", control, NOT_SENT, request_fails},
+    {"send_arp", timer, NOT_SENT, request_fails},
+    {"send_arp", gsi, NOT_SENT, request_fails},
+    {"gsi_dtgrm_pool_get", client, NO_DATAGRAM, no_datagram},
+    {"gsi_dtgrm_pool_get", control, NO_DATAGRAM, no_datagram},
+    {"gsi_dtgrm_pool_get", timer, NO_DATAGRAM, no_datagram},
+    {"gsi_dtgrm_pool_get", driver, NO_DATAGRAM, no_datagram},
+    {"gsi_dtgrm_alloc_rmpp_buf", client, NO_BLOCK, query_fails},
+    {"gsi_dtgrm_alloc_rmpp_buf", control, NO_BLOCK, query_fails},
+    {"gsi_dtgrm_alloc_rmpp_buf", timer, NO_BLOCK, query_fails},
+    {"gsi_dtgrm_alloc_rmpp_buf", driver, NO_BLOCK, query_fails},
+    {"gsi_post_send_dtgrm", client, NOT_POSTED, query_fails},
+    {"gsi_post_send_dtgrm", control, NOT_POSTED, query_fails},
+    {"gsi_post_send_dtgrm", timer, NOT_POSTED, query_fails},
+    {"gsi_post_send_dtgrm", driver, NOT_POSTED, query_fails},
+};
 
-    // ARP data and path records come in.
+// ARP data and path records come in. Static paths get their P_Keys in the driver's context, those
+// of the SA in the GSI service's.
+constexpr Place intake_places[] = {
     {"kmalloc", driver,
-     "ERROR tarv_api/tarv_process_arp_data: Failed allocate memory for local_arp_data (*)."},
+     "ERROR tarv_api/tarv_process_arp_data: Failed allocate memory for local_arp_data (*).",
+     logged},
     {"kmalloc", driver,
-     "ERROR tarv_api/tarv_process_arp_data: Not enough memory to allocate new arp entry."},
+     "ERROR tarv_api/tarv_process_arp_data: Not enough memory to allocate new arp entry.", logged},
     {"kmalloc", gsi,
-     "ERROR tarv_api/tarv_process_path_rec_data: Not enough memory for tarv_hash_entry."},
-    {"get_if_info", driver, NO_INTERFACE},
-    {"get_if_info", gsi, NO_INTERFACE},
-    {"gx_hca_open", gsi, NO_LOCAL_PKEY("gx_hca_open failed ")},
-    {"base_gid2port_num", gsi, NO_LOCAL_PKEY("base_gid2port_num failed ")},
+     "ERROR tarv_api/tarv_process_path_rec_data: Not enough memory for tarv_hash_entry.", logged},
+    {"get_if_info", driver, NO_INTERFACE, logged},
+    {"get_if_info", gsi, NO_INTERFACE, logged},
+    {"gx_hca_open", driver, NO_LOCAL_PKEY("gx_hca_open failed "), logged},
+    {"gx_hca_open", gsi, NO_LOCAL_PKEY("gx_hca_open failed "), logged},
+    {"base_gid2port_num", driver, NO_LOCAL_PKEY("base_gid2port_num failed "), logged},
+    {"base_gid2port_num", gsi, NO_LOCAL_PKEY("base_gid2port_num failed "), logged},
     {"pkey_index2pkey", gsi,
      "WARNING tarv_arp_hash/tarv_get_local_pkey: pkey_index2pkey failed for index *. will try "
-     "next"},
-    {"port_num2base_lid", driver, "", {}, Silence::path_keeps_its_template},
-    {"port_num2base_gid", driver, "", {}, Silence::path_keeps_its_template},
+     "next",
+     logged},
+    {"port_num2base_lid", driver, "", silent(Silence::path_keeps_its_template)},
+    {"port_num2base_gid", driver, "", silent(Silence::path_keeps_its_template)},
+};
 
-    // Commands, and reading the table.
-    {"copy_from_user", control, "control file took * bytes", {}, Silence::nothing_is_run},
+constexpr Place control_places[] = {
+    {"copy_from_user", control, "control file took * bytes", silent(Silence::nothing_is_run)},
     {"kmalloc", control,
-     "ERROR tarv_api/tarv_proc_cmd_add: Not enough memory to allocate new ib-arp entry."},
+     "ERROR tarv_api/tarv_proc_cmd_add: Not enough memory to allocate new ib-arp entry.", logged},
     {"kmalloc", control,
-     "ERROR tarv_api/tarv_proc_cmd_add_ib_arp: Not enough memory to allocate new ib-arp entry."},
+     "ERROR tarv_api/tarv_proc_cmd_add_ib_arp: Not enough memory to allocate new ib-arp entry.",
+     logged},
     {"kmalloc", control,
-     "ERROR tarv_api/tarv_proc_cmd_add_path: Not enough memory to allocate new path record."},
+     "ERROR tarv_api/tarv_proc_cmd_add_path: Not enough memory to allocate new path record.",
+     logged},
     {"kmalloc", control,
-     "ERROR tarv_api/tarv_proc_cmd_show: Failed allocate memory for tarv_hash_entry_t (*)."},
+     "ERROR tarv_api/tarv_proc_cmd_show: Failed allocate memory for tarv_hash_entry_t (*).",
+     logged},
     {"kmalloc", control,
-     "ERROR tarv_api/tarv_proc_cmd_show_paths: Failed allocate memory for tarv_hash_entry_t (*)."},
+     "ERROR tarv_api/tarv_proc_cmd_show_paths: Failed allocate memory for tarv_hash_entry_t (*).",
+     logged},
     {"kmalloc", control,
      "ERROR tarv_arp_hash/tarv_hash_print_to_string: Can't allocate output buffer.\n"
-     "table of 0 bytes"},
-    {"kmalloc", control, NO_ARP_REQUEST, Then::request_fails},
-    {"kmalloc", control, NO_SA_REQUEST, Then::request_fails},
-    {"kmalloc", control, NO_REISSUE, {}, {}, 0, false, SilentEnd::no_memory_for_the_reissue},
-    {"send_arp", control, NOT_SENT, Then::request_fails},
-    {"gsi_dtgrm_pool_get", control, NO_DATAGRAM, Then::query_fails},
-    {"gsi_dtgrm_alloc_rmpp_buf", control, NO_BLOCK, Then::query_fails},
-    {"gsi_post_send_dtgrm", control, NOT_POSTED, Then::query_fails},
+     "table of 0 bytes",
+     logged},
 };
+
+constexpr std::span<const Place> tables[] = {load_places, event_places, request_places,
+                                             intake_places, control_places};
 
 /* The module is its own client where an administrator invalidates an entry. */
 #define TOLD_ERROR                                                                      \
@@ -228,6 +209,7 @@ std::string told_of_failure(Where where) {
         case control:
             return "DEBUG tarv_api/tarv_get_ib_data: status from __tarv_get_ib_data() - -255";
         case timer:
+        case gsi:
             return "DEBUG tarv_api/tarv_retry_ib_data_request: status from __tarv_get_ib_data() - "
                    "-255\n"
                    "ERROR tarv_api/tarv_retry_ib_data_request: __tarv_get_ib_data() returned "
@@ -239,11 +221,11 @@ std::string told_of_failure(Where where) {
 
 std::vector<std::string> lines_of(const Place& place) {
     std::string text = place.lines;
-    if (place.then == Then::query_fails)
+    if (place.rule.then == Then::query_fails)
         text += std::string("\nERROR tarv_api/") +
                 (place.where == driver ? "tarv_process_arp_data" : "__tarv_get_ib_data") +
                 ": Error initiating multipath record query.";
-    if (place.then != Then::nothing)
+    if (place.rule.then != Then::nothing)
         text += "\n" + told_of_failure(place.where);
     std::vector<std::string> lines;
     for (std::size_t at = 0; at < text.size();) {
@@ -279,6 +261,17 @@ bool matches_one_of(std::string_view patterns, std::string_view text) {
     }
 }
 
+const std::vector<const Place*>& all() {
+    static const std::vector<const Place*> places = [] {
+        std::vector<const Place*> result;
+        for (const std::span<const Place> table : tables)
+            for (const Place& place : table)
+                result.push_back(&place);
+        return result;
+    }();
+    return places;
+}
+
 bool is_at(const Place& place, const std::string& service, Where where) {
     return service == place.service && where == place.where;
 }
@@ -290,9 +283,9 @@ const char* reason_of(Silence silence) {
         case Silence::none:
             return "";
         case Silence::no_level_yet:
-            return "the trace level is not taken over yet";
-        case Silence::version_is_optional:
-            return "the version record may be missing";
+            return "no trace level is taken over yet";
+        case Silence::version_may_be_missing:
+            return "the version file may be missing, and no trace level is taken over yet";
         case Silence::nothing_is_run:
             return "what cannot be copied is no command";
         case Silence::level_is_not_followed:
@@ -321,42 +314,41 @@ const char* reason_of(SilentEnd end) {
 
 const Place* find_place(const std::string& service, const Mark& mark,
                         const std::vector<std::string>& timeline) {
-    for (const Place& place : places) {
-        const std::vector<std::string> lines = lines_of(place);
-        if (is_at(place, service, mark.where) && mark.line + lines.size() <= timeline.size() &&
+    for (const Place* place : all()) {
+        const std::vector<std::string> lines = lines_of(*place);
+        if (is_at(*place, service, mark.where) && mark.line + lines.size() <= timeline.size() &&
             std::equal(lines.begin(), lines.end(),
                        timeline.begin() + static_cast<std::ptrdiff_t>(mark.line),
                        [](const auto& pattern, const auto& text) {
                            return matches_one_of(pattern, text);
                        }))
-            return &place;
+            return place;
     }
     return nullptr;
 }
 
 std::vector<std::string> all_places() {
     std::vector<std::string> names;
-    for (const Place& place : places) {
-        const std::vector<std::string> lines = lines_of(place);
-        names.push_back(std::string(place.service) + " in " + name_of(place.where) + ": " +
-                        (place.silence != Silence::none ? reason_of(place.silence) : lines[0]));
-    }
+    for (const Place* place : all())
+        names.push_back(std::string(place->service) + " in " + name_of(place->where) + ": " +
+                        (place->rule.silence != Silence::none ? reason_of(place->rule.silence)
+                                                              : lines_of(*place).front()));
     return names;
 }
 
 std::size_t number_of(const Place& place) {
-    return static_cast<std::size_t>(&place - places);
+    return static_cast<std::size_t>(std::ranges::find(all(), &place) - all().begin());
 }
 
 std::vector<std::string> expected_at(const std::string& service, Where where) {
-    std::vector<std::string> all;
-    for (const Place& place : places) {
-        if (!is_at(place, service, where))
+    std::vector<std::string> expected;
+    for (const Place* place : all()) {
+        if (!is_at(*place, service, where))
             continue;
-        const std::vector<std::string> lines = lines_of(place);
-        all.insert(all.end(), lines.begin(), lines.end());
+        const std::vector<std::string> lines = lines_of(*place);
+        expected.insert(expected.end(), lines.begin(), lines.end());
     }
-    return all;
+    return expected;
 }
 
 }  // namespace soak

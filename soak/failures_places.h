@@ -17,7 +17,7 @@ namespace soak {
 enum class Silence : std::uint8_t {
     none,  ///< it is
     no_level_yet,
-    version_is_optional,
+    version_may_be_missing,
     nothing_is_run,
     level_is_not_followed,
     purge_is_left_out,
@@ -41,16 +41,25 @@ enum class Then : std::uint8_t {
     query_fails,    ///< the query to the SA cannot be sent, so its request fails
 };
 
-struct Place {
-    const char* service;
-    Where where;
-    /// That follow at once, with "\n" between them; "*" stands for any text, "|" for "or".
-    const char* lines;
+/// The counters of failures that the SA client keeps.
+enum class Counter : std::uint8_t { none, gsi_reg, gsi_pool_create, pool_get };
+
+/// What a failure brings about beside its log lines.
+struct Rule {
     Then then = Then::nothing;
     Silence silence = Silence::none;
     int load_result = 0;         ///< what a load may return because of it, beside 0
     bool until_link_up = false;  ///< the port's paths cannot be asked for until it comes up anew
     SilentEnd ends = SilentEnd::none;  ///< what becomes of one request
+    Counter counted = Counter::none;   ///< what goes up by one
+};
+
+struct Place {
+    const char* service;
+    Where where;
+    /// That follow at once, with "\n" between them; "*" stands for any text, "|" for "or".
+    const char* lines;
+    Rule rule = {};
 };
 
 /// The place whose lines follow the mark in the timeline.

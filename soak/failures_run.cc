@@ -50,22 +50,34 @@ const Place* judge_place(World& world, const std::string& service) {
 
 void judge_loads(World& world, const Place* place) {
     for (const int result : world.load_results())
-        if (result != 0 && (!place || result != place->load_result))
+        if (result != 0 && (!place || result != place->rule.load_result))
             world.violations.push_back("a load returned " + std::to_string(result));
 }
 
 void judge_silent_ends(World& world, const Place* place) {
-    const unsigned may = world.dropped_at_unload() + (place && place->ends != SilentEnd::none);
+    const unsigned may = world.dropped_at_unload() + (place && place->rule.ends != SilentEnd::none);
     if (world.unanswered() != may)
         world.violations.push_back(std::to_string(world.unanswered()) +
                                    " request(s) without an answer, " + std::to_string(may) +
                                    " of them for a reason");
 }
 
+void judge_counters(World& world, const Place* place) {
+    const FailureCounts& counts = world.counts();
+    const Counter counted = place ? place->rule.counted : Counter::none;
+    if (counts.gsi_reg != (counted == Counter::gsi_reg) ||
+        counts.gsi_pool_create != (counted == Counter::gsi_pool_create) ||
+        counts.pool_get != (counted == Counter::pool_get))
+        world.violations.push_back("the SA client counted " + std::to_string(counts.gsi_reg) +
+                                   " refused registrations, " +
+                                   std::to_string(counts.gsi_pool_create) + " pools not made, " +
+                                   std::to_string(counts.pool_get) + " datagrams not given");
+}
+
 std::string describe(const World& world, const Place* place) {
     std::string text = "nothing fails";
-    if (place && place->silence != Silence::none)
-        text = std::string("silent: ") + reason_of(place->silence);
+    if (place && place->rule.silence != Silence::none)
+        text = std::string("silent: ") + reason_of(place->rule.silence);
     else if (place)
         text = world.timeline()[world.mark()->line];
     const int last_load = world.load_results().empty() ? 0 : world.load_results().back();
@@ -74,8 +86,8 @@ std::string describe(const World& world, const Place* place) {
             text += "; load " + std::to_string(result);
     if (const std::string ends = world.ends(); !ends.empty())
         text += "; " + ends;
-    if (place && place->ends != SilentEnd::none)
-        text += std::string(" (") + reason_of(place->ends) + ")";
+    if (place && place->rule.ends != SilentEnd::none)
+        text += std::string(" (") + reason_of(place->rule.ends) + ")";
     if (world.dropped_at_unload())
         text += std::string(" (") + reason_of(SilentEnd::waiting_for_arp_at_unload) + ")";
     return text;
@@ -97,9 +109,10 @@ void play(const Scenario& scenario, const Fault& fault) {
     if (place)
         report("place", std::to_string(number_of(*place)));
     judge_loads(world, place);
-    world.follow_up(place && place->until_link_up);
+    world.follow_up(place && place->rule.until_link_up);
     world.end();
     judge_silent_ends(world, place);
+    judge_counters(world, place);
     for (const std::string& violation : world.violations)
         report("violation", violation);
     report("outcome", describe(world, place));

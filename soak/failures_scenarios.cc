@@ -67,6 +67,10 @@ void static_path(World& world) {
     world.fabric().peer_announces(World::ip_of(4));
     world.pass(one_second);
     world.ask(4, primary);
+    // A second address of our own: the path starts and ends here.
+    world.fabric().ipoib().add_address(World::ip_of(5));
+    world.fabric().peer_announces(World::ip_of(5));
+    world.pass(one_second);
 }
 
 void arp_retries(World& world) {
@@ -91,6 +95,17 @@ void sa_retries(World& world) {
     world.fabric().sa().faults().drop_all();
     world.ask(3, primary, tarv_stat_timeout);
     world.pass(all_retries);
+}
+
+/* Two requests wait for one GID. Who is told first has the other's entry taken out of the cache. */
+void vanishing_entry(World& world) {
+    begin(world);
+    world.command("addibarp 10.0.0.1 10.0.0.4 " + world.gid_of(4) + " 5");
+    world.command("addibarp 10.0.0.1 10.0.0.5 " + world.gid_of(4) + " 5");
+    world.ask(4, primary);
+    world.then_renew(5);
+    world.ask(5, primary);
+    world.pass(one_second);
 }
 
 /* Answers that are late, too short, of another kind, over several segments. */
@@ -259,6 +274,7 @@ constexpr Scenario table[] = {
     {"arp-retries", "re-issues of ARP requests, the move to the SA", arp_retries},
     {"sa-retries", "re-issues of path queries", sa_retries},
     {"sa-answers", "answers that are wrong, segmented, short, late", strange_answers},
+    {"vanishing", "an entry that is gone when its path comes", vanishing_entry},
     {"own-address", "the P_Key of a local port", own_address},
     {"ports", "SM, LID, MTU, P_Key and link events", ports},
     {"commands", "all 19 commands, the table, the usage", commands},

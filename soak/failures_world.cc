@@ -14,6 +14,7 @@
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-module.h"
 #include "tarv/tarv-req-list.h"
+#include "tarv/tarv-sa-private.h"
 
 namespace soak {
 namespace {
@@ -96,7 +97,7 @@ World::~World() {
 
 void World::fault_struck() {
     Where where = phase_;
-    switch (host::current_context()) {
+    switch (asking_ ? host::Context::process : host::current_context()) {
         case host::Context::process:
             break;
         case host::Context::event:
@@ -159,8 +160,17 @@ void World::unload() {
     dropped_at_unload_ += clients_waiting_for_arp();
     host::unload_module(tarv_module);
     loaded_ = false;
+    count_failures();
     check_locks("an unload");
     check_remains();
+}
+
+/* A load begins to count afresh. */
+void World::count_failures() {
+    const tarv_sa_stat_t& stat = tarv_sa_g.stat;
+    counts_.gsi_reg += static_cast<unsigned>(read_once(stat.err_gsi_reg));
+    counts_.gsi_pool_create += static_cast<unsigned>(read_once(stat.err_gsi_pool_create));
+    counts_.pool_get += static_cast<unsigned>(read_once(stat.err_pool_get));
 }
 
 void World::attach() {
@@ -232,6 +242,8 @@ void World::reply(tarv_stat_t status, tarv_arp_data_t*, void* context) {
     client->told++;
     client->last = status;
     client->world->note(client->name + " told: " + std::to_string(status));
+    if (client->renews)
+        client->world->request(client->renews, tarv_paths_none, tarv_stat_ok, true);
 }
 
 World::Client& World::request(int host, tarv_paths_t paths, tarv_stat_t expected, bool invalidate) {
@@ -239,8 +251,10 @@ World::Client& World::request(int host, tarv_paths_t paths, tarv_stat_t expected
     clients_.push_back({this, fabric::format_ip(ip_of(host)), expected, !following_up_});
     Client& client = clients_.back();
     tarv_arp_data_t record = {};
+    asking_ = true;
     client.status =
         tarv_get_ib_data(ip_of(host), ip_of(1), paths, &record, reply, &client, invalidate);
+    asking_ = false;
     client.last = client.status;
     note(client.name + " asked: " + std::to_string(client.status));
     check_locks("a client's call");

@@ -42,6 +42,13 @@ struct Mark {
     std::size_t line;  ///< the first that came after it
 };
 
+/// What the SA client counted, over all loads.
+struct FailureCounts {
+    unsigned gsi_reg = 0;
+    unsigned gsi_pool_create = 0;
+    unsigned pool_get = 0;
+};
+
 /// The module refused to be loaded: the scenario ends here.
 struct Refused : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -73,6 +80,9 @@ class World {
     void ask(int host, tarv_paths_t paths, tarv_stat_t in_the_end = tarv_stat_ok,
              bool invalidate = false);
 
+    /// When the client that asked last is told, another asks for that host and has it renewed.
+    void then_renew(int host) { clients_.back().renews = host; }
+
     fabric::Fabric& fabric() { return fabric_; }
     static std::uint32_t ip_of(int host);
     /// "0x..." of a host's GID, as commands take it.
@@ -95,6 +105,7 @@ class World {
     /// invalidation included, and how many of them an unload found waiting for ARP.
     unsigned unanswered() const;
     unsigned dropped_at_unload() const { return dropped_at_unload_; }
+    const FailureCounts& counts() const { return counts_; }
     /// "2 ok, 1 timeout": how the clients' requests ended.
     std::string ends() const;
 
@@ -107,12 +118,14 @@ class World {
         tarv_stat_t expected;
         bool of_scenario;
         tarv_stat_t status = tarv_stat_pending;
+        int renews = 0;  ///< the host that is asked for next; 0: none
         unsigned told = 0;
         tarv_stat_t last = tarv_stat_pending;
     };
     class Phase;
 
     static void reply(tarv_stat_t status, tarv_arp_data_t* record, void* context);
+    void count_failures();
     Client& request(int host, tarv_paths_t paths, tarv_stat_t expected, bool invalidate);
     void heal_fabric();
     void switch_all_on();
@@ -128,12 +141,14 @@ class World {
     const bool faulty_;
     bool loaded_ = false;
     bool following_up_ = false;
+    bool asking_ = false;  ///< a client's call is running
     Where phase_ = Where::client;
     std::vector<std::string> timeline_;
     std::optional<Mark> mark_;
     std::vector<int> load_results_;
     std::deque<Client> clients_;
     unsigned dropped_at_unload_ = 0;
+    FailureCounts counts_;
     unsigned own_waiting_ = 0;  ///< requests of the module's own that have to wait
     unsigned own_told_ = 0;     ///< and were answered
 };
