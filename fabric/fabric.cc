@@ -59,7 +59,7 @@ struct Fabric::Parts {
         : topology(std::move(given)),
           hosts(std::move(given_hosts)),
           our_host(index),
-          subnet(topology, options.subnet),
+          subnet(topology, options.subnet, chosen(hosts, index).node),
           adapter(works, subnet, topology, chosen(hosts, index).node),
           network(works, subnet, tap, adapter.node(), adapter.ports()),
           gsi(works, network, adapter, subnet),

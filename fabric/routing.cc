@@ -34,7 +34,7 @@ void add_link(Way& way, const Link& link) {
 
 }  // namespace
 
-Routing::Routing(const Topology& topology) : topology_(topology) {
+Routing::Routing(const Topology& topology, int home) : topology_(topology), home_(home) {
     std::size_t flags = 0;
     int switches = 0;
     for (const Node& node : topology.nodes) {
@@ -141,7 +141,9 @@ std::optional<Route> Routing::route(PortId from, PortId to) {
     const std::optional<int> last = enter(to, route);
     if (!first || !last)
         return std::nullopt;
-    const Step& step = steps_to(*last)[static_cast<std::size_t>(*first)];
+    const bool backwards = from.node == home_;
+    const Step& step = backwards ? steps_to(*first)[static_cast<std::size_t>(*last)]
+                                 : steps_to(*last)[static_cast<std::size_t>(*first)];
     if (step.hops < 0)
         return std::nullopt;
     return Route{route.hops + step.hops, slower_rate(route.rate, step.rate),

@@ -6,7 +6,8 @@
 // A packet takes a shortest path; only switches forward. Of several shortest paths it takes one
 // with the fastest slowest link, and of those one with the largest MTU that is known. The answers
 // to one destination switch are found together when the first is asked for, and kept until a link
-// between switches changes.
+// between switches changes. A host at whose ports most ways begin or end can be named: all of these
+// are found together, since a way back is the way there.
 //
 // Not synchronised: one thread at a time. The topology must outlive the object; its links are read
 // when the object is made.
@@ -34,7 +35,8 @@ struct Route {
 
 class Routing {
   public:
-    explicit Routing(const Topology& topology);
+    /// `home`: the node that most ways begin or end at; -1: none.
+    explicit Routing(const Topology& topology, int home = -1);
 
     /// The way from one port to another; empty when there is none. A port reaches itself over no
     /// link, as long as its own link is up. Throws std::out_of_range for a port that is not there.
@@ -74,6 +76,7 @@ class Routing {
     void search(int destination, Steps& steps);
 
     const Topology& topology_;
+    const int home_;
     std::vector<std::size_t> first_flag_;  ///< of each node, in down_
     std::vector<std::uint8_t> down_;       ///< of each port of each node
     std::vector<int> switch_number_;       ///< of each node, -1 when it is no switch

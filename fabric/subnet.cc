@@ -57,7 +57,8 @@ PortId choose_manager(const Topology& topology, int wanted) {
 
 }  // namespace
 
-Subnet::Subnet(const Topology& topology, const SubnetOptions& options) : routing_(topology) {
+Subnet::Subnet(const Topology& topology, const SubnetOptions& options, int home)
+    : routing_(topology, home) {
     if (options.lmc > 7)
         throw std::invalid_argument("no LMC is larger than 7");
     MutexLock lock(mutex_);

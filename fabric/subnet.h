@@ -63,7 +63,8 @@ class Subnet {
   public:
     /// Gives out the LIDs. Throws InputError for LIDs that overlap and when there are none left.
     /// The topology must outlive the subnet.
-    Subnet(const Topology& topology, const SubnetOptions& options);
+    /// `home`: the node from or to which most ways are asked for; -1: none.
+    Subnet(const Topology& topology, const SubnetOptions& options, int home = -1);
 
     std::optional<EndPort> at(PortId ref) const;
     std::optional<EndPort> by_lid(std::uint16_t lid) const;  ///< any LID of the port
