@@ -104,6 +104,11 @@ void Gsi::set_request_lifetime(unsigned long ticks) {
     lifetime_ = ticks;
 }
 
+void Gsi::report_size_next(int size) {
+    MutexLock lock(mutex_);
+    size_next_ = size;
+}
+
 std::size_t Gsi::open_classes() const {
     MutexLock lock(mutex_);
     return static_cast<std::size_t>(std::count_if(
@@ -275,6 +280,8 @@ GsiSlot& Gsi::make_received(const Packet& packet, Request& request, bool in_segm
         size = slot.block->size();
     }
     slot.paysize = static_cast<int>(size);
+    if (const auto reported = std::exchange(size_next_, std::nullopt))
+        slot.paysize = slot.block ? std::min(slot.paysize, *reported) : *reported;
     gsi_dtgrm_t& record = slot.record;
     decode_answer(in_segments ? request.receiver->first() : packet.payload, translations_,
                   record.mad);

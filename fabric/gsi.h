@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -58,6 +59,9 @@ class Gsi {
 
     /// The next call for a datagram succeeds without one: a pool that has lost count.
     void hand_out_nothing_next();
+
+    /// The next answer is reported with that size; a block with no more than it holds.
+    void report_size_next(int size);
 
     std::size_t open_classes() const;
     std::size_t pools() const;
@@ -118,6 +122,7 @@ class Gsi {
     std::unordered_map<const gsi_dtgrm_t*, std::unique_ptr<GsiSlot>> slots_ TA_GUARDED(mutex_);
     std::unique_ptr<gsi_dtgrm_pool> received_ TA_GUARDED(mutex_);  ///< own pool, for answers
     bool nothing_next_ TA_GUARDED(mutex_) = false;
+    std::optional<int> size_next_ TA_GUARDED(mutex_);
     std::uint32_t next_transaction_ TA_GUARDED(mutex_) = 1;
     std::unordered_map<std::uint32_t, Request> requests_ TA_GUARDED(mutex_);
     std::deque<std::uint32_t> by_age_ TA_GUARDED(mutex_);  ///< of requests_, oldest first
