@@ -142,11 +142,15 @@ int module_version_exit(const char* name) {
 }
 
 int version_read_proc(char* page, char** start, off_t off, int count, int* eof, void*) {
-    const long length = ksnprintf(page, PAGE_SIZE, "%s", module_banner ? module_banner : "Error\n");
-    if (length <= off + count)
-        *eof = 1;
-    *start = page + off;
+    long length = ksnprintf(page, PAGE_SIZE, "%s", module_banner ? module_banner : "Error\n");
+    // Of a longer line the page holds the beginning and the NUL.
+    if (length >= static_cast<long>(PAGE_SIZE))
+        length = PAGE_SIZE - 1;
     const long left = length - off;
+    if (left <= count)
+        *eof = 1;
+    // What lies behind the page has no address; nothing is read there.
+    *start = page + (off < static_cast<long>(PAGE_SIZE) ? off : static_cast<long>(PAGE_SIZE));
     if (left < 0)
         return 0;
     return left < count ? static_cast<int>(left) : count;
