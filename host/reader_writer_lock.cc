@@ -9,37 +9,30 @@
 namespace host {
 namespace {
 
-/* Which lock its thread holds for reading; null: none. */
-struct alignas(64) Slot {
-    std::atomic<const ReaderWriterLock*> holds = nullptr;
-};
-
 /* Threads beyond these count themselves in the lock. */
 constexpr std::size_t slot_count = 128;
-std::array<Slot, slot_count> slots;
+std::array<ReaderSlot, slot_count> slots;
 std::atomic<std::size_t> slots_used = 0;  // no slot from here on was ever given out
 
 constinit std::mutex slots_mutex;
 std::bitset<slot_count> slots_taken;  // guarded by slots_mutex
 
-constinit thread_local Slot* own_slot = nullptr;
 constinit thread_local bool asked_for_slot = false;
 
-/* Gives the thread's slot back when the thread ends. Apart from `own_slot`, so that reading that
+/* Gives the thread's slot back when the thread ends. Apart from `reader_slot`, so that reading that
  * one stays a plain load. */
 struct SlotLease {
     ~SlotLease() {
-        if (!own_slot)
+        if (!reader_slot)
             return;
         const std::lock_guard guard(slots_mutex);
-        slots_taken.reset(static_cast<std::size_t>(own_slot - slots.data()));
-        own_slot = nullptr;
+        slots_taken.reset(static_cast<std::size_t>(reader_slot - slots.data()));
+        reader_slot = nullptr;
     }
 };
 
-Slot* ask_for_slot() {
-    if (asked_for_slot)
-        return nullptr;
+/* Once in the life of a thread. */
+void ask_for_slot() {
     asked_for_slot = true;
     thread_local const SlotLease lease;
     const std::lock_guard guard(slots_mutex);
@@ -47,42 +40,32 @@ Slot* ask_for_slot() {
     while (free < slot_count && slots_taken.test(free))
         free++;
     if (free == slot_count)
-        return nullptr;
+        return;
     slots_taken.set(free);
     slots_used = std::max<std::size_t>(slots_used, free + 1);
-    return own_slot = &slots[free];
-}
-
-Slot* slot_of_thread() {
-    return own_slot ? own_slot : ask_for_slot();
+    reader_slot = &slots[free];
 }
 
 }  // namespace
 
-// Either the reader sees the writer, or the writer sees the reader: both write first and look then,
-// in one order that all threads agree upon.
-void ReaderWriterLock::lock_shared() {
-    Slot* const slot = slot_of_thread();
-    const auto enter = [&] { slot ? slot->holds.store(this) : void(others_.fetch_add(1)); };
-    enter();
-    if (!writing_.load()) [[likely]]
-        return;
-    unlock_shared();
-    const std::lock_guard guard(writer_);
-    enter();
-}
+constinit thread_local ReaderSlot* reader_slot = nullptr;
 
-void ReaderWriterLock::unlock_shared() {
-    if (Slot* const slot = own_slot) [[likely]]
-        slot->holds.store(nullptr, std::memory_order_release);
+// Behind the writer, or before the next one: nobody writes while a reader has the writer's mutex.
+void ReaderWriterLock::lock_shared_slowly() {
+    if (!asked_for_slot)
+        ask_for_slot();
+    const std::lock_guard guard(writer_);
+    if (reader_slot)
+        reader_slot->holds.store(this);
     else
-        others_.fetch_sub(1, std::memory_order_release);
+        others_.fetch_add(1);
 }
 
 bool ReaderWriterLock::has_readers() const {
     const auto used = slots.begin() + static_cast<std::ptrdiff_t>(slots_used.load());
-    return others_.load() != 0 ||
-           std::any_of(slots.begin(), used, [this](const Slot& s) { return s.holds == this; });
+    return others_.load() != 0 || std::any_of(slots.begin(), used, [this](const ReaderSlot& s) {
+               return s.holds == this;
+           });
 }
 
 void ReaderWriterLock::lock() {
