@@ -241,8 +241,8 @@ tarv_stat_t tarv_sa_parse_path_rec_query_mad_reply(gsi_dtgrm_t* dtgrm,
     constexpr int record_size = sizeof(ib_path_record_v2_t);
     // Wider than the size that was reported, which may be any number.
     const long data_size = long{paysize} - SA_HEADER_SIZE;
-    TARV_LOG(TARV_DEBUG, "**** paysize - 20 = %ld, sizeof ib_path_record_v2_t = %d ****\n",
-             data_size, record_size);
+    TARV_LOG(TARV_DEBUG, "**** paysize - 20 = %d, sizeof ib_path_record_v2_t = %d ****\n",
+             static_cast<int>(data_size), record_size);
     if (data_size / record_size < *path_count)
         *path_count = static_cast<int>(data_size / record_size);
     // Without a whole record there is nothing that could be matched to anybody.

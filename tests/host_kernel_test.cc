@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <barrier>
 #include <mutex>
 #include <thread>
 
@@ -246,6 +247,28 @@ TEST(RealKernel, LocksExcludeAndReadersShare) {
     kernel.settle();
     EXPECT_EQ(spun, 2000);
     EXPECT_EQ(written, 2000);
+}
+
+TEST(RealKernel, ManyMoreReadersThanCpusKeepWritersOut) {
+    const Kernel kernel({.clock = Clock::real_time});
+    static rwlock_t rw;
+    rwlock_init(&rw, "rw");
+    constexpr int readers = 200;
+    // Twice, so that those of the second time are given what the first ones had.
+    for (int round = 0; round < 2; ++round) {
+        std::barrier all_read(readers + 1);
+        std::atomic<int> reading = readers;
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < readers; ++i)
+            threads.emplace_back([&] {
+                const read_guard guard(rw);
+                all_read.arrive_and_wait();  // at the same time as all others
+                --reading;
+            });
+        all_read.arrive_and_wait();
+        const write_guard guard(rw);
+        EXPECT_EQ(reading, 0);
+    }
 }
 
 TEST(RealKernel, DropsWhatIsNotYetDueWhenItEnds) {
