@@ -17,6 +17,11 @@ namespace {
     "ERROR tarv_api/tarv_retry_ib_data_request: Not enough memory to allocate a temp_arp_data " \
     "(*)."
 #define NOT_SENT "ERROR tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed."
+#define NO_ENGINE(what)                                                               \
+    "DEBUG tarv_api/tarv_aync_ev_init: " what                                         \
+    "\nERROR tarv_api/tarv_init: Error initializing async events registration<-255>." \
+    "\nDEBUG tarv_arp_hash/tarv_hash_destroy: The ARP table is empty."                \
+    "\nERROR tarv_module/tarv_module_init: Error initializing tarv module.\nload returned -1"
 #define NO_PORT(what) what "\nERROR tarv_sa/tarv_sa_init: Cannot get HCA guid and port count."
 #define NO_TABLES(what) what "\nERROR tarv_sa/tarv_sa_init: Cannot get port #* gid and pkey"
 #define NO_SA_INFO(what) what "\nERROR tarv_sa/tarv_sa_init: Cannot get SA Info."
@@ -54,14 +59,20 @@ constexpr Rule silent(Silence silence, int load_result = 0) {
 constexpr int no_device = -1;
 constexpr int no_memory = -12;
 
-// The trace level is taken over at the end of a load: until then only plain lines are printed.
+// Where directories or memory for the version file are wanting, so is in the end the control file.
 constexpr Place load_places[] = {
     {"kmalloc", load, "", silent(Silence::version_may_be_missing, no_memory)},
-    {"create_proc_entry", load, "", silent(Silence::version_may_be_missing, no_memory)},
     {"proc_mkdir", load, "", silent(Silence::version_may_be_missing, no_memory)},
-    {"gx_hca_open", load, "load returned -1", silent(Silence::no_level_yet, no_device)},
-    {"gx_set_sleepable_async_event_cb", load, "load returned -1",
-     silent(Silence::no_level_yet, no_device)},
+    {"create_proc_entry",
+     load,
+     "ERROR tarv_module/tarv_module_init: Error creating /proc entry.",
+     {.load_result = no_memory}},
+    {"create_proc_entry", load, "", silent(Silence::version_may_be_missing)},
+    {"gx_hca_open", load, NO_ENGINE("gx_hca_open() failed <*>"), {.load_result = no_device}},
+    {"gx_set_sleepable_async_event_cb",
+     load,
+     NO_ENGINE("gx_set_sleepable_async_event_cb() failed <*>"),
+     {.load_result = no_device}},
     {"rep_open_key", load,
      "QD_LOGGER: rep_open_key failed for, quorvane/modules/tarv/ -- disabling logging\n"
      "load returned 0"},
@@ -282,10 +293,8 @@ const char* reason_of(Silence silence) {
     switch (silence) {
         case Silence::none:
             return "";
-        case Silence::no_level_yet:
-            return "no trace level is taken over yet";
         case Silence::version_may_be_missing:
-            return "the version file may be missing, and no trace level is taken over yet";
+            return "the version file may be missing";
         case Silence::nothing_is_run:
             return "what cannot be copied is no command";
         case Silence::level_is_not_followed:

@@ -16,7 +16,6 @@ namespace soak {
 /// Why a failure is not in the log.
 enum class Silence : std::uint8_t {
     none,  ///< it is
-    no_level_yet,
     version_may_be_missing,
     nothing_is_run,
     level_is_not_followed,

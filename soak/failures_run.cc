@@ -48,10 +48,25 @@ const Place* judge_place(World& world, const std::string& service) {
     return nullptr;
 }
 
+bool has_line_after_mark(const World& world, const std::string& line) {
+    const auto& timeline = world.timeline();
+    return std::find(timeline.begin() + static_cast<std::ptrdiff_t>(world.mark()->line),
+                     timeline.end(), line) != timeline.end();
+}
+
+/* A load is refused only because of the failure, with its code, and says so. */
 void judge_loads(World& world, const Place* place) {
-    for (const int result : world.load_results())
-        if (result != 0 && (!place || result != place->rule.load_result))
+    for (const int result : world.load_results()) {
+        if (result == 0)
+            continue;
+        const char* line =
+            result == -1 ? "ERROR tarv_module/tarv_module_init: Error initializing tarv module."
+                         : "ERROR tarv_module/tarv_module_init: Error creating /proc entry.";
+        if (!place || result != place->rule.load_result)
             world.violations.push_back("a load returned " + std::to_string(result));
+        else if (!has_line_after_mark(world, line))
+            world.violations.push_back(std::string("a refused load did not log: ") + line);
+    }
 }
 
 void judge_silent_ends(World& world, const Place* place) {

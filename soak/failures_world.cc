@@ -114,6 +114,10 @@ void World::fault_struck() {
             break;
     }
     mark_ = {where, timeline_.size()};
+    // The module takes its level over at the end of a load. The variable is exported, so that what
+    // it would log of a load that is refused can be made visible.
+    if (where == Where::load)
+        write_once(TARV_trace_level, static_cast<int>(TARV_DEBUG));
 }
 
 /* What becomes of the requests that the module makes for an administrator is seen in its log. */
