@@ -76,9 +76,9 @@ void Table::play(const Scenario& scenario) {
 
 void Table::play_service(const Scenario& scenario, const std::string& service,
                          unsigned long calls) {
-    unsigned long n = 1;
     unsigned long bad = 0;
-    for (bool through = false; !through; n += !through) {
+    // The run that goes through is the first one again; a short table does without.
+    for (unsigned long n = 1; n <= calls || !options_.brief; ++n) {
         const Run run = run_apart(scenario, {service, n});
         count(run);
         bad += !run.violations.empty();
@@ -89,14 +89,14 @@ void Table::play_service(const Scenario& scenario, const std::string& service,
                       run.hit ? run.where + ": " + run.outcome : run.outcome);
         print_violations(run);
         // A run that died may not have said that it was hit.
-        through = !run.hit && n > calls;
+        if (!run.hit && n > calls)
+            break;
     }
     if (options_.brief)
-        print_row(scenario.name, service.c_str(), "1-" + std::to_string(n - 1),
+        print_row(scenario.name, service.c_str(), "1-" + std::to_string(calls),
                   bad ? std::to_string(bad) + " bad" : "good");
 }
 
-/* What one scenario does not reach is another's business. */
 bool Table::is_good() const {
     const bool reached = sum_.reached.size() == host::services_that_fail().size() &&
                          sum_.places.size() == all_places().size();
