@@ -66,7 +66,7 @@ void take_idle(const ageing_t& run, taken_t& taken) TA_REQ(tarv_lock) {
         taken.first[bucket] = nullptr;
         taken.last[bucket] = &taken.first[bucket];
     }
-    tarv_hash_walk_t walk;
+    tarv_hash_walk_t walk(offsetof(tarv_hash_entry_t, timestamp));
     while (tarv_hash_entry_t* const entry = walk.next()) {
         if (!has_idled_out(entry, run))
             continue;

@@ -17,10 +17,12 @@ void tarv_hash_unlink(tarv_hash_entry_t* entry) TA_REQ(tarv_lock);
 
 /* A walk over all entries, each chain from its head. The chains are walked side by side: while one
  * entry is looked at, the next ones of all other chains are on their way from memory, which is
- * where the time of a walk over a large table goes. The entry that was got last may be unlinked. */
+ * where the time of a walk over a large table goes. Of each entry its beginning is fetched, and
+ * what stands `looked_at` bytes behind it. The entry that was got last may be unlinked. */
 class tarv_hash_walk_t {
   public:
-    tarv_hash_walk_t() TA_REQ_SHARED(tarv_lock) {
+    explicit tarv_hash_walk_t(size_t looked_at = 0) TA_REQ_SHARED(tarv_lock)
+        : looked_at_(looked_at) {
         for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++)
             if (tarv_hash_entry_t* const head = tarv_table.hash_buckets[bucket])
                 cursors_[count_++] = {bucket, head};
@@ -38,7 +40,7 @@ class tarv_hash_walk_t {
         bucket_ = cursor.bucket;
         if (tarv_hash_entry_t* const follower = cursor.entry->next) {
             __builtin_prefetch(follower);
-            __builtin_prefetch(&follower->timestamp);
+            __builtin_prefetch(reinterpret_cast<const char*>(follower) + looked_at_);
             cursors_[kept_++] = {cursor.bucket, follower};
         }
         return cursor.entry;
@@ -52,6 +54,7 @@ class tarv_hash_walk_t {
         u32 bucket;
         tarv_hash_entry_t* entry;
     };
+    const size_t looked_at_;
     cursor_t cursors_[TARV_HASH_BUCKETS];
     u32 count_ = 0;  // cursors of this round
     u32 at_ = 0;     // the next one of them

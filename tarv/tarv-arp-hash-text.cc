@@ -83,7 +83,7 @@ u32 put_lines(char* text, u32 room) TA_REQ_SHARED(tarv_lock) {
         line_of[bucket] = count;
         count += lengths[bucket];
     }
-    tarv_hash_walk_t walk;
+    tarv_hash_walk_t walk(offsetof(tarv_hash_entry_t, arp_data.lid));
     while (const tarv_hash_entry_t* const entry = walk.next()) {
         const u32 line = line_of[walk.bucket()]++;
         if (line < room)
