@@ -1,193 +1,93 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// What a client, an ARP packet and a waiting request cost at 16 to 49,151 peers, the most that one
-// InfiniBand subnet has unicast LIDs for.
-//
-// The module stands on the host's virtual kernel, in one thread, with a driver that sends nothing:
-// what is measured is the module and the host's locks and memory under it. Times are for comparing
-// rows of one run.
-#include <arpa/inet.h>
-#include <benchmark/benchmark.h>
+// What resolving a whole subnet costs a peer: ARP request and reply, the query for both paths and
+// the SA's answer, the callback. All of the module, the driver and the simulated fabric in virtual
+// time, with 128 requests on their way. Making the fabric is not measured.
+#include <ctime>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <random>
-#include <vector>
-
-#include "host/kernel.h"
-#include "platform/memory.h"
-#include "tarv/tarv-api.h"
-#include "tarv/tarv-arp-hash.h"
-#include "tarv/tarv-sa.h"
+#include "app/machine.h"
+#include "bench/bench.h"
+#include "fabric/topology.h"
 
 namespace {
 
-constexpr u32 our_ip = 0x0100000A;  // 10.0.0.1
+constexpr std::size_t outstanding_at_most = 128;
 
-/// The n-th peer, from 10.1.0.0 on.
-u32 peer_ip(u32 n) {
-    return htonl(0x0A010000 + n);
-}
-
-/// As many different peers in an order that no walk of memory could guess.
-std::vector<u32> shuffled_peers(u32 count) {
-    std::vector<u32> peers(count);
-    for (u32 n = 0; n < count; n++)
-        peers[n] = peer_ip(n);
-    std::shuffle(peers.begin(), peers.end(), std::mt19937(1));
-    return peers;
-}
-
-tarv_stat_t send_nothing(tarv_arp_data_t*, void*, int) {
-    return tarv_stat_ok;
-}
-
-tarv_stat_t answer_interface(u32, gx_p_key_t* pkey, u32*, int*, int* loopback) {
-    *pkey = 0xFFFF;
-    *loopback = 0;
-    return tarv_stat_ok;
-}
-
-/// A fault of the benchmark itself must not become a figure.
-void require(bool holds, const char* what) {
-    if (!holds) {
-        std::fprintf(stderr, "resolve_bench: %s\n", what);
-        std::abort();
-    }
-}
-
-/// The parts of the engine that need no adapter, with a driver attached and ARP intake on. SA
-/// queries count as on, so that no peer is given a static path.
-class Engine {
+/// A client that asks for everybody, both paths.
+class Client {
   public:
-    Engine() {
-        write_once(halted, 0);
-        tarv_sa_start();
-        tarv_hash_init();
-        tarv_req_list_init();
-        tarv_sa_req_list_init();
-        write_once(enabled, 1);
-        write_once(sa_queries_enabled, 1);
-        write_once(statics_inv_enabled, 1);
-        require(tarv_attach(answer_interface, send_nothing, nullptr, &handle_) == tarv_stat_ok,
-                "the driver could not be attached");
-    }
-    ~Engine() {
-        tarv_detach(handle_);
-        tarv_sa_req_list_destroy();
-        tarv_req_list_destroy();
-        tarv_hash_destroy();
-    }
-    Engine(const Engine&) = delete;
-    Engine& operator=(const Engine&) = delete;
+    explicit Client(app::Machine& machine)
+        : machine_(machine),
+          get_ib_data_(machine.function<tarv_get_ib_data_fn_t>("tarv_get_ib_data_fn")) {}
 
-    /// An ARP reply of the peer comes in.
-    static void learn(u32 peer) {
-        tarv_arp_data_t record = {};
-        record.mask = TARV_MASK_SRC_IP | TARV_MASK_DST_IP | TARV_MASK_LID | TARV_MASK_QPN;
-        record.arp_operation = TARV_ARP_OP_REPLY;
-        record.src_ip = peer;
-        record.dst_ip = our_ip;
-        record.lid = static_cast<u16>(peer >> 16);
-        require(tarv_process_arp_data(&record) == tarv_stat_ok, "ARP data was refused");
-    }
-
-    static void forget(u32 peer) {
-        tarv_hash_entry_t* entry = nullptr;
-        require(tarv_hash_remove_entry(peer, &entry) == tarv_stat_ok, "an entry was missing");
-        kfree(entry);
+    /// Asks for each of `peers`, and returns when all have answered.
+    void resolve(const std::vector<u32>& peers) {
+        std::size_t next = 0;
+        while (answered_ < peers.size()) {
+            while (next < peers.size() && next - answered_ < outstanding_at_most)
+                ask(peers[next++]);
+            machine_.kernel().advance(1);
+        }
     }
 
   private:
-    host::Kernel kernel_;
-    void* handle_ = nullptr;
+    void ask(u32 ip) {
+        tarv_arp_data_t record = {};
+        bench::require(get_ib_data_(ip, machine_.fabric().our_host().ip, tarv_paths_both, &record,
+                                    reply, this, 0) == tarv_stat_pending,
+                       "a request did not become pending");
+    }
+    static void reply(tarv_stat_t status, tarv_arp_data_t* record, void* context) {
+        bench::require(status == tarv_stat_ok && record->paths_count == 2,
+                       "a peer was not resolved with both its paths");
+        static_cast<Client*>(context)->answered_++;
+    }
+
+    app::Machine& machine_;
+    tarv_get_ib_data_fn_t* const get_ib_data_;
+    std::size_t answered_ = 0;
 };
 
-void count_reply(tarv_stat_t, tarv_arp_data_t*, void* context) {
-    ++*static_cast<u64*>(context);
+/// Our two ports and the switches have LIDs too, so that this is as many peers as one subnet has.
+constexpr u32 most_peers = 48'700;
+
+app::Site site_of(int peers) {
+    app::Site site;
+    site.topology = fabric::make_fabric({.hosts = peers + 1,
+                                         .two_port_percent = 0,
+                                         
+                                         .hosts_per_leaf = 126,
+                                         .spines = 2,
+                                         .lids = false});
+    site.hosts = fabric::deal_addresses(site.topology);
+    return site;
 }
 
-/// A client asks for an address that the cache has.
-void hit(benchmark::State& state) {
-    const Engine engine;
-    const std::vector<u32> peers = shuffled_peers(static_cast<u32>(state.range(0)));
-    for (const u32 peer : peers)
-        Engine::learn(peer);
-    tarv_arp_data_t record;
-    std::size_t next = 0;
+void resolve(benchmark::State& state) {
+    const auto peers = static_cast<std::size_t>(state.range(0));
     for (auto _ : state) {
-        require(tarv_get_ib_data(peers[next], our_ip, tarv_paths_none, &record, nullptr, nullptr,
-                                 0) == tarv_stat_ok,
-                "a hit missed");
-        benchmark::DoNotOptimize(record);
-        next = next + 1 < peers.size() ? next + 1 : 0;
+        app::Machine machine(site_of(static_cast<int>(peers)), app::HostOptions(),
+                             host::Clock::virtual_time, {});
+        machine.start();
+        machine.switch_on();
+        std::vector<u32> addresses;
+        for (const u32 n : bench::shuffled(static_cast<u32>(peers)))
+            addresses.push_back(machine.fabric().hosts()[n + 1].ip);
+        Client client(machine);
+        const std::clock_t start = std::clock();
+        client.resolve(addresses);
+        const std::clock_t taken = std::clock() - start;
+        state.SetIterationTime(static_cast<double>(taken) / CLOCKS_PER_SEC /
+                               static_cast<double>(peers));
+        bench::require(machine.stop().remains.empty(), "something remained after the unload");
     }
 }
-
-/// A client that gives no callback asks for an address that the cache has not.
-void miss(benchmark::State& state) {
-    const Engine engine;
-    const u32 count = static_cast<u32>(state.range(0));
-    for (const u32 peer : shuffled_peers(count))
-        Engine::learn(peer);
-    tarv_arp_data_t record;
-    u32 next = 0;
-    for (auto _ : state) {
-        require(tarv_get_ib_data(peer_ip(count + next), our_ip, tarv_paths_none, &record, nullptr,
-                                 nullptr, 0) == tarv_stat_not_found,
-                "a miss hit");
-        next = next + 1 < count ? next + 1 : 0;
-    }
-}
-
-/// A peer is removed and learned again from its ARP packet.
-void insert(benchmark::State& state) {
-    const Engine engine;
-    const std::vector<u32> peers = shuffled_peers(static_cast<u32>(state.range(0)));
-    for (const u32 peer : peers)
-        Engine::learn(peer);
-    std::size_t next = 0;
-    for (auto _ : state) {
-        Engine::forget(peers[next]);
-        Engine::learn(peers[next]);
-        next = next + 1 < peers.size() ? next + 1 : 0;
-    }
-}
-
-/// A request is filed for an unknown address and completed by the ARP reply, with as many others
-/// waiting.
-void pending_round_trip(benchmark::State& state) {
-    const Engine engine;
-    const std::vector<u32> peers = shuffled_peers(static_cast<u32>(state.range(0)));
-    tarv_arp_data_t record = {};
-    u64 others_answered = 0;
-    for (const u32 peer : peers)
-        tarv_get_ib_data(peer, our_ip, tarv_paths_none, &record, count_reply, &others_answered, 0);
-    const u32 wanted = peer_ip(static_cast<u32>(peers.size()));
-    u64 answered = 0;
-    for (auto _ : state) {
-        require(tarv_get_ib_data(wanted, our_ip, tarv_paths_none, &record, count_reply, &answered,
-                                 0) == tarv_stat_pending,
-                "a request was not filed");
-        Engine::learn(wanted);
-        Engine::forget(wanted);
-    }
-    require(answered == static_cast<u64>(state.iterations()) && others_answered == 0,
-            "replies do not match requests");
-}
-
-void sizes(benchmark::internal::Benchmark* bench) {
-    for (const int peers : {16, 256, 4096, 49151})
-        bench->Arg(peers);
-    bench->ArgName("peers");
-}
-
-BENCHMARK(hit)->Apply(sizes);
-BENCHMARK(miss)->Apply(sizes);
-BENCHMARK(insert)->Apply(sizes);
-BENCHMARK(pending_round_trip)->Apply(sizes);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    for (const u32 peers : {1000u, most_peers})
+        bench::row("resolve", "tarv", peers, resolve)->UseManualTime()->Iterations(1);
+    benchmark::RunSpecifiedBenchmarks();
+}

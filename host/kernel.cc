@@ -46,7 +46,8 @@ Kernel::Kernel(const Options& options) : impl_(std::make_unique<Impl>()) {
         die("Kernel: a second one is made while one exists");
     impl_->clock = options.clock;
     current_epoch = next_epoch();
-    only_thread = options.clock == Clock::virtual_time ? &this_thread : nullptr;
+    const bool one_thread = options.clock == Clock::virtual_time && !options.shared;
+    only_thread = one_thread ? &this_thread : nullptr;
     the_kernel = this;
     for (const Service* service : services)
         service->begin();

@@ -5,10 +5,11 @@
 //
 // Exactly one Kernel exists at a time. While it exists, the functions of platform/ work.
 //
-// Virtual time: one thread. Ticks pass only in advance(), and everything that falls due runs there,
-// in the order of its due tick, then in the order in which it was scheduled: one input, one
-// transcript. Real time: 1000 ticks a second. Every context but process has a thread of its own, so
-// that timers, GSI completions, driver receives and adapter events truly run at the same time.
+// Virtual time: one thread, or one that passes the time while others only call. Ticks pass only in
+// advance(), and everything that falls due runs there, in the order of its due tick, then in the
+// order in which it was scheduled: one input, one transcript. Real time: 1000 ticks a second. Every
+// context but process has a thread of its own, so that timers, GSI completions, driver receives and
+// adapter events truly run at the same time.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +28,7 @@ enum class Context : std::uint8_t { process, event, timer, gsi, driver };
 struct Options {
     Clock clock = Clock::virtual_time;
     unsigned long first_jiffy = 1000;  ///< the tick counter's first value
+    bool shared = false;  ///< virtual time: all threads may call, while one of them passes the time
 };
 
 class Kernel {

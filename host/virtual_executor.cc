@@ -3,6 +3,7 @@
 // Virtual time. Ticks pass only when somebody waits: in advance(), and in the calls by which the
 // kernel's own code waits for others. Time jumps from one due moment to the next.
 #include <algorithm>
+#include <atomic>
 
 #include "host/executor.h"
 #include "host/internal.h"
@@ -51,12 +52,12 @@ class VirtualExecutor final : public Executor {
     bool run_until(unsigned long last);
 
     TimeQueue queue_;
-    unsigned long now_;
-    unsigned events_ = 0;  ///< events being handled
+    std::atomic<unsigned long> now_;  // also read by threads that do not pass the time
+    unsigned events_ = 0;             ///< events being handled
 };
 
 void VirtualExecutor::run_first() {
-    now_ = std::max(now_, first_due());
+    now_ = std::max(now(), first_due());
     TimeQueue::Entry entry = events_ ? queue_.pop_without(Context::event) : queue_.pop();
     const bool event = entry.context == Context::event;
     events_ += event;
@@ -74,7 +75,7 @@ bool VirtualExecutor::run_until(unsigned long last) {
 void VirtualExecutor::advance(unsigned long ticks) {
     const unsigned long last = now_ + ticks;
     run_until(last);
-    now_ = std::max(now_, last);
+    now_ = std::max(now(), last);
 }
 
 // A caller that yields in a loop waits for something that only the passing of time may bring.

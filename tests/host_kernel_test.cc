@@ -13,6 +13,7 @@
 
 #include "host/check.h"
 #include "platform/jiffies.h"
+#include "platform/memory.h"
 #include "platform/semaphore.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
@@ -57,6 +58,21 @@ struct NotingTimer {
     std::function<void()> on_fire;
     timer_list timer{};
 };
+
+/* While one thread passes the time, others read it and allocate. */
+TEST(SharedKernel, LetsAllThreadsCall) {
+    Kernel kernel({.clock = Clock::virtual_time, .first_jiffy = 1000, .shared = true});
+    std::atomic<bool> stopped = false;
+    std::thread other([&] {
+        while (!stopped || jiffies() < 2000)
+            kfree(kmalloc(16, GFP_ATOMIC));
+    });
+    for (int i = 0; i < 1000; i++)
+        kernel.advance(1);
+    stopped = true;
+    other.join();
+    EXPECT_EQ(kernel.remains(), std::vector<std::string>());
+}
 
 TEST_P(VirtualKernel, RunsInOrderOfDueTickThenAge) {
     at(7, "late");
