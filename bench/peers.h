@@ -85,7 +85,9 @@ class ModuleCall : public Module {
 class BareLimit {
   public:
     using Visit = NoVisit;
-    explicit BareLimit(u32 capacity) : entries_(capacity) { rwlock_init(&lock_, "bare_limit_lock"); }
+    explicit BareLimit(u32 capacity) : entries_(capacity) {
+        rwlock_init(&lock_, "bare_limit_lock");
+    }
     ~BareLimit() {
         for (const tarv_hash_entry_t* entry : entries_)
             kfree(entry);

@@ -136,8 +136,8 @@ class PlainList {
         const spin_guard guard(plain_list_lock);
         int identical = 0;
         for (const tarv_list_entry_t* other : tarv_request_list(head_))
-            identical += other->req_ip == entry->req_ip &&
-                         other->requested_paths == entry->requested_paths;
+            identical +=
+                other->req_ip == entry->req_ip && other->requested_paths == entry->requested_paths;
         return identical;
     }
 

@@ -55,7 +55,7 @@ app::Site site_of(int peers) {
     app::Site site;
     site.topology = fabric::make_fabric({.hosts = peers + 1,
                                          .two_port_percent = 0,
-                                         
+
                                          .hosts_per_leaf = 126,
                                          .spines = 2,
                                          .lids = false});

@@ -11,11 +11,11 @@
 // The linker puts these in front of the host's write lock (see CMakeLists.txt): the time between
 // them is how long the table was locked.
 unsigned long real_write_lock(rwlock_t* lock) __asm__("__real_plat_write_lock_irqsave");
-void real_write_unlock(rwlock_t* lock, unsigned long flags) __asm__(
-    "__real_plat_write_unlock_irqrestore");
+void real_write_unlock(rwlock_t* lock,
+                       unsigned long flags) __asm__("__real_plat_write_unlock_irqrestore");
 unsigned long timed_write_lock(rwlock_t* lock) __asm__("__wrap_plat_write_lock_irqsave");
-void timed_write_unlock(rwlock_t* lock, unsigned long flags) __asm__(
-    "__wrap_plat_write_unlock_irqrestore");
+void timed_write_unlock(rwlock_t* lock,
+                        unsigned long flags) __asm__("__wrap_plat_write_unlock_irqrestore");
 
 namespace {
 
