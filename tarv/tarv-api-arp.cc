@@ -21,6 +21,23 @@ u8 port_number(u32 local_port_num) {
     return local_port_num <= 0xFF ? static_cast<u8>(local_port_num) : 0;
 }
 
+void set_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn, void* context)
+    TA_REQ(driver_lock) {
+    write_once(send_arp_data_fn_context, context);
+    write_once(local_send_arp_data_fn, send_arp_data_fn);
+    write_once(local_get_if_info_fn, get_if_info_fn);
+}
+
+/* False when there is a driver already. */
+bool take_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
+                 void* context) TA_EXCL(driver_lock) {
+    const spin_guard guard(driver_lock);
+    if (local_send_arp_data_fn || local_get_if_info_fn)
+        return false;
+    set_driver(get_if_info_fn, send_arp_data_fn, context);
+    return true;
+}
+
 /* Gives the peer in `record` the static path, its own ends filled in. The template is used by every
  * intake and by commands: the work is done on a copy, and only the new P_Key is put back. */
 void add_static_path(tarv_arp_data_t* record) {
@@ -120,6 +137,7 @@ tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
 
 constinit u8 enabled = 0;
 constinit u8 statics_inv_enabled = 1;
+constinit spinlock_t driver_lock = {};
 constinit send_arp_data_fn_t local_send_arp_data_fn = nullptr;
 constinit get_if_info_fn_t local_get_if_info_fn = nullptr;
 constinit void* send_arp_data_fn_context = nullptr;
@@ -128,13 +146,10 @@ constinit ib_path_record_v2_t static_path = {};
 
 tarv_stat_t tarv_attach(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
                         void* context, void** handle) {
-    if (read_once(local_send_arp_data_fn) || read_once(local_get_if_info_fn)) {
+    if (!take_driver(get_if_info_fn, send_arp_data_fn, context)) {
         TARV_LOG(TARV_ERROR, "send_arp_data_fn OR get_if_info_fn allready registered.\n");
         return tarv_stat_error;
     }
-    write_once(send_arp_data_fn_context, context);
-    write_once(local_send_arp_data_fn, send_arp_data_fn);
-    write_once(local_get_if_info_fn, get_if_info_fn);
     *handle = TARV_ATTACH_HANDLE;
     return tarv_stat_ok;
 }
@@ -144,9 +159,8 @@ tarv_stat_t tarv_detach(void* handle) {
         TARV_LOG(TARV_ERROR, "Invalid handle.\n");
         return tarv_stat_error;
     }
-    write_once(local_send_arp_data_fn, nullptr);
-    write_once(local_get_if_info_fn, nullptr);
-    write_once(send_arp_data_fn_context, nullptr);
+    const spin_guard guard(driver_lock);
+    set_driver(nullptr, nullptr, nullptr);
     return tarv_stat_ok;
 }
 

@@ -26,7 +26,9 @@ extern u8 statics_inv_enabled;  // 1; 0: static entries are neither replaced nor
 extern int get_data_retry;      // 3; re-issues of a request before it times out
 extern int tarv_media_reset;    // 1; what the next ARP request tells the driver
 
-/* The attached driver; null while there is none. */
+/* The attached driver; null while there is none. The lock keeps a driver's function and its context
+ * together: who calls the one with the other takes both under it. */
+extern spinlock_t driver_lock;
 extern send_arp_data_fn_t local_send_arp_data_fn;
 extern get_if_info_fn_t local_get_if_info_fn;
 extern void* send_arp_data_fn_context;
