@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "fabric/witness.h"
 #include "host/check.h"
 
 namespace fabric {
@@ -65,7 +66,12 @@ void Events::drain(const Shared& registration) {
         registration->queue.pop_front();
         mutex_.unlock();
         callback_here = registration.get();
+        Witness* const sees = witness();
+        if (sees != nullptr)
+            sees->before_event(event);
         registration->callback(event);
+        if (sees != nullptr)
+            sees->after_event();
         callback_here = nullptr;
         mutex_.lock();
     }

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "fabric/gsi_internal.h"
+#include "fabric/witness.h"
 #include "host/check.h"
 #include "host/faults.h"
 #include "platform/jiffies.h"
@@ -322,8 +323,14 @@ void Gsi::receive(int port, const Packet& packet) {
     }
     if (reply)
         network_.send(port, std::move(*reply));
-    if (dtgrm != nullptr)
-        complete(owner, owner->recv_done, dtgrm);
+    if (dtgrm == nullptr)
+        return;
+    Witness* const sees = witness();
+    if (sees != nullptr)
+        sees->before_answer(port, dtgrm);
+    complete(owner, owner->recv_done, dtgrm);
+    if (sees != nullptr)
+        sees->after_answer();
 }
 
 }  // namespace fabric

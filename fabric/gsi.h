@@ -59,14 +59,16 @@ class Gsi {
 
     /// The next call for a datagram succeeds without one: a pool that has lost count.
     void hand_out_nothing_next();
+    bool hands_out_nothing_next() const;
 
     /// The next answer is reported with that size; a block with no more than it holds.
     void report_size_next(int size);
 
     std::size_t open_classes() const;
     std::size_t pools() const;
-    std::size_t datagrams_out() const;     ///< that are not in their pool, received ones included
-    std::size_t requests_waiting() const;  ///< sent, not answered and not yet forgotten
+    std::size_t datagrams_out() const;  ///< that are not in their pool, received ones included
+    std::size_t datagrams_in_flight() const;  ///< posted, their send not yet completed
+    std::size_t requests_waiting() const;     ///< sent, not answered and not yet forgotten
     void report(std::vector<std::string>& lines) const;
 
     /// A management datagram arrived at our port.

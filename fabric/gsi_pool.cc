@@ -42,6 +42,11 @@ void die_of(const char* call, const GsiSlot& slot, const char* what) {
               slot.pool->name.c_str(), what);
 }
 
+bool Gsi::hands_out_nothing_next() const {
+    MutexLock lock(mutex_);
+    return nothing_next_;
+}
+
 void Gsi::hand_out_nothing_next() {
     MutexLock lock(mutex_);
     nothing_next_ = true;
@@ -58,6 +63,14 @@ std::size_t Gsi::datagrams_out() const {
     for (const auto& [handle, pool] : pools_)
         out += pool->made - pool->free.size();
     return out;
+}
+
+std::size_t Gsi::datagrams_in_flight() const {
+    MutexLock lock(mutex_);
+    std::size_t posted = 0;
+    for (const auto& [handle, made] : classes_)
+        posted += static_cast<std::size_t>(made->in_flight);
+    return posted;
 }
 
 void Gsi::report(std::vector<std::string>& lines) const {

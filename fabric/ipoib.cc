@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "fabric/fabric.h"
+#include "fabric/witness.h"
 #include "host/check.h"
 #include "host/faults.h"
 #include "host/services.h"
@@ -232,8 +233,14 @@ void Ipoib::receive(int port, const Packet& packet) {
         !begin_intake(*arp, packet))
         return;
     tarv_arp_data_t record = make_record(*arp, packet, port);
-    if (auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn"))
-        process(&record);
+    if (auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn")) {
+        Witness* const sees = witness();
+        if (sees != nullptr)
+            sees->before_arp(record);
+        const tarv_stat_t result = process(&record);
+        if (sees != nullptr)
+            sees->after_arp(result);
+    }
     if (arp->operation == arp_request)
         answer(*arp, packet, port);
     MutexLock lock(mutex_);

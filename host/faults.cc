@@ -12,6 +12,11 @@
 #include "host/internal.h"
 
 namespace host {
+namespace {
+
+std::atomic<unsigned long> failed_so_far{0};
+
+}  // namespace
 
 /* Counting is one relaxed atomic; only while a fault of the service is set is there more to do. */
 class FaultPoint {
@@ -34,6 +39,7 @@ class FaultPoint {
         pending_ = false;
         calls_ = 0;
     }
+    unsigned long failed() const { return failed_.load(std::memory_order_relaxed); }
     unsigned long calls() const { return calls_.load(std::memory_order_relaxed); }
 
   private:
@@ -41,11 +47,14 @@ class FaultPoint {
         const std::lock_guard guard(mutex_);
         const bool found = failing_.erase(number) > 0;
         pending_ = !failing_.empty();
+        failed_so_far += found;
+        failed_ += found;
         return found;
     }
     void tell_watcher() const;
 
     std::atomic<unsigned long> calls_{0};
+    std::atomic<unsigned long> failed_{0};
     std::atomic<bool> pending_{false};
     std::mutex mutex_;
     std::set<unsigned long> failing_;  // numbers of the calls that are to fail
@@ -151,6 +160,14 @@ void clear_faults() {
 
 unsigned long calls_of(const std::string& service) {
     return known(service).calls();
+}
+
+unsigned long failed_calls() {
+    return failed_so_far.load(std::memory_order_relaxed);
+}
+
+unsigned long failed_calls_of(const std::string& service) {
+    return known(service).failed();
 }
 
 const std::vector<std::string>& services_that_fail() {

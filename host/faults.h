@@ -26,6 +26,10 @@ void watch_faults(FaultWatcher watcher);
 /// How often `service` was called since the kernel began or clear_faults().
 unsigned long calls_of(const std::string& service);
 
+/// How many calls have failed since the process began because they were told to.
+unsigned long failed_calls();
+unsigned long failed_calls_of(const std::string& service);
+
 /// The services that can fail, in the order in which they are listed to a person.
 const std::vector<std::string>& services_that_fail();
 

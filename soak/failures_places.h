@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "soak/failures_world.h"
+#include "soak/silent_end.h"
 
 namespace soak {
 
@@ -24,14 +25,6 @@ enum class Silence : std::uint8_t {
     called_again,
 };
 const char* reason_of(Silence silence);
-
-/// How a request that its client was told to wait for can end without a word.
-enum class SilentEnd : std::uint8_t {
-    none,
-    no_memory_for_the_reissue,
-    waiting_for_arp_at_unload,
-};
-const char* reason_of(SilentEnd end);
 
 /// What follows the log lines of the service itself.
 enum class Then : std::uint8_t {
