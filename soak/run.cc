@@ -153,7 +153,7 @@ Violation read_death(int status, const std::string& said) {
         return {"kernel_rule:" + line.substr(0, line.find(':')), line};
     }
     const std::string how = WIFSIGNALED(status)
-                                ? std::string("signal ") + strsignal(WTERMSIG(status))
+                                ? std::string("signal SIG") + sigabbrev_np(WTERMSIG(status))
                                 : "exit status " + std::to_string(WEXITSTATUS(status));
     return {"crash", how + (said.empty() ? "" : "\n" + said)};
 }

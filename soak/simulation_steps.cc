@@ -402,6 +402,8 @@ void Simulation::load(const Step& step) {
     if (loaded_)
         return;
     const std::string timeout = std::to_string(step.value[0]);
+    if (step.value[2] != 0)
+        fail_call({step.kind, {step.value[1], step.value[2] - 1}, {}});
     if (host::load_module(tarv_module, {"arp_cache_timeout_sec=" + timeout}) != 0) {
         tally_.note(Outcome::loads_failed);
         return check_remains();

@@ -28,14 +28,14 @@ constexpr KindRow rows[kinds] = {
     {"peer-asks", 300, {{{"address", addresses}}}},
     {"announce", 300, {{{"address", addresses}}}},
     {"peer-link", 100, {{{"address", addresses}, {"up", 1}}}},
-    {"peer-gid", 60, {{{"address", addresses}, {"as", addresses}}}},
+    {"peer-gid", 25, {{{"address", addresses}, {"as", addresses}}}},
     {"peer-lid", 60, {{{"address", addresses}, {"lid", 0xBFFF}}}},
     {"peer-qpn", 60, {{{"address", addresses}, {"qpn", 0xFFFFFF}}}},
     {"peer-fault", 100, {{{"address", addresses}, {"fault", 4}, {"number", 5000}}}},
-    {"sa-fault", 80, {{{"fault", 4}, {"number", 5000}}}},
-    {"sa-answer", 120, {{{"edit", 7}, {"value", 0xFFFF}, {"count", 9}}}},
+    {"sa-fault", 60, {{{"fault", 4}, {"number", 5000}}}},
+    {"sa-answer", 50, {{{"edit", 7}, {"value", 0xFFFF}, {"count", 9}}}},
     {"port-fault", 40, {{{"port", 2}, {"fault", 4}, {"number", 5000}}}},
-    {"calm", 150, {}},
+    {"calm", 200, {}},
     {"link", 80, {{{"port", 2}, {"up", 1}}}},
     {"lid", 20, {{{"port", 2}, {"lid", 0xBFFF}}}},
     {"mtu", 20, {{{"port", 2}, {"code", 5}}}},
@@ -46,11 +46,11 @@ constexpr KindRow rows[kinds] = {
     {"fail", 150, {{{"service", 63}, {"call", 20}}}},
     {"empty-hand", 20, {}},
     {"level", 30, {{{"level", 5}, {"of-all", 1}}}},
-    {"attach", 30, {}},
-    {"detach", 15, {}},
+    {"attach", 60, {}},
+    {"detach", 10, {}},
     {"pass", 2000, {{{"ticks", 1000000}}}},
-    {"load", 60, {{{"timeout", 100000}}}},
-    {"unload", 15, {}},
+    {"load", 60, {{{"timeout", 100000}, {"service", 63}, {"failing-call", 20}}}},
+    {"unload", 20, {}},
 };
 
 std::string quoted(const std::string& text) {
@@ -117,6 +117,10 @@ Step read_step(app::ScriptLine& line) {
 
 const KindRow& row_of(Kind kind) {
     return rows[static_cast<std::size_t>(kind)];
+}
+
+std::span<const KindRow, kinds> all_rows() {
+    return rows;
 }
 
 std::string to_text(const WorldShape& shape) {

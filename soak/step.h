@@ -93,6 +93,7 @@ struct KindRow {
     std::array<Argument, most_arguments> arguments;
 };
 const KindRow& row_of(Kind kind);
+std::span<const KindRow, kinds> all_rows();
 
 /// A world, and a step in it, by chance.
 WorldShape choose_world(Random& random);
