@@ -105,10 +105,10 @@ Line& Line::gid() {
                                           "0x12g4", "0xabc", "0x123456789012345678901234567890123"};
     if (random_.one_in(20))
         return word(random_.of(odd));
-    const char* const format = random_.one_in(3) ? "0xfe80000000000000000000000000a1%02x"
-                                                 : "0xfe80000000000000000000000000a0%02x";
+    const char* const format = random_.one_in(3) ? "0xfe80000000000000000000000000a0%02x"
+                                                 : "0xfe80000000000000000000000000a1%02x";
     char text[48];
-    std::snprintf(text, sizeof text, format, random_.below(64));
+    std::snprintf(text, sizeof text, format, random_.below(random_.one_in(3) ? 64 : shape_.hosts));
     return word(text);
 }
 

@@ -40,6 +40,8 @@ Simulation::Simulation(const WorldShape& shape)
       model_(fabric_) {
     the_simulation = this;
     fabric_.ipoib().set_mask(0x00FFFFFF);
+    for (std::uint32_t i = 1; i < shape.hosts; ++i)
+        name_peer(i, i);
     fabric::set_witness(this);
     host::set_logger_level(5);
     host::set_repository_value(level_key, level_name, 1);

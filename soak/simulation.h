@@ -163,6 +163,7 @@ class Simulation final : private fabric::Witness {
     void load(const Step& step);
     void unload(const Step& step);
 
+    void name_peer(std::uint32_t address, std::uint32_t number);
     void ask_once(const Question& question, bool again);
     tarv_arp_data_t made_packet(std::uint32_t ip, std::uint32_t as, std::uint16_t operation,
                                 std::uint32_t port) const;

@@ -267,9 +267,14 @@ void Simulation::peer_link(const Step& step) {
 }
 
 void Simulation::peer_gid(const Step& step) {
+    name_peer(step.value[0], step.value[1]);
+}
+
+/* The GIDs that peers have are those that commands and made-up packets are likely to name. */
+void Simulation::name_peer(std::uint32_t address, std::uint32_t number) {
     fabric::Gid gid{0xFE, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xA1};
-    gid[15] = static_cast<std::uint8_t>(step.value[1]);
-    fabric_.change_peer(ip_of(step.value[0]), {.gid = gid});
+    gid[15] = static_cast<std::uint8_t>(number);
+    fabric_.change_peer(ip_of(address), {.gid = gid});
 }
 
 void Simulation::peer_lid(const Step& step) {
