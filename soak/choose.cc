@@ -123,7 +123,7 @@ constexpr Command commands[] = {
     {30, [](Line& line) { line.word("sa_queries").word("on"); }},
     {8, [](Line& line) { line.word("sa_queries").rarely(8, "ON", "off"); }},
     {20, [](Line& line) { line.word("statics_inv").either("on", "off"); }},
-    {40,
+    {20,
      [](Line& line) {
          line.word("add").ip().ip().number().perhaps([](Line& more) { more.number().number(); });
      }},
