@@ -20,7 +20,7 @@ namespace {
 struct Options {
     double seconds = 20;
     std::string place = "all";
-    unsigned times = 2000;
+    unsigned times = 8000;
 };
 
 /* Ticks of the module in one of the clock: what takes the module a minute takes about a second. */
