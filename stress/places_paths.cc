@@ -3,6 +3,7 @@
 // Places around paths: the static one, and the queries to the SA with the ports' contexts that they
 // go through.
 #include <atomic>
+#include <memory>
 #include <thread>
 
 #include "host/check.h"
@@ -32,79 +33,104 @@ ib_path_record_v2_t cached_path(const Site& site, unsigned peer) {
 
 }  // namespace
 
-/* The intake copies the path, asks the driver for the P_Key, and puts the key back. In odd rounds a
- * command sets the whole path in between; in even rounds the two reach for it at the same time. */
+namespace {
+
+/* The static path of one round: the command with this number sets it, and the intake is told this
+ * P_Key. */
+unsigned number_of(unsigned round) {
+    return 1 + round % 0x3FFFF;
+}
+u16 key_of(unsigned round) {
+    return static_cast<u16>(0x8000 | (round & 0x7FFF));
+}
+
+/* What the intake of the round stored is of one command, and what the next one stores is of this
+ * round's. */
+void check_static_path(const Site& site, unsigned round) {
+    const unsigned peer = round % peer_count;
+    const unsigned got = Identities::static_path_number(cached_path(site, peer));
+    if (round > 0 && got != number_of(round) && got != number_of(round - 1))
+        violation("torn record: a static path is of command %u in round %u", got, round);
+    site.driver.deliver(site.identities.heard(peer, round, TARV_ARP_OP_REQUEST));
+    const ib_path_record_v2_t path = cached_path(site, peer);
+    if (Identities::static_path_number(path) != number_of(round))
+        violation("lost command: the static path is of command %u after command %u",
+                  Identities::static_path_number(path), number_of(round));
+    if (path.pkey != key_of(round))
+        violation("torn record: a static path has P_Key 0x%x instead of 0x%x", path.pkey,
+                  key_of(round));
+}
+
+/* Holds a thread once, when it comes to the lock. */
+Visitor meet_once_at(const void* lock, Meeting& meeting) {
+    return [lock, &meeting, met = std::make_shared<bool>(false)](const void* object) {
+        if (object != lock || *met)
+            return;
+        *met = true;
+        meeting.arrive();
+    };
+}
+
+}  // namespace
+
+/* The intake copies the path, asks the driver for the P_Key, and puts the key back. The command
+ * comes in between; or the two come to the lock together; or they just run, without anything that
+ * orders them, and it is seen whether they ran at the same time. */
 Tally drive_static_path(Site& site, unsigned rounds) {
+    enum Kind { in_between, at_the_lock, at_will };
     Tally tally;
     Meeting asked;
     Meeting set;
+    Meeting locks;
     std::atomic<unsigned> now = 0;
     std::atomic<bool> racing = false;
-    const auto key_of = [](unsigned round) { return static_cast<u16>(0x8000 | (round & 0x7FFF)); };
+    std::atomic<int> under_way = 0;
+    std::atomic<bool> both = false;
+    const auto kind_of = [](unsigned round) { return static_cast<Kind>(round % 3); };
     const auto lost = [](const tarv_arp_data_t&) { return tarv_stat_ok; };
     const DriverDoes does(site, lost, [&](gx_p_key_t* pkey) {
         *pkey = key_of(now);
-        if (racing && now % 2 == 1) {
+        if (racing && kind_of(now) == in_between) {
             asked.arrive();
             set.arrive();
         }
         return tarv_stat_ok;
     });
     Site::command("sa_queries off");
-    Meeting meeting;
-    const auto meet = [&](const void* lock) {
-        if (lock == &static_path_lock && racing.exchange(false))
-            meeting.arrive();
+    const auto race = [&](unsigned round, const auto& work) {
+        const AtMyDoor door(
+            Door::lock,
+            meet_once_at(kind_of(round) == at_the_lock ? &static_path_lock : nullptr, locks));
+        if (under_way.fetch_add(1, std::memory_order_relaxed) == 1)
+            both.store(true, std::memory_order_relaxed);
+        work();
+        under_way.fetch_sub(1, std::memory_order_relaxed);
     };
-    const auto meet_other = [&, met = 0u](const void* lock) mutable {
-        if (lock == &static_path_lock && met != now + 1) {
-            met = now + 1;
-            meeting.arrive();
-        }
-    };
-    const auto number_of = [](unsigned round) { return 1 + round % 0x3FFFF; };
     in_step(
         rounds,
         [&](unsigned round) {
             now = round;
             racing = true;
+            both = false;
         },
         [&](unsigned round) {
             const std::string command = site.identities.set_static_path_command(number_of(round));
-            if (round % 2 == 1) {
+            if (kind_of(round) == in_between)
                 asked.arrive();
-                Site::command(command);
+            race(round, [&] { Site::command(command); });
+            if (kind_of(round) == in_between)
                 set.arrive();
-            } else {
-                const AtMyDoor door(Door::lock, meet);
-                Site::command(command);
-            }
-            tally.met++;
         },
         [&](unsigned round) {
-            const tarv_arp_data_t heard =
-                site.identities.heard(round % peer_count, round, TARV_ARP_OP_REQUEST);
-            if (round % 2 == 1) {
-                site.driver.deliver(heard);
-                return;
-            }
-            const AtMyDoor door(Door::lock, meet_other);
-            site.driver.deliver(heard);
+            race(round, [&] {
+                site.driver.deliver(
+                    site.identities.heard(round % peer_count, round, TARV_ARP_OP_REQUEST));
+            });
         },
         [&](unsigned round) {
-            const unsigned peer = round % peer_count;
+            tally.met += both;
             racing = false;
-            const unsigned got = Identities::static_path_number(cached_path(site, peer));
-            if (round > 0 && got != number_of(round) && got != number_of(round - 1))
-                violation("torn record: a static path is of command %u in round %u", got, round);
-            site.driver.deliver(site.identities.heard(peer, round, TARV_ARP_OP_REQUEST));
-            const ib_path_record_v2_t after = cached_path(site, peer);
-            if (Identities::static_path_number(after) != number_of(round))
-                violation("lost command: the static path is of command %u after command %u",
-                          Identities::static_path_number(after), number_of(round));
-            if (after.pkey != key_of(round))
-                violation("torn record: a static path has P_Key 0x%x instead of 0x%x", after.pkey,
-                          key_of(round));
+            check_static_path(site, round);
         });
     return tally;
 }

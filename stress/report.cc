@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 #include "stress/report.h"
 
-#include <unistd.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -50,8 +48,7 @@ void progress(const std::string& line) {
     if (now - last < quiet)
         return;
     last = now;
-    const bool terminal = isatty(STDERR_FILENO) == 1;
-    std::fprintf(stderr, terminal ? "\r\033[Ktarv-stress: %s" : "tarv-stress: %s\n", line.c_str());
+    std::fprintf(stderr, "tarv-stress: %s\n", line.c_str());
 }
 
 void Patience::wait() {
