@@ -87,7 +87,8 @@ void resolve(benchmark::State& state) {
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    for (const u32 peers : {1000u, most_peers})
-        bench::row("resolve", "tarv", peers, resolve)->UseManualTime()->Iterations(1);
+    // Ten small fabrics one after another: one alone is over before its time can be told.
+    bench::row("resolve", "tarv", 1000, resolve)->UseManualTime()->Iterations(10);
+    bench::row("resolve", "tarv", most_peers, resolve)->UseManualTime()->Iterations(1);
     benchmark::RunSpecifiedBenchmarks();
 }
