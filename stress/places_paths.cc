@@ -135,10 +135,31 @@ Tally drive_static_path(Site& site, unsigned rounds) {
     return tally;
 }
 
-/* The query has its datagram when the link goes down (and, in every third round, up again). In
- * every other third the two reach for the context at the same time. */
+namespace {
+
+/* When the context goes: the query has its datagram when the link goes down, or down and up again;
+ * or the two reach for the context at the same time. */
+enum class Going { down, down_and_up, at_once };
+
+Going going_in(unsigned round) {
+    return static_cast<Going>(round % 3);
+}
+int port_of(unsigned round) {
+    return 1 + static_cast<int>(round % 2);
+}
+
+/* What the maker of a query was told when the port's context went. */
+void check_query(unsigned round, const Request& request) {
+    if (going_in(round) == Going::down && request.status() != tarv_stat_error)
+        violation("a query was posted through a context that was gone: status %d",
+                  request.status());
+    if (going_in(round) == Going::down_and_up && request.status() != tarv_stat_pending)
+        violation("a query was not posted through the new context: status %d", request.status());
+}
+
+}  // namespace
+
 Tally drive_context_torn_down(Site& site, unsigned rounds) {
-    enum Kind { down, down_and_up, at_once };
     Tally tally;
     site.wait_for_ports();
     Meeting built;
@@ -147,63 +168,52 @@ Tally drive_context_torn_down(Site& site, unsigned rounds) {
     unsigned long sent = 0;
     bool has_met = false;
     Request* request = nullptr;
-    const auto kind_of = [](unsigned round) { return static_cast<Kind>(round % 3); };
-    const auto port_of = [](unsigned round) { return 1 + static_cast<int>(round % 2); };
+    const auto ask = [&](unsigned round) {
+        Visitor at_lock;
+        has_met = false;
+        const AtMyDoor buffer(Door::query_buffer, [&](const void*) {
+            has_met = true;
+            built.arrive();
+            if (going_in(round) == Going::at_once)
+                at_lock = meet_once_at(&tarv_sa_lock, locks);
+            else
+                gone.arrive();
+        });
+        const AtMyDoor lock(Door::lock, [&](const void* object) {
+            if (at_lock)
+                at_lock(object);
+        });
+        request->ask(site.client, round % peer_count, tarv_paths_both, false);
+        sent += request->status() == tarv_stat_pending;
+        // A late answer to an earlier request may have brought the paths.
+        if (!has_met)
+            built.arrive();
+    };
+    const auto tear_down = [&](unsigned round) {
+        built.arrive();
+        if (!has_met)
+            return;
+        const bool at_once = going_in(round) == Going::at_once;
+        const AtMyDoor lock(Door::lock, meet_once_at(at_once ? &tarv_sa_lock : nullptr, locks));
+        Site::event(gx_async_r_port_link_down, port_of(round));
+        if (going_in(round) == Going::down_and_up)
+            Site::event(gx_async_r_port_link_up, port_of(round));
+        tally.met++;
+        if (!at_once)
+            gone.arrive();
+    };
     in_step(
         rounds,
         [&](unsigned round) {
             know(site, round % peer_count, round);
             request = &new_request();
         },
+        ask, tear_down,
         [&](unsigned round) {
-            bool has_buffer = false;
-            has_met = false;
-            const AtMyDoor buffer(Door::query_buffer, [&](const void*) {
-                has_buffer = has_met = true;
-                built.arrive();
-                if (kind_of(round) != at_once)
-                    gone.arrive();
-            });
-            const AtMyDoor lock(Door::lock, [&](const void* object) {
-                if (object != &tarv_sa_lock || !has_buffer || kind_of(round) != at_once)
-                    return;
-                has_buffer = false;
-                locks.arrive();
-            });
-            request->ask(site.client, round % peer_count, tarv_paths_both, false);
-            sent += request->status() == tarv_stat_pending;
-            if (!has_met)
-                built.arrive();
-        },
-        [&](unsigned round) {
-            built.arrive();
             if (!has_met)
                 return;
-            bool met = false;
-            const AtMyDoor lock(Door::lock, [&](const void* object) {
-                if (object != &tarv_sa_lock || met || kind_of(round) != at_once)
-                    return;
-                met = true;
-                locks.arrive();
-            });
-            Site::event(gx_async_r_port_link_down, port_of(round));
-            if (kind_of(round) == down_and_up)
-                Site::event(gx_async_r_port_link_up, port_of(round));
-            tally.met++;
-            if (kind_of(round) != at_once)
-                gone.arrive();
-        },
-        [&](unsigned round) {
-            // A late answer to an earlier request may have brought the paths.
-            if (!has_met)
-                return;
-            if (kind_of(round) == down && request->status() != tarv_stat_error)
-                violation("a query was posted through a context that was gone: status %d",
-                          request->status());
-            if (kind_of(round) == down_and_up && request->status() != tarv_stat_pending)
-                violation("a query was not posted through the new context: status %d",
-                          request->status());
-            if (kind_of(round) != down_and_up)
+            check_query(round, *request);
+            if (going_in(round) != Going::down_and_up)
                 Site::event(gx_async_r_port_link_up, port_of(round));
         });
     tally.note = std::to_string(sent) + " queries went out";
