@@ -105,7 +105,8 @@ tarv_list_entry_t* RequestsReference::new_request(Waiting& waiting) {
     waiting.since = jiffies();
     waiting.busy = below(4) == 0;
     auto& client =
-        clients_.try_emplace(waiting.id, std::to_string(waiting.id), answered_).first->second;
+        clients_.try_emplace(waiting.id, support::Client{std::to_string(waiting.id), answered_})
+            .first->second;
     tarv_list_entry_t* entry = support::request(waiting.address, waiting.paths, &client);
     entry->dgid = gid(static_cast<u8>(16 * waiting.gid));
     atomic_set(&entry->static_flag, waiting.busy);
