@@ -26,6 +26,16 @@ struct index_links_t {
     u32 hash;
 };
 
+/* Takes whatever has these links out of the index that it is in, if it is in one. */
+inline void index_leave(index_links_t& links) {
+    if (!links.link)
+        return;
+    *links.link = links.next;
+    if (links.next)
+        links.next->link = links.link;
+    links = {};
+}
+
 /* `Offset` is offsetof(T, links), `Bits` the logarithm of the number of heads. */
 template <class T, size_t Offset, u32 Bits>
 class index_of {
@@ -45,15 +55,7 @@ class index_of {
     }
 
     /* Nothing happens to an entry that is not in the index. */
-    static void remove(T* entry) {
-        index_links_t* const links = links_of(entry);
-        if (!links->link)
-            return;
-        *links->link = links->next;
-        if (links->next)
-            links->next->link = links->link;
-        *links = {};
-    }
+    static void remove(T* entry) { index_leave(*links_of(entry)); }
 
     /* The entries of one hash, the last one entered first. The walk survives the removal of the
      * entry that it stands on. */

@@ -17,22 +17,19 @@ inline u32 pending_stamp() {
     return static_cast<u32>(jiffies());
 }
 
-inline constexpr u32 pending_index_bits = 14;
-using pending_by_address_t =
-    index_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_address), pending_index_bits>;
-using pending_by_dgid_t =
-    index_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_dgid), pending_index_bits>;
 using pending_by_age = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_age)>;
 
-/* Where the requests of a list are found without a walk over it. The list's own order, newest
- * first, is that of the numbers. */
+/* Where the requests of a list are found without a walk over it, in an index with 2^Bits heads. The
+ * list's own order, newest first, is that of the numbers. */
+template <u32 Bits>
 struct pending_places_t {
-    pending_by_address_t by_address;
+    index_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_address), Bits> by_address;
     list_head by_age;
     u64 last_number;
 };
 
-inline void pending_clear(tarv_list_t& list, pending_places_t& places) {
+template <u32 Bits>
+void pending_clear(tarv_list_t& list, pending_places_t<Bits>& places) {
     INIT_LIST_HEAD(&list.head);
     write_once(list.count, 0);
     places.by_address.clear();
@@ -41,7 +38,8 @@ inline void pending_clear(tarv_list_t& list, pending_places_t& places) {
 }
 
 /* Puts the request at the head of the list, but for its place by age. */
-inline void pending_link(tarv_list_t& list, pending_places_t& places, tarv_list_entry_t* entry) {
+template <u32 Bits>
+void pending_link(tarv_list_t& list, pending_places_t<Bits>& places, tarv_list_entry_t* entry) {
     tarv_request_list(list.head).push(entry);
     entry->number = ++places.last_number;
     places.by_address.enter(entry, tarv_address_hash(entry->req_ip));
@@ -50,7 +48,8 @@ inline void pending_link(tarv_list_t& list, pending_places_t& places, tarv_list_
 
 /* Stamps the request and puts it at the head of the list. Stamps are given under the lock: a later
  * one is never older. */
-inline void pending_push(tarv_list_t& list, pending_places_t& places, tarv_list_entry_t* entry) {
+template <u32 Bits>
+void pending_push(tarv_list_t& list, pending_places_t<Bits>& places, tarv_list_entry_t* entry) {
     entry->timestamp = pending_stamp();
     pending_by_age(places.by_age).push_back(entry);
     pending_link(list, places, entry);
@@ -59,8 +58,8 @@ inline void pending_push(tarv_list_t& list, pending_places_t& places, tarv_list_
 /* Takes the request off the list, to be put back or let go: it keeps its place by age. */
 inline void pending_set_aside(tarv_list_t& list, tarv_list_entry_t* entry) {
     tarv_request_list::unlink(entry);
-    pending_by_address_t::remove(entry);
-    pending_by_dgid_t::remove(entry);
+    index_leave(entry->by_address);
+    index_leave(entry->by_dgid);
     write_once(list.count, list.count - 1);
     if (entry->maker)
         entry->maker->taken = true;
@@ -77,7 +76,8 @@ inline void pending_take(tarv_list_t& list, tarv_list_entry_t* entry) {
     pending_let_go(entry);
 }
 
-inline int pending_count_identical(pending_places_t& places, const tarv_list_entry_t* entry) {
+template <u32 Bits>
+int pending_count_identical(pending_places_t<Bits>& places, const tarv_list_entry_t* entry) {
     int identical = 0;
     for (const tarv_list_entry_t* other : places.by_address.with(tarv_address_hash(entry->req_ip)))
         if (other->req_ip == entry->req_ip && other->requested_paths == entry->requested_paths)
@@ -94,8 +94,9 @@ inline bool pending_is_due(const tarv_list_entry_t* entry, u32 limit) {
 /* Takes those off the list that are due, busy ones excepted, and appends them to `found` in the
  * order in which they came onto the list. Looks at no others: who has waited longest comes first.
  */
-inline void pending_take_due(tarv_list_t& list, pending_places_t& places, u32 limit,
-                             tarv_found_list& found) {
+template <u32 Bits>
+void pending_take_due(tarv_list_t& list, pending_places_t<Bits>& places, u32 limit,
+                      tarv_found_list& found) {
     u64 last_number = 0;
     bool in_order = true;
     for (tarv_list_entry_t* entry : pending_by_age(places.by_age)) {

@@ -12,7 +12,8 @@ constexpr char tarv_unit[] = "tarv_req_list";
 
 constexpr u32 arp_timeout = 1000;  // ticks
 
-constinit pending_places_t places TA_GUARDED(tarv_rl_lock) = {};
+/* 2^15 heads: every request of a storm comes here first, and counts those like it. */
+constinit pending_places_t<15> places TA_GUARDED(tarv_rl_lock) = {};
 
 /* Read without the lock: whether a walk is worth while. */
 bool nothing_waits() TA_NO_ANALYSIS {

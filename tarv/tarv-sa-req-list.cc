@@ -12,8 +12,9 @@ constexpr char tarv_unit[] = "tarv_sa_req_list";
 
 constexpr u32 sa_timeout = 3000;  // ticks
 
-constinit pending_places_t places TA_GUARDED(tarv_sa_rl_lock) = {};
-constinit pending_by_dgid_t by_dgid TA_GUARDED(tarv_sa_rl_lock) = {};
+constinit pending_places_t<14> places TA_GUARDED(tarv_sa_rl_lock) = {};
+constinit index_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_dgid), 14> by_dgid
+    TA_GUARDED(tarv_sa_rl_lock) = {};
 
 u32 hash_of(const gx_gid_t& gid) {
     return tarv_gid_hash(gid_high(gid), gid_low(gid));
