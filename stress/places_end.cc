@@ -203,9 +203,7 @@ Tally drive_unload_during_query(Site& site, unsigned rounds) {
  * rounds halt and maker come to the list at the same time. */
 Tally drive_halt_during_filing(Site& site, unsigned rounds) {
     Tally tally;
-    Meeting under_way;  // the maker is past the test for a halted module
-    Meeting passed;
-    Meeting locks;
+    Meeting under_way, passed, locks;  // under way: past the test for a halted module
     unsigned now = 0;
     bool racing = false;
     unsigned long told = 0;
