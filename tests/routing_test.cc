@@ -145,7 +145,7 @@ TEST(Routing, ReachesAllOfALargeFabricUntilItsLeafIsCutOff) {
 }
 
 TEST(Routing, JoinsAllHostsOfTheFabricThatComesWithTheProject) {
-    const auto data = std::filesystem::path(__FILE__).parent_path().parent_path() / "fabric/data";
+    const std::filesystem::path data = TARV_FABRIC_DATA;
     const Topology topology = read_topology(data / "two-tier.ibnetdiscover");
     const std::vector<Host> hosts = read_hosts(data / "two-tier.hosts", topology);
     ASSERT_EQ(hosts.size(), 16u);
