@@ -85,23 +85,32 @@ const char* name_of_mode(LockMode mode) {
 }
 
 template <class L>
-L* note_released(unsigned char* room, unsigned long flags, std::uint64_t kind, LockMode mode,
-                 const char* call) {
+[[noreturn]] void die_releasing(unsigned char* room, std::uint64_t kind, LockMode mode,
+                                const char* call) {
     host::enter(call);
-    L* lock = object_in<L>(room);
-    if (lock->stamp != host::stamp_of(kind)) [[unlikely]]
+    const L* lock = object_in<L>(room);
+    if (lock->stamp != host::stamp_of(kind))
         host::die("%s: the lock at %p was never initialised", call, static_cast<void*>(room));
-    if (this_thread.held != room) [[unlikely]]
+    if (this_thread.held != room)
         host::die("%s: the lock %s is released by a thread that does not hold it", call,
                   lock->name);
-    if (this_thread.mode != mode) [[unlikely]]
+    if (this_thread.mode != mode)
         host::die("%s: the lock %s was taken %s and is released %s", call, lock->name,
                   name_of_mode(this_thread.mode), name_of_mode(mode));
-    if (this_thread.flags != flags) [[unlikely]]
-        host::die("%s: the lock %s is released with interrupt flags that are not its own", call,
-                  lock->name);
+    host::die("%s: the lock %s is released with interrupt flags that are not its own", call,
+              lock->name);
+}
+
+/* Whoever holds a lock was let in when taking it. */
+template <class L>
+L* note_released(unsigned char* room, unsigned long flags, std::uint64_t kind, LockMode mode,
+                 const char* call) {
+    const bool is_own =
+        this_thread.held == room && this_thread.mode == mode && this_thread.flags == flags;
+    if (!is_own) [[unlikely]]
+        die_releasing<L>(room, kind, mode, call);
     this_thread.held = nullptr;
-    return lock;
+    return object_in<L>(room);
 }
 
 }  // namespace
