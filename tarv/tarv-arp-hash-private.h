@@ -4,8 +4,6 @@
 // chains and the indexes, and the walk over all entries.
 #pragma once
 
-#include "platform/atomic.h"
-#include "platform/list.h"
 #include "tarv/tarv-arp-hash.h"
 
 /* Where a chain points at an entry: a bucket's head or the `next` of the entry before. Unlinking

@@ -26,10 +26,6 @@ constinit index_of<tarv_hash_entry_t, offsetof(tarv_hash_entry_t, by_gid), gid_i
 /* The number of the entry that was added last. */
 constinit u64 last_number TA_GUARDED(tarv_lock) = 0;
 
-u32 hash_of(const gx_gid_t& gid) {
-    return tarv_gid_hash(gid_high(gid), gid_low(gid));
-}
-
 /* The newest entry of the address, or null. */
 tarv_hash_entry_t* find(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
     for (tarv_hash_entry_t* entry : by_address.with(tarv_address_hash(req_ip)))
@@ -58,7 +54,7 @@ bool stands_before(const tarv_hash_entry_t* one, const tarv_hash_entry_t* other)
 /* The first entry, in table order, with that GID, or null. */
 tarv_hash_entry_t* find_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
     tarv_hash_entry_t* first = nullptr;
-    for (tarv_hash_entry_t* entry : by_gid.with(hash_of(gid)))
+    for (tarv_hash_entry_t* entry : by_gid.with(tarv_gid_hash(gid)))
         if (entry->arp_data.gid == gid && (!first || stands_before(entry, first)))
             first = entry;
     return first;
@@ -91,7 +87,7 @@ void link_in(tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
     *head = entry;
     entry->number = ++last_number;
     by_address.enter(entry, tarv_address_hash(address));
-    by_gid.enter(entry, hash_of(entry->arp_data.gid));
+    by_gid.enter(entry, tarv_gid_hash(entry->arp_data.gid));
     write_once(tarv_table.size, tarv_table.size + 1);
 }
 
@@ -225,7 +221,7 @@ tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) {
     TARV_LOG(TARV_DEBUG, "IP: %08X found.\n", req_ip);
     if (!(entry->arp_data.gid == record->gid)) {
         by_gid.remove(entry);
-        by_gid.enter(entry, hash_of(record->gid));
+        by_gid.enter(entry, tarv_gid_hash(record->gid));
     }
     entry->arp_data = *record;
     // Whatever the mask says now: no pointer into the caller's record may stay behind.

@@ -18,6 +18,7 @@
 #pragma once
 
 #include "platform/types.h"
+#include "tarv/sa-mads.h"
 
 /* An entry's place in one index; null links while it is in none. */
 struct index_links_t {
@@ -117,9 +118,10 @@ inline u32 tarv_address_hash(u32 address) {
     return number + static_cast<u32>((block + 1) * tarv_index_multiplier >> 48);
 }
 
-/* The hash of a GID, given its two halves. */
-inline u32 tarv_gid_hash(u64 high, u64 low) {
-    u64 mixed = (high ^ (high >> 32)) * 0x9E3779B97F4A7C15ull + low;
+/* The hash of a GID. */
+inline u32 tarv_gid_hash(const gx_gid_t& gid) {
+    const u64 high = gid_high(gid);
+    u64 mixed = (high ^ (high >> 32)) * 0x9E3779B97F4A7C15ull + gid_low(gid);
     mixed = (mixed ^ (mixed >> 29)) * tarv_index_multiplier;
     return static_cast<u32>(mixed >> 32);
 }

@@ -16,17 +16,13 @@ constinit pending_places_t<14> places TA_GUARDED(tarv_sa_rl_lock) = {};
 constinit index_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_dgid), 14> by_dgid
     TA_GUARDED(tarv_sa_rl_lock) = {};
 
-u32 hash_of(const gx_gid_t& gid) {
-    return tarv_gid_hash(gid_high(gid), gid_low(gid));
-}
-
 bool nothing_waits() TA_NO_ANALYSIS {
     return read_once(sa_requests.count) == 0;
 }
 
 void put_back(tarv_list_entry_t* entry) TA_REQ(tarv_sa_rl_lock) {
     pending_link(sa_requests, places, entry);
-    by_dgid.enter(entry, hash_of(entry->dgid));
+    by_dgid.enter(entry, tarv_gid_hash(entry->dgid));
 }
 
 /* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
@@ -100,7 +96,7 @@ tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) {
     const spin_guard guard(tarv_sa_rl_lock);
     TARV_LOG(TARV_DEBUG, "Added SA req: %p\n", static_cast<void*>(entry));
     pending_push(sa_requests, places, entry);
-    by_dgid.enter(entry, hash_of(entry->dgid));
+    by_dgid.enter(entry, tarv_gid_hash(entry->dgid));
     return tarv_stat_ok;
 }
 
@@ -121,7 +117,7 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
     tarv_found_list found(*found_list);
     {
         const spin_guard guard(tarv_sa_rl_lock);
-        for (tarv_list_entry_t* entry : by_dgid.with(hash_of(new_path[0].dgid))) {
+        for (tarv_list_entry_t* entry : by_dgid.with(tarv_gid_hash(new_path[0].dgid))) {
             if (!(entry->dgid == new_path[0].dgid) || tarv_get_request_static_flag(entry))
                 continue;
             pending_set_aside(sa_requests, entry);
