@@ -14,7 +14,7 @@
 
 #include "app/options.h"
 #include "app/verbs.h"
-#include "soak/soak.h"
+#include "tests/simulation/soak.h"
 
 namespace {
 

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "tests/races/places.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace stress {
+namespace {
+
+constexpr Place all_places[] = {
+    {"take_during_release", "a request is taken while its maker, done sending, lets go of it", 1,
+     drive_take_during_release},
+    {"reply_inside_send", "the ARP reply comes inside the driver's send function", 1,
+     drive_reply_inside_send},
+    {"reply_beside_send", "the ARP reply comes on another thread while the driver sends", 1,
+     drive_reply_beside_send},
+    {"driver_change", "the driver is exchanged while a request is made", 1, drive_driver_change},
+    {"time_out_of_arp", "the ARP time-out pass and the completion reach for one request", 1,
+     drive_time_out_of_arp},
+    {"time_out_of_paths", "the SA time-out pass and the completion reach for one request", 1,
+     drive_time_out_of_paths},
+    {"static_path", "ARP intake uses the static path while a command sets it", 1,
+     drive_static_path},
+    {"context_torn_down", "a port's SA context goes between a query's making and its posting", 1,
+     drive_context_torn_down},
+    {"answer_before_send_ends", "the SA answers before the query's maker is done with it", 1,
+     drive_answer_before_send_ends},
+    {"event_during_query", "the adapter changes while an SA answer is taken in", 1,
+     drive_event_during_query},
+    {"unload_during_callback", "the module is unloaded while a callback runs", 4,
+     drive_unload_during_callback},
+    {"unload_during_query", "the module is unloaded while its timer makes a query", 4,
+     drive_unload_during_query},
+    {"halt_during_filing", "a halt passes the lists while a request is being filed", 4,
+     drive_halt_during_filing},
+};
+
+void drive_place(Site& site, const Place& place, unsigned rounds) {
+    const unsigned long before = violations();
+    const auto since = std::chrono::steady_clock::now();
+    const Tally tally = place.drive(site, rounds);
+    site.reload();
+    if (tally.met == 0)
+        violation("%s: the race never happened in %u rounds", place.name, rounds);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - since;
+    std::printf("%-24s %8u rounds %8lu races %7.1f s  %s%s\n", place.name, rounds, tally.met,
+                took.count(), tally.note.c_str(), violations() > before ? "  VIOLATED" : "");
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+std::span<const Place> places() {
+    return all_places;
+}
+
+void drive_places(Site& site, const std::string& name, unsigned times) {
+    for (const Place& place : all_places) {
+        if (name != "all" && name != place.name)
+            continue;
+        progress(place.what);
+        drive_place(site, place, std::max(times / place.price, 1u));
+    }
+}
+
+}  // namespace stress

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The racy places: moments at which two threads of the module come to the same thing. Each is
+// driven on purpose, round after round, and counts in how many rounds the two truly met. A place
+// where they never met proves nothing, and fails the run.
+//
+// The two are brought together from outside: in the driver's functions, and at the doors between
+// the module and its kernel. From there on they run freely.
+#pragma once
+
+#include <span>
+#include <string>
+#include <thread>
+
+#include "tests/races/report.h"
+#include "tests/races/site.h"
+
+namespace stress {
+
+struct Tally {
+    unsigned long met = 0;
+    std::string note;  ///< how it ended, where there is more than one way
+};
+
+struct Place {
+    const char* name;
+    const char* what;
+    unsigned price;  ///< of a round: so many rounds of a cheap place take as long
+    Tally (*drive)(Site& site, unsigned rounds);
+};
+
+std::span<const Place> places();
+
+/// Drives the places of that name ("all": all, "none": none) and prints a line for each.
+void drive_places(Site& site, const std::string& name, unsigned times);
+
+/// Where two threads wait for each other, again and again.
+class Meeting {
+  public:
+    void arrive() {
+        const unsigned mine = arrived_.fetch_add(1) + 1;
+        const unsigned both = mine + mine % 2;
+        wait_until("two threads meet", [&] { return arrived_.load() - both < ~0u / 2; });
+    }
+
+  private:
+    std::atomic<unsigned> arrived_ = 0;
+};
+
+/// Each round: `before` on this thread, then `mine` on it and `other` on a thread of its own at the
+/// same time, then `after` on this thread.
+template <class Before, class Mine, class Other, class After>
+void in_step(unsigned rounds, Before before, Mine mine, Other other, After after) {
+    Meeting begin;
+    Meeting end;
+    std::thread partner([&] {
+        for (unsigned round = 0; round < rounds; round++) {
+            begin.arrive();
+            other(round);
+            end.arrive();
+        }
+    });
+    for (unsigned round = 0; round < rounds; round++) {
+        before(round);
+        begin.arrive();
+        mine(round);
+        end.arrive();
+        after(round);
+    }
+    partner.join();
+}
+
+// The places, by the subject of their files.
+Tally drive_take_during_release(Site& site, unsigned rounds);
+Tally drive_reply_inside_send(Site& site, unsigned rounds);
+Tally drive_reply_beside_send(Site& site, unsigned rounds);
+Tally drive_driver_change(Site& site, unsigned rounds);
+Tally drive_time_out_of_arp(Site& site, unsigned rounds);
+Tally drive_time_out_of_paths(Site& site, unsigned rounds);
+Tally drive_static_path(Site& site, unsigned rounds);
+Tally drive_context_torn_down(Site& site, unsigned rounds);
+Tally drive_answer_before_send_ends(Site& site, unsigned rounds);
+Tally drive_event_during_query(Site& site, unsigned rounds);
+Tally drive_unload_during_callback(Site& site, unsigned rounds);
+Tally drive_unload_during_query(Site& site, unsigned rounds);
+Tally drive_halt_during_filing(Site& site, unsigned rounds);
+
+}  // namespace stress

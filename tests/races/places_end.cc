@@ -1,0 +1,266 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Places around the module's end: its unload, and the halt that comes before one.
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "host/check.h"
+#include "platform/atomic.h"
+#include "tarv/tarv-api.h"
+#include "tarv/tarv-pending.h"
+#include "tests/races/doors.h"
+#include "tests/races/places.h"
+
+namespace stress {
+namespace {
+
+/* The timer's function runs as soon as it can, once `prepare` has made what it is to find. Until
+ * then it does not run: it might be held before anybody lets it go. */
+template <class Prepare>
+void fire_after(timer_list& timer, Prepare prepare) {
+    del_timing_sync(&timer);
+    prepare();
+    timer.expires = jiffies();
+    add_timing(&timer);
+}
+
+void hear(const Site& site, unsigned peer, unsigned generation) {
+    site.driver.deliver(site.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
+}
+
+/* A callback that is inside the module until somebody lets it go. */
+struct Inside {
+    std::atomic<bool> entered = false;
+    std::atomic<host::Context> context = host::Context::process;
+    std::atomic<bool> let_go = false;
+    std::atomic<bool> left = false;
+    OnReply on_reply = [this](Request&, tarv_stat_t) {
+        context = host::current_context();
+        entered = true;
+        wait_until("the unload comes to a callback", [this] { return let_go.load(); });
+        left = true;
+    };
+};
+
+/* Who runs the callback, and the door at which an unload waits for it. On a busy machine it may be
+ * somebody else: a timer, because an answer came too late. Then it is let go at once. */
+struct Way {
+    const char* name;
+    host::Context context;
+    Door door;
+    bool (*is_it)(const void* object);
+    /// Makes a request and brings its callback about.
+    void (*begin)(Site& site, Inside& inside, unsigned round);
+};
+
+void by_arp_timer(Site& site, Inside& inside, unsigned round) {
+    write_once(get_data_retry, 0);
+    fire_after(tarv_req_timer, [&] {
+        new_request().ask(site.client, round % peer_count, tarv_paths_none, true, &inside.on_reply);
+        skip_ticks(1000);
+    });
+}
+
+void ask_for_paths(Site& site, Inside& inside, unsigned round) {
+    hear(site, round % peer_count, round);
+    Request& request = new_request();
+    if (request.ask(site.client, round % peer_count, tarv_paths_both, false, &inside.on_reply) !=
+        tarv_stat_pending)
+        violation("a query could not be sent: status %d", request.status());
+}
+
+void by_sa_timer(Site& site, Inside& inside, unsigned round) {
+    write_once(get_data_retry, 0);
+    site.fabric.sa().faults().drop_next(1);
+    fire_after(tarv_sa_req_timer, [&] {
+        ask_for_paths(site, inside, round);
+        skip_ticks(3000);
+    });
+}
+
+constexpr Way ways[] = {
+    {"the ARP timer", host::Context::timer, Door::timer_stop,
+     [](const void* object) { return object == &tarv_req_timer; }, by_arp_timer},
+    {"the SA timer", host::Context::timer, Door::timer_stop,
+     [](const void* object) { return object == &tarv_sa_req_timer; }, by_sa_timer},
+    {"the SA's answer", host::Context::gsi, Door::class_still_busy,
+     [](const void*) { return true; }, ask_for_paths},
+    {"a halt", host::Context::process, Door::file_removal,
+     [](const void* name) {
+         return std::strcmp(static_cast<const char*>(name), control_path) == 0;
+     },
+     [](Site& site, Inside& inside, unsigned round) {
+         new_request().ask(site.client, round % peer_count, tarv_paths_none, true,
+                           &inside.on_reply);
+     }},
+};
+
+}  // namespace
+
+/* The callback is let go when the unload has come to where it waits for whoever runs it. */
+Tally drive_unload_during_callback(Site& site, unsigned rounds) {
+    Tally tally;
+    for (unsigned round = 0; round < rounds; round++) {
+        const Way& way = ways[round % std::size(ways)];
+        Inside inside;
+        site.wait_for_ports();
+        std::thread halter;
+        way.begin(site, inside, round);
+        if (way.door == Door::file_removal)
+            halter = std::thread([] { Site::command("halt\n"); });
+        wait_until(way.name, [&] { return inside.entered.load(); });
+        const bool as_meant = inside.context == way.context;
+        tally.met += as_meant;
+        inside.let_go = !as_meant;
+        {
+            const AtMyDoor door(way.door, [&](const void* object) {
+                if (way.is_it(object))
+                    inside.let_go = true;
+            });
+            site.unload();
+        }
+        if (!inside.left)
+            violation("the unload did not wait for a callback that %s runs", way.name);
+        if (halter.joinable())
+            halter.join();
+        site.load();
+    }
+    return tally;
+}
+
+namespace {
+
+/* Who makes a query while the module is unloaded, and the door at which the unload waits for it. */
+struct QueryMaker {
+    host::Context context;
+    Door door;
+    bool (*is_it)(const void* object);
+    /// Brings the query about, on another thread.
+    void (*begin)(Site& site, const OnReply& ask_again, unsigned round);
+};
+
+constexpr QueryMaker query_makers[] = {
+    // The ARP timer issues a request anew for a peer that has become known meanwhile.
+    {host::Context::timer, Door::timer_stop,
+     [](const void* object) { return object == &tarv_req_timer; },
+     [](Site& site, const OnReply&, unsigned round) {
+         fire_after(tarv_req_timer, [&] {
+             new_request().ask(site.client, round % peer_count, tarv_paths_both, true);
+             Site::command(site.identities.add_ib_arp_command(round % peer_count, round));
+             skip_ticks(1000);
+         });
+     }},
+    // The client that is told of an answer on the second port asks again for a peer on the first.
+    {host::Context::gsi, Door::class_still_busy, [](const void*) { return true; },
+     [](Site& site, const OnReply& ask_again, unsigned round) {
+         const unsigned generation = round | 1;
+         hear(site, 0, generation + 1);
+         hear(site, 1, generation);
+         new_request().ask(site.client, 1, tarv_paths_both, false, &ask_again);
+     }},
+};
+
+}  // namespace
+
+/* The query's maker has a datagram, and is held until the unload comes to where it waits for it. */
+Tally drive_unload_during_query(Site& site, unsigned rounds) {
+    Tally tally;
+    const OnReply ask_again = [&](Request&, tarv_stat_t) {
+        new_request().ask(site.client, 0, tarv_paths_both, false);
+    };
+    for (unsigned round = 0; round < rounds; round++) {
+        const QueryMaker& maker = query_makers[round % std::size(query_makers)];
+        const std::thread::id me = std::this_thread::get_id();
+        std::atomic<bool> making = false;
+        std::atomic<bool> let_go = false;
+        site.wait_for_ports();
+        {
+            const AtDoor buffer(Door::query_buffer, [&](const void*) {
+                if (std::this_thread::get_id() == me)
+                    return;
+                if (host::current_context() != maker.context)
+                    let_go = true;
+                else
+                    tally.met++;
+                making = true;
+                wait_until("the unload comes to a query", [&] { return let_go.load(); });
+            });
+            maker.begin(site, ask_again, round);
+            wait_until("a query is made", [&] { return making.load(); });
+            const AtMyDoor door(maker.door, [&](const void* object) {
+                if (maker.is_it(object))
+                    let_go = true;
+            });
+            site.unload();
+        }
+        site.load();
+    }
+    return tally;
+}
+
+/* In even rounds the halt comes while the driver sends: it passes over the busy request. In odd
+ * rounds halt and maker come to the list at the same time. */
+Tally drive_halt_during_filing(Site& site, unsigned rounds) {
+    Tally tally;
+    Meeting under_way, passed, locks;  // under way: past the test for a halted module
+    unsigned now = 0;
+    bool racing = false;
+    unsigned long told = 0;
+    Request* request = nullptr;
+    const DriverDoes does(site, on_this_thread([&](const tarv_arp_data_t&) {
+                              if (racing && now % 2 == 0) {
+                                  under_way.arrive();
+                                  passed.arrive();
+                              }
+                              return tarv_stat_ok;
+                          }));
+    in_step(
+        rounds,
+        [&](unsigned round) {
+            // A halt goes to the list only when something waits there.
+            racing = false;
+            new_request().ask(site.client, 0, tarv_paths_none, true);
+            now = round;
+            racing = true;
+        },
+        [&](unsigned round) {
+            // It counts the others first; the second time it files.
+            int times = 0;
+            const AtMyDoor door(Door::lock, [&](const void* lock) {
+                if (lock != &tarv_rl_lock || round % 2 == 0 || ++times != 2)
+                    return;
+                under_way.arrive();
+                locks.arrive();
+            });
+            request = &new_request();
+            request->ask(site.client, 1 + round % (peer_count - 1), tarv_paths_none, true);
+        },
+        [&](unsigned round) {
+            bool met = round % 2 == 0;
+            const AtMyDoor door(Door::lock, [&](const void* lock) {
+                if (lock != &tarv_rl_lock || met)
+                    return;
+                met = true;
+                locks.arrive();
+            });
+            under_way.arrive();
+            Site::command("halt\n");
+            tally.met += met;
+            // The timer may just have had the list's only request in its hands.
+            if (!met)
+                locks.arrive();
+            if (round % 2 == 0)
+                passed.arrive();
+        },
+        [&](unsigned) {
+            site.unload();
+            told += request->replies() != 0;
+            site.load();
+        });
+    tally.note = std::to_string(told) + " timed out, " + std::to_string(rounds - told) +
+                 " waiting at the end";
+    return tally;
+}
+
+}  // namespace stress

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "tests/races/site.h"
+
+#include <system_error>
+
+#include "host/check.h"
+#include "host/console.h"
+#include "host/services.h"
+#include "platform/atomic.h"
+#include "tarv/tarv-api.h"
+#include "tarv/tarv-module.h"
+#include "tarv/tarv-sa-private.h"
+#include "tests/races/doors.h"
+#include "tests/races/report.h"
+
+namespace stress {
+namespace {
+
+/* The tick counter's low half starts from 0 again some seconds after the start. */
+unsigned long first_jiffy(unsigned long speed) {
+    return (1ul << 32) / speed - 3000;
+}
+
+tarv_stat_t send_arp(tarv_arp_data_t* record, void* context, int) {
+    host::must_hold_no_lock("send_arp_data_fn");
+    counted.arp_sent++;
+    if (record->mask != 0x403 || record->arp_operation != TARV_ARP_OP_REQUEST)
+        violation("torn record: the driver was handed an ARP request with mask 0x%x", record->mask);
+    return static_cast<Driver*>(context)->on_send(*record);
+}
+
+/* The module gives no context with this question. */
+std::atomic<Driver*> the_driver = nullptr;
+
+tarv_stat_t interface_info(u32, gx_p_key_t* pkey, u32*, int*, int* loopback) {
+    host::must_hold_no_lock("get_if_info_fn");
+    *loopback = 0;
+    return the_driver.load()->on_interface_info(pkey);
+}
+
+/* What the driver does by default. */
+tarv_stat_t lose(const tarv_arp_data_t&) {
+    return tarv_stat_ok;
+}
+tarv_stat_t default_partition(gx_p_key_t* pkey) {
+    *pkey = 0xFFFF;
+    return tarv_stat_ok;
+}
+
+template <class Function>
+Function* module_function(const char* name) {
+    return reinterpret_cast<Function*>(const_cast<void*>(host::inter_module_get(name)));
+}
+
+}  // namespace
+
+std::size_t Entrance::own_place() {
+    static std::atomic<std::size_t> next = 0;
+    thread_local const std::size_t mine = next++;
+    return mine;
+}
+
+bool Entrance::enter() {
+    std::atomic<int>& depth = places_.at(own_place()).depth;
+    const int before = depth++;
+    if (before > 0 || !closed_)
+        return true;
+    depth--;
+    return false;
+}
+
+void Entrance::leave() {
+    places_.at(own_place()).depth--;
+}
+
+bool Entrance::inside() const {
+    return places_.at(own_place()).depth > 0;
+}
+
+void Entrance::close() {
+    closed_ = true;
+    for (const Place& place : places_)
+        wait_until("a visitor leaves", [&] { return place.depth == 0; });
+}
+
+void Entrance::open() {
+    closed_ = false;
+}
+
+void Driver::attach() {
+    auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
+    if (!attach_fn || attach_fn(interface_info, send_arp, this, &handle_) != tarv_stat_ok)
+        host::die("the driver cannot be attached");
+    entrance.open();
+}
+
+void Driver::detach() {
+    entrance.close();
+    if (module_function<tarv_detach_fn_t>("tarv_detach_fn")(handle_) != tarv_stat_ok)
+        violation("the driver cannot be detached");
+}
+
+tarv_stat_t Driver::deliver(tarv_arp_data_t packet) const {
+    const host::ContextScope scope(host::Context::driver);
+    counted.arp_received++;
+    return tarv_process_arp_data(&packet);
+}
+
+Site::Site(unsigned long speed)
+    : kernel(host::Options{host::Clock::real_time, first_jiffy(speed)}),
+      topology(fabric::make_fabric({.hosts = 24})),
+      fabric(topology, fabric::deal_addresses(topology), 0, {.delays = {0, 0, 0}}),
+      identities(fabric) {
+    set_clock_speed(speed);
+    host::set_logger_level(5);
+    fabric.gsi().set_request_lifetime(10000 * speed);
+    driver.on_send = lose;
+    driver.on_interface_info = default_partition;
+    the_driver = &driver;
+    load();
+}
+
+Site::~Site() {
+    if (client.get)
+        unload();
+    the_driver = nullptr;
+}
+
+void Site::load() {
+    if (host::load_module(tarv_module) != 0)
+        host::die("the module cannot be loaded");
+    client = {module_function<tarv_get_ib_data_fn_t>("tarv_get_ib_data_fn"), &identities};
+    lookup = module_function<tarv_seq_cache_lookup_fn_t>("tarv_seq_cache_lookup_fn");
+    driver.attach();
+    command("enable");
+    command("sa_queries on");
+}
+
+/* Whoever waits for ARP when the ARP timer has been stopped for the last time is told nothing. */
+void Site::unload() {
+    driver.detach();
+    {
+        const AtMyDoor door(Door::timer_stopped, [](const void* timer) {
+            if (timer == &tarv_req_timer)
+                note_discarded();
+        });
+        host::unload_module(tarv_module);
+    }
+    client.get = nullptr;
+    counted.reloads++;
+    look_at_remains();
+    settle_ledgers();
+    host::clear_console();
+}
+
+void Site::look_at_remains() {
+    for (const std::string& line : kernel.remains())
+        violation("left after the unload: %s", line.c_str());
+    if (const int pending = atomic_read(&tarv_gsi_pending_cnt))
+        violation("left after the unload: %d query datagrams are counted as pending", pending);
+    if (const std::size_t out = fabric.gsi().datagrams_out())
+        violation("left after the unload: %zu datagrams", out);
+}
+
+void Site::wait_for_ports() {
+    kernel.settle();
+    for (int port = 0; port < 2; port++)
+        wait_until("a port comes up", [&] { return read_once(tarv_sa_g.ports[port].is_valid); });
+}
+
+bool Site::command(const std::string& text) {
+    try {
+        host::ProcFile(control_path).write(text);
+    } catch (const std::system_error&) {
+        return false;
+    }
+    counted.commands++;
+    return true;
+}
+
+std::string Site::read(const std::string& path, std::size_t size) {
+    try {
+        std::string text = host::ProcFile(path).read(size);
+        counted.reads++;
+        return text;
+    } catch (const std::system_error&) {
+        return {};
+    }
+}
+
+void Site::event(gx_async_record_t type, int port) {
+    const host::ContextScope scope(host::Context::event);
+    counted.events++;
+    tarv_async_event_cb({type, static_cast<u8>(port)});
+}
+
+DriverDoes::DriverDoes(Site& site, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send)
+    : DriverDoes(site, std::move(on_send), default_partition) {}
+
+DriverDoes::DriverDoes(Site& site, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send,
+                       std::function<tarv_stat_t(gx_p_key_t*)> on_interface_info)
+    : site_(site) {
+    site.unload();
+    site.driver.on_send = std::move(on_send);
+    site.driver.on_interface_info = std::move(on_interface_info);
+    site.load();
+}
+
+DriverDoes::~DriverDoes() {
+    site_.unload();
+    site_.driver.on_send = lose;
+    site_.driver.on_interface_info = default_partition;
+    site_.load();
+}
+
+}  // namespace stress

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The course of a storm: its threads, the module's unloads and loads in the middle of it, and what
+// is printed of it in the end.
+#include "tests/races/storm.h"
+
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "tests/races/doors.h"
+#include "tests/races/report.h"
+
+namespace stress {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int client_threads = 3;
+constexpr unsigned unrest = 16;
+
+std::vector<std::thread> begin_parts(Storm& storm) {
+    std::vector<std::thread> threads;
+    const auto begin = [&](void (Storm::*part)()) { threads.emplace_back(part, &storm); };
+    for (int i = 0; i < client_threads; i++)
+        begin(&Storm::ask);
+    begin(&Storm::announce);
+    begin(&Storm::change_fabric);
+    begin(&Storm::administrate);
+    begin(&Storm::administrate);
+    begin(&Storm::read_files);
+    begin(&Storm::read_files);
+    begin(&Storm::change_trace_level);
+    begin(&Storm::reattach_driver);
+    return threads;
+}
+
+/* Ends all requests before the unload, so that it has none to end in silence: the first halt comes
+ * in the middle of things and may pass over requests that somebody is busy with, the second when
+ * nobody is. */
+void halt_to_the_end(Storm& storm) {
+    Site::command("halt\n");
+    storm.module.close();
+    storm.weather.close();
+    storm.site.driver.detach();
+    storm.site.kernel.settle();
+    Site::command("halt\n");
+    storm.site.driver.attach();
+}
+
+void reload(Storm& storm) {
+    const bool halted = chance().one_in(3);
+    const unsigned long silent = counted.silent.value();
+    if (halted)
+        halt_to_the_end(storm);
+    storm.module.close();
+    storm.site.unload();
+    if (halted && counted.silent.value() != silent)
+        violation("%lu requests were waiting for ARP when a halted module went",
+                  counted.silent.value() - silent);
+    storm.waiting = 0;
+    // A file that is being made is not yet ready to be opened.
+    storm.files.close();
+    storm.site.load();
+    storm.files.open();
+    storm.weather.open();
+    storm.module.open();
+}
+
+struct Figure {
+    const char* name;
+    const Counter& counter;
+    bool must_be;  // a storm without any is none
+};
+
+void print_figures(const Site& site, double seconds, unsigned long queries_before) {
+    const Figure figures[] = {
+        {"resolutions", counted.resolutions, true},
+        {"hits", counted.hits, true},
+        {"refused", counted.refused, false},
+        {"lookups by GID", counted.lookups, true},
+        {"callbacks", counted.callbacks, true},
+        {"of them time-outs", counted.time_outs, true},
+        {"ARP packets sent", counted.arp_sent, true},
+        {"ARP packets received", counted.arp_received, true},
+        {"fabric changes", counted.events, true},
+        {"commands", counted.commands, true},
+        {"reads", counted.reads, true},
+        {"trace level changes", counted.trace_changes, true},
+        {"driver attachments", counted.attachments, true},
+        {"reloads", counted.reloads, true},
+        {"requests ended in silence", counted.silent, false},
+    };
+    std::printf("storm of %.1f s\n", seconds);
+    for (const Figure& figure : figures) {
+        std::printf("  %-28s %10lu\n", figure.name, figure.counter.value());
+        if (figure.must_be && figure.counter.value() == 0)
+            violation("the storm made no %s", figure.name);
+    }
+    std::printf("  %-28s %10lu\n", "queries heard by the SA",
+                const_cast<Site&>(site).fabric.sa().queries() - queries_before);
+}
+
+}  // namespace
+
+Chance& chance() {
+    thread_local Chance mine;
+    return mine;
+}
+
+void storm(Site& site, double seconds) {
+    Storm storm(site);
+
+    const unsigned long queries = site.fabric.sa().queries();
+    const DriverDoes does(site,
+                          [&](const tarv_arp_data_t& request) { return storm.send(request); });
+    set_unrest(unrest);
+    counted.restart();
+    const auto begin = Clock::now();
+    const auto passed = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
+    std::thread receiver(&Storm::receive, &storm);
+    std::vector<std::thread> threads = begin_parts(storm);
+    while (passed() < seconds) {
+        site.kernel.advance(20 + chance().below(200));
+        reload(storm);
+        progress("storm, " + std::to_string(static_cast<int>(passed())) + " s, " +
+                 std::to_string(counted.resolutions.value()) + " resolutions, " +
+                 std::to_string(counted.reloads.value()) + " reloads");
+    }
+    storm.over = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    site.reload();
+    storm.end_receiving();
+    receiver.join();
+    set_unrest(0);
+    print_figures(site, passed(), queries);
+}
+
+}  // namespace stress

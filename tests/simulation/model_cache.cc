@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// The model's table, and how records are compared.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "app/script_text.h"
+#include "fabric/topology.h"
+#include "platform/jiffies.h"
+#include "tests/simulation/model.h"
+
+namespace soak {
+namespace {
+
+bool same_path(const ib_path_record_v2_t& a, const ib_path_record_v2_t& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+}  // namespace
+
+std::size_t bucket_of(std::uint32_t ip) {
+    ip ^= ip >> 16;
+    ip ^= ip >> 8;
+    ip ^= ip >> 3;
+    return ip % buckets;
+}
+
+bool same_record(const tarv_arp_data_t& a, const tarv_arp_data_t& b) {
+    return a.mask == b.mask && a.arp_operation == b.arp_operation && a.src_ip == b.src_ip &&
+           a.dst_ip == b.dst_ip && a.gid == b.gid && a.qpn == b.qpn && a.cap_flg == b.cap_flg &&
+           a.lid == b.lid && a.qkey == b.qkey && a.local_port_num == b.local_port_num &&
+           a.paths_count == b.paths_count && a.context == b.context &&
+           std::equal(std::begin(a.paths), std::end(a.paths), b.paths, same_path);
+}
+
+std::string difference(const tarv_arp_data_t& expected, const tarv_arp_data_t& found) {
+    char pointers[64] = "";
+    if (expected.context != found.context)
+        std::snprintf(pointers, sizeof pointers, " (and another context)");
+    for (std::size_t i = 0; i < TARV_MAX_PATHS; ++i)
+        if (!same_path(expected.paths[i], found.paths[i]))
+            std::snprintf(pointers, sizeof pointers, " (path %zu differs)", i);
+    return "must be\n    " + app::format_record(expected) + "\n  but is\n    " +
+           app::format_record(found) + pointers;
+}
+
+std::size_t Model::size() const {
+    std::size_t size = 0;
+    for (const Chain& chain : table_)
+        size += chain.size();
+    return size;
+}
+
+// The newest entry of an address is the one that counts.
+Cached* Model::find(std::uint32_t ip) {
+    Chain& chain = table_[bucket_of(ip)];
+    const auto found = std::find_if(chain.rbegin(), chain.rend(),
+                                    [&](const Cached& entry) { return entry.record.dst_ip == ip; });
+    return found == chain.rend() ? nullptr : &*found;
+}
+
+Cached* Model::find_replaceable(std::uint32_t ip) {
+    Chain& chain = table_[bucket_of(ip)];
+    const auto found = std::find_if(chain.rbegin(), chain.rend(), [&](const Cached& entry) {
+        return entry.record.dst_ip == ip && (statics_inv_ || !entry.is_static());
+    });
+    return found == chain.rend() ? nullptr : &*found;
+}
+
+void Model::add(const tarv_arp_data_t& record) {
+    table_[bucket_of(record.dst_ip)].push_back({record, jiffies()});
+}
+
+bool Model::remove(std::uint32_t ip) {
+    const Cached* const entry = find_replaceable(ip);
+    if (!entry)
+        return false;
+    Chain& chain = table_[bucket_of(ip)];
+    chain.erase(chain.begin() + (entry - chain.data()));
+    return true;
+}
+
+template <class Doomed>
+void Model::remove_if(Doomed doomed, Outcome outcome) {
+    for (Chain& chain : table_)
+        tally_.note(outcome, std::erase_if(chain, doomed));
+}
+
+void Model::remove_all() {
+    remove_if([](const Cached&) { return true; }, Outcome::purged);
+}
+
+void Model::age() {
+    remove_if(
+        [&](const Cached& entry) {
+            return !entry.is_static() && entry.stamp + timeout_ <= jiffies();
+        },
+        Outcome::aged);
+}
+
+void Model::event(std::uint32_t type, int number) {
+    const bool known = number >= 1 && fabric_.adapter().has_port(number);
+    const auto index = static_cast<std::size_t>(number - 1);
+    if (type == gx_async_r_port_mtu || type == gx_async_r_port_lid)
+        return remove_all();
+    if (!known)
+        return;
+    const gx_gid_t gid = fabric::held(fabric_.adapter().port(number).gid);
+    if (type == gx_async_r_port_link_up && !ports_[index].valid) {
+        ports_[index] = {true, gid, fabric_.subnet().manager().lid};
+        port_count_ = fabric_.adapter().ports();
+    } else if (type == gx_async_r_port_sm_change && ports_[index].valid) {
+        ports_[index].sm_lid = fabric_.subnet().manager().lid;
+    } else if (type == gx_async_r_port_link_down) {
+        remove_if(
+            [&](const Cached& entry) {
+                const tarv_arp_data_t& record = entry.record;
+                return ((record.mask & TARV_MASK_PRIMARY_PATH) && record.paths[0].sgid == gid) ||
+                       ((record.mask & TARV_MASK_SECONDARY_PATH) && record.paths[1].sgid == gid);
+            },
+            Outcome::purged);
+        ports_[index].valid = false;
+    }
+}
+
+tarv_stat_t Model::lookup(const gx_gid_t& gid, tarv_arp_data_t& record) {
+    for (Chain& chain : table_)
+        for (std::size_t i = chain.size(); i-- > 0;)
+            if (chain[i].record.gid == gid) {
+                chain[i].stamp = jiffies();
+                record = chain[i].record;
+                return tarv_stat_ok;
+            }
+    return tarv_stat_not_found;
+}
+
+std::string Model::text() const {
+    std::string text =
+        "IP address       HW type     Flags       HW address            Mask     Device\n";
+    for (const Chain& chain : table_)
+        for (std::size_t i = chain.size(); i-- > 0;) {
+            const tarv_arp_data_t& record = chain[i].record;
+            char line[128];
+            std::snprintf(line, sizeof line,
+                          "%-16s 0x1         0x%-10x00:AA:00:00:%02X:%02X     *        ipoib\n",
+                          fabric::format_ip(record.dst_ip).c_str(), record.mask, record.lid >> 8,
+                          record.lid & 0xFF);
+            text += line;
+        }
+    return text;
+}
+
+Model::Switches Model::switches() const {
+    return {halted_,   enabled_,     sa_queries_, statics_inv_,
+            attached_, media_reset_, empty_hand_, retry_limit_};
+}
+
+void Model::take_over(std::array<Chain, buckets> table, Requests arp, Requests sa,
+                      const std::array<Port, 8>& ports, int port_count, const Switches& switches,
+                      const ib_path_record_v2_t& static_path) {
+    table_ = std::move(table);
+    arp_ = std::move(arp);
+    sa_ = std::move(sa);
+    ports_ = ports;
+    port_count_ = port_count;
+    halted_ = switches.halted;
+    enabled_ = switches.enabled;
+    sa_queries_ = switches.sa_queries;
+    statics_inv_ = switches.statics_inv;
+    attached_ = switches.attached;
+    media_reset_ = switches.media_reset;
+    empty_hand_ = switches.empty_hand;
+    retry_limit_ = switches.retries;
+    static_path_ = static_path;
+}
+
+}  // namespace soak
