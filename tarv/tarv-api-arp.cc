@@ -23,6 +23,7 @@ u8 port_number(u32 local_port_num) {
 
 void set_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn, void* context)
     TA_REQ(driver_lock) {
+    KASSERT(spin_is_held(&driver_lock));
     write_once(send_arp_data_fn_context, context);
     write_once(local_send_arp_data_fn, send_arp_data_fn);
     write_once(local_get_if_info_fn, get_if_info_fn);

@@ -26,6 +26,7 @@ bool has_idled_out(const tarv_hash_entry_t* entry, const ageing_t& run) {
 
 /* The last of an entry that is in the table no more. */
 void bury(tarv_hash_entry_t* entry) {
+    KASSERT(!entry->link);
     TARV_LOG_FROM("tarv_garbage_collector_timer_handler", TARV_DEBUG,
                   "Arp entry with IP: %08X timeouted and was removed.\n", entry->arp_data.dst_ip);
     kfree(entry);

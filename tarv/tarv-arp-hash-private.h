@@ -4,6 +4,7 @@
 // chains and the indexes, and the walk over all entries.
 #pragma once
 
+#include "platform/bug.h"
 #include "tarv/tarv-arp-hash.h"
 
 /* Where a chain points at an entry: a bucket's head or the `next` of the entry before. Unlinking
@@ -21,6 +22,7 @@ class tarv_hash_walk_t {
   public:
     explicit tarv_hash_walk_t(size_t looked_at = 0) TA_REQ_SHARED(tarv_lock)
         : looked_at_(looked_at) {
+        KASSERT(read_is_held(&tarv_lock));
         for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++)
             if (tarv_hash_entry_t* const head = tarv_table.hash_buckets[bucket])
                 cursors_[count_++] = {bucket, head};

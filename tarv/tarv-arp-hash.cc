@@ -78,6 +78,7 @@ tarv_hash_entry_t* trace_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
 
 /* The entry becomes the first of its chain. */
 void link_in(tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
+    KASSERT(write_is_held(&tarv_lock) && !entry->link);
     const u32 address = entry->arp_data.dst_ip;
     const tarv_hash_link_t head = &tarv_table.hash_buckets[tarv_hash_func(address)];
     entry->next = *head;
@@ -133,6 +134,8 @@ constinit rwlock_t tarv_lock = {};
 constinit tarv_hash_t tarv_table = {};
 
 void tarv_hash_unlink(tarv_hash_entry_t* entry) {
+    KASSERT(write_is_held(&tarv_lock) && tarv_table.size > 0);
+    KASSERT(entry->link && *entry->link == entry);
     *entry->link = entry->next;
     if (entry->next)
         entry->next->link = entry->link;

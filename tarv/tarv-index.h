@@ -17,6 +17,7 @@
 // that all share one.
 #pragma once
 
+#include "platform/bug.h"
 #include "platform/types.h"
 #include "tarv/sa-mads.h"
 
@@ -31,6 +32,7 @@ struct index_links_t {
 inline void index_leave(index_links_t& links) {
     if (!links.link)
         return;
+    KASSERT(*links.link == &links);
     *links.link = links.next;
     if (links.next)
         links.next->link = links.link;
@@ -48,6 +50,7 @@ class index_of {
 
     void enter(T* entry, u32 hash) {
         index_links_t* const links = links_of(entry);
+        KASSERT(!links->link);
         index_links_t** const head = &heads_[slot_of(hash)];
         *links = {*head, head, hash};
         if (links->next)

@@ -57,6 +57,7 @@ void pending_push(tarv_list_t& list, pending_places_t<Bits>& places, tarv_list_e
 
 /* Takes the request off the list, to be put back or let go: it keeps its place by age. */
 inline void pending_set_aside(tarv_list_t& list, tarv_list_entry_t* entry) {
+    KASSERT(list.count > 0);
     tarv_request_list::unlink(entry);
     index_leave(entry->by_address);
     index_leave(entry->by_dgid);

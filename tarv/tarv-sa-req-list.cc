@@ -21,6 +21,7 @@ bool nothing_waits() TA_NO_ANALYSIS {
 }
 
 void put_back(tarv_list_entry_t* entry) TA_REQ(tarv_sa_rl_lock) {
+    KASSERT(spin_is_held(&tarv_sa_rl_lock));
     pending_link(sa_requests, places, entry);
     by_dgid.enter(entry, tarv_gid_hash(entry->dgid));
 }
