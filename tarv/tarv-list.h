@@ -29,6 +29,13 @@ class list_of {
         list_add_tail(links_of(entry), &head_);
     }
 
+    /* The first entry, or the one behind `entry`; null when there is none. */
+    T* first() const { return empty() ? nullptr : entry_of(head_.next); }
+    T* next(T* entry) const {
+        list_head* const links = links_of(entry)->next;
+        return links == &head_ ? nullptr : entry_of(links);
+    }
+
     /* Unlinks the first entry and returns it; null when there is none. */
     T* pop() {
         if (empty())

@@ -14,8 +14,9 @@
 // `tarv_maker_t`, under the list's lock. So the maker learns whether the request is still its own
 // without touching it.
 //
-// Cost: a request is filed, matched and taken off at the same cost however many wait, and the timer
-// looks only at those that have waited long enough.
+// Cost: a request is filed, counted, matched and taken off at the same cost however many wait, for
+// one address or for many, and the timer looks only at those that have waited long enough. Many are
+// taken off, or shown, in pieces: no lock is held for more than one of them.
 //
 // Locks: every operation takes its list's lock itself. No callback, re-issue or other operation of
 // the module is called under one. Contexts: any, except for init and destroy (process).
@@ -57,17 +58,40 @@ struct tarv_list_entry {
     tarv_maker_t* maker;
 
     /* The lists' own: where they find the request without a walk. */
-    index_links_t by_address;
-    index_links_t by_dgid;  // of an SA request
-    list_head by_age;       // on a list of those that stand on the same list, oldest stamp first
-    u64 number;             // higher than that of all requests that came onto the list before
+    group_links_t<tarv_list_entry> by_address;
+    group_links_t<tarv_list_entry> by_dgid;  // of an SA request
+    list_head by_age;  // on a list of those that stand on the same list, oldest stamp first
+    u64 number;        // higher than that of all requests that came onto the list before
+    u32 alike[3];      // of the newest one for its address: how many want none, one, both paths
 };
 using tarv_list_entry_t = tarv_list_entry;
+
+/* Whoever looks at a list in a memory image goes by these. */
+static_assert(offsetof(tarv_list_entry, list_struct) == 0);
+static_assert(offsetof(tarv_list_entry, found_list_struct) == 16);
+static_assert(offsetof(tarv_list_entry, is_from_fwd) == 32);
+static_assert(offsetof(tarv_list_entry, req_ip) == 36);
+static_assert(offsetof(tarv_list_entry, src_ip) == 40);
+static_assert(offsetof(tarv_list_entry, timestamp) == 44);
+static_assert(offsetof(tarv_list_entry, reply_cb) == 48);
+static_assert(offsetof(tarv_list_entry, context) == 56);
+static_assert(offsetof(tarv_list_entry, requested_paths) == 64);
+static_assert(offsetof(tarv_list_entry, needed_paths_mask) == 68);
+static_assert(offsetof(tarv_list_entry, dgid) == 69);
+static_assert(offsetof(tarv_list_entry, not_valid) == 85);
+static_assert(offsetof(tarv_list_entry, n_retries) == 88);
+static_assert(offsetof(tarv_list_entry, orig_arp_data) == 96);
+static_assert(offsetof(tarv_list_entry, static_flag) == 368);
+static_assert(sizeof(tarv_list_entry::static_flag) == 4);
 
 struct tarv_list_t {
     list_head head;
     u32 count;
 };
+
+static_assert(offsetof(tarv_list_t, head) == 0);
+static_assert(offsetof(tarv_list_t, count) == 16);
+static_assert(sizeof(tarv_list_t) == 24);
 
 /* The two lists, and the private lists that requests are collected on. */
 using tarv_request_list = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, list_struct)>;

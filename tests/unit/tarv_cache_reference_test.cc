@@ -110,7 +110,8 @@ class CacheReference : public support::KernelTest, public testing::WithParamInte
     u32 last_qkey_ = 0;
     // Few enough to collide: neighbours, the same host of other subnets, one bucket's, nonsense.
     const std::vector<u32> addresses_ = [] {
-        std::vector<u32> all = {0, ~0u};
+        // The last one has a byte at each border between lengths.
+        std::vector<u32> all = {0, ~0u, htonl(0x0A64'6309)};
         for (u32 n = 0; n < 40; n++) {
             all.push_back(htonl(0x0A000001 + n));
             all.push_back(htonl(0x0A000001 + (n << 16)));
