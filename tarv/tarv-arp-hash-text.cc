@@ -179,8 +179,10 @@ void dump_in_parts() TA_EXCL(tarv_lock) {
     };
     copy_part();
     print_header(size);
-    for (; count; copy_part())
+    while (count) {
         print_rows(rows, count);
+        copy_part();
+    }
 }
 
 /* The table's size before its lock is taken: a guess at the room that is needed. */

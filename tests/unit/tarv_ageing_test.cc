@@ -93,6 +93,16 @@ TEST_F(Ageing, ReadsTheTimeoutAtEveryRun) {
     EXPECT_EQ(table().size, 0u);
 }
 
+TEST_F(Ageing, NeverComesBeyondTheTickCounter) {
+    for (const unsigned long timeout : {~0ul, ~0ul / HZ + 1, ~0ul / HZ, (~0ul - 1000) / HZ}) {
+        arp_cache_timeout_sec = timeout;
+        add(record(1, 0));
+        kernel.advance(15000);
+        EXPECT_EQ(table().size, 1u) << timeout;
+        tarv_hash_remove_all();
+    }
+}
+
 TEST_F(Ageing, GoesOnWhenHalted) {
     write_once(halted, 1);
     const unsigned long start = jiffies();

@@ -333,6 +333,17 @@ TEST_F(Cache, DumpsToTheConsoleWhateverTheLevels) {
                      "", ""}));
 }
 
+TEST_F(Cache, DumpsTheSameWithoutMemoryForAPicture) {
+    for (u32 n = 0; n < 300; n++)
+        add(record(n % 2 ? n : ip_in_bucket(3, static_cast<int>(n)), TARV_MASK_DST_IP));
+    tarv_hash_dump();
+    const Lines whole = console();
+    EXPECT_EQ(whole.size(), 5u + 300u + 2u);
+    host::fail_nth("kmalloc", 1);
+    tarv_hash_dump();
+    EXPECT_EQ(console(), whole);
+}
+
 // The text in the layout of the kernel's own ARP table.
 
 /// Renders, and checks the buffer's size.

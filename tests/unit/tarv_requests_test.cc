@@ -197,6 +197,36 @@ TEST_P(BothLists, DumpWhateverTheLevels) {
                                 "010.000.000.001\t192.168.001.020\tYes", "", ""}));
 }
 
+/// A long dump is made page by page; what goes meanwhile may be where it would go on.
+TEST_P(BothLists, KeepTheirPlaceInADump) {
+    Lines expected;
+    std::vector<tarv_list_entry_t*> entries;
+    for (u32 n = 0; n < 200; n++) {
+        entries.push_back(support::request(htonl(0x0A000000 + n)));
+        list.add(entries.back());
+        expected.insert(expected.begin(), host::kformat("010.000.000.%03u", n));
+    }
+    const auto dumped = [&](u32 going) {
+        Lines shown;
+        host::set_console([&](const host::LogLine& line) {
+            if (!line.text.starts_with("010."))
+                return;
+            shown.push_back(line.text.substr(0, 15));
+            // All that could be the first of the next page.
+            for (u32 n = 0; shown.size() == 64 && n < going; n++) {
+                list.remove(entries[135 - n]);
+                kfree(entries[135 - n]);
+            }
+        });
+        list.dump();
+        host::set_console({});
+        return shown;
+    };
+    EXPECT_EQ(dumped(0), expected);
+    expected.erase(expected.begin() + 64, expected.begin() + 67);
+    EXPECT_EQ(dumped(3), expected);
+}
+
 TEST_P(BothLists, TraceAddingAndTimingOut) {
     tarv_list_entry_t* due = request("a");
     trace(TARV_FUNC);
