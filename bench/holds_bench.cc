@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// How long the module keeps a lock, and interrupts off with it, where it deals with all peers or all
-// requests at once: the longest single hold of any of its locks during each such operation.
+// How long the module keeps a lock, and interrupts off with it, where it deals with all peers or
+// all requests at once: the longest single hold of any of its locks during each such operation.
 #include <time.h>
 
 #include <algorithm>
@@ -29,21 +29,21 @@ double longest;
 }  // namespace
 
 // The linker puts these in front of the host's locks (see CMakeLists.txt).
-#define TIMED_LOCK(kind, type)                                                                  \
-    unsigned long real_##kind##_lock(type* lock) __asm__("__real_plat_" #kind "_lock_irqsave"); \
+#define TIMED_LOCK(kind, type)                                                                   \
+    unsigned long real_##kind##_lock(type* lock) __asm__("__real_plat_" #kind "_lock_irqsave");  \
     unsigned long timed_##kind##_lock(type* lock) __asm__("__wrap_plat_" #kind "_lock_irqsave"); \
-    void real_##kind##_unlock(type* lock, unsigned long flags) __asm__(                         \
-        "__real_plat_" #kind "_unlock_irqrestore");                                             \
-    void timed_##kind##_unlock(type* lock, unsigned long flags) __asm__(                        \
-        "__wrap_plat_" #kind "_unlock_irqrestore");                                             \
-    unsigned long timed_##kind##_lock(type* lock) {                                             \
-        const unsigned long flags = real_##kind##_lock(lock);                                   \
-        locked_at = now();                                                                      \
-        return flags;                                                                           \
-    }                                                                                           \
-    void timed_##kind##_unlock(type* lock, unsigned long flags) {                               \
-        longest = std::max(longest, now() - locked_at);                                         \
-        real_##kind##_unlock(lock, flags);                                                      \
+    void real_##kind##_unlock(                                                                   \
+        type* lock, unsigned long flags) __asm__("__real_plat_" #kind "_unlock_irqrestore");     \
+    void timed_##kind##_unlock(                                                                  \
+        type* lock, unsigned long flags) __asm__("__wrap_plat_" #kind "_unlock_irqrestore");     \
+    unsigned long timed_##kind##_lock(type* lock) {                                              \
+        const unsigned long flags = real_##kind##_lock(lock);                                    \
+        locked_at = now();                                                                       \
+        return flags;                                                                            \
+    }                                                                                            \
+    void timed_##kind##_unlock(type* lock, unsigned long flags) {                                \
+        longest = std::max(longest, now() - locked_at);                                          \
+        real_##kind##_unlock(lock, flags);                                                       \
     }
 TIMED_LOCK(spin, spinlock_t)
 TIMED_LOCK(read, rwlock_t)

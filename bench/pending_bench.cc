@@ -320,10 +320,10 @@ void register_rows() {
         row("idle_timer_arp", "tarv", waiting, idle_timer<ModuleList>);
         row("idle_timer_sa", "tarv", waiting, idle_timer<ModuleSaList>);
         row("idle_timer", "plain", waiting, idle_timer<PlainLists>);
-        for (const auto& [who, peer_of] : {std::pair("apart", &apart), std::pair("alike", &alike)}) {
-            row("one_more", who, waiting, [peer_of](auto& state) { one_more(state, peer_of); });
-            row("all_due", who, waiting, [peer_of](auto& state) { all_due(state, peer_of); });
-        }
+        row("one_more", "apart", waiting, [](auto& state) { one_more(state, apart); });
+        row("one_more", "alike", waiting, [](auto& state) { one_more(state, alike); });
+        row("all_due", "apart", waiting, [](auto& state) { all_due(state, apart); });
+        row("all_due", "alike", waiting, [](auto& state) { all_due(state, alike); });
     }
 }
 

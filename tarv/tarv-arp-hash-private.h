@@ -69,8 +69,8 @@ class tarv_hash_walk_t {
     u32 bucket_ = 0;
 };
 
-/* Entries that were taken out of the table, chained through `next` in its order. They are freed when
- * the lock has been given back. */
+/* Entries that were taken out of the table, chained through `next` in its order. They are freed
+ * when the lock has been given back. */
 class tarv_hash_taken_t {
   public:
     tarv_hash_taken_t() {

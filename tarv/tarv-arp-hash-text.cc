@@ -84,8 +84,8 @@ void put_line(char* at, const row_t& row) {
 }
 
 /* Copies what is told of the entries, in table order, as many as `room` says, to places that are
- * `stride` bytes apart; returns how many that is. As the length of each chain is known, its rows can
- * be written before those of the chains in front of it. */
+ * `stride` bytes apart; returns how many that is. As the length of each chain is known, its rows
+ * can be written before those of the chains in front of it. */
 u32 copy_rows(char* rows, size_t stride, u32 room) TA_REQ_SHARED(tarv_lock) {
     u32 row_of[TARV_HASH_BUCKETS];
     u32 count = 0;

@@ -272,8 +272,9 @@ tarv_hash_entered_t tarv_hash_enter(tarv_arp_data_t* record, tarv_hash_rule_t ru
         }
     }
     if (tarv_hash_entry_t* const known = find(address)) {
-        TARV_LOG_FROM(rule == tarv_hash_replace ? "tarv_hash_get_entry_data" : "tarv_hash_get_entry",
-                      TARV_DEBUG, "IP: %08X found.\n", address);
+        TARV_LOG_FROM(
+            rule == tarv_hash_replace ? "tarv_hash_get_entry_data" : "tarv_hash_get_entry",
+            TARV_DEBUG, "IP: %08X found.\n", address);
         if (rule == tarv_hash_replace)
             copy_record(known, record);
         touch(known);
@@ -301,7 +302,8 @@ tarv_stat_t tarv_hash_remove_entries_by_sgid(gx_gid_t* sgid) {
 
 tarv_stat_t tarv_hash_seq_cache_lookup(gx_gid_t* gid, tarv_arp_data_t* out) {
     const read_guard guard(tarv_lock);
-    tarv_hash_entry_t* const entry = tarv_log_enabled(TARV_FUNC) ? trace_gid(*gid) : by_gid.first(*gid);
+    tarv_hash_entry_t* const entry =
+        tarv_log_enabled(TARV_FUNC) ? trace_gid(*gid) : by_gid.first(*gid);
     if (!entry)
         return tarv_stat_not_found;
     TARV_LOG(TARV_FUNC, "Entry found !!! \n");

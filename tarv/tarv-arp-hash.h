@@ -6,10 +6,10 @@
 // tarv_hash_add_entry on. The table frees what it purges and what it ages out;
 // tarv_hash_remove_entry hands an entry back. The table never allocates.
 //
-// Duplicates: tarv_hash_add_entry does not refuse a second entry for an address. A new entry goes to
-// the head of its chain and lookups take the first match, so the newest entry hides older ones until
-// it is removed. Whoever learns or is told of a peer comes through tarv_hash_enter instead, which
-// looks and adds in one step, so that two at once do not make two entries.
+// Duplicates: tarv_hash_add_entry does not refuse a second entry for an address. A new entry goes
+// to the head of its chain and lookups take the first match, so the newest entry hides older ones
+// until it is removed. Whoever learns or is told of a peer comes through tarv_hash_enter instead,
+// which looks and adds in one step, so that two at once do not make two entries.
 //
 // Static entries (TARV_MASK_STATIC) are never aged out. While `statics_inv_enabled` is 0 they are
 // also passed over by removal by address and by replacement of the record. The purges take them

@@ -272,7 +272,7 @@ inline u32 tarv_address_hash(u32 address) {
 /* The hash of a GID: each quarter is multiplied by a number of its own before anything is folded.
  * Of any two GIDs the chance to share bits of the hash is that of throwing dice. */
 inline u32 tarv_gid_hash(const gx_gid_t& gid) {
-    const u64 (&drawn)[4] = tarv_index_drawn.gid;
+    const u64(&drawn)[4] = tarv_index_drawn.gid;
     const u64 high = gid_high(gid);
     const u64 low = gid_low(gid);
     const u64 sum = static_cast<u32>(high) * drawn[0] + (high >> 32) * drawn[1] +

@@ -147,8 +147,8 @@ inline bool pending_is_due(const tarv_list_entry_t* entry, u32 limit) {
 }
 
 /* Takes a piece of those off the list that are due, busy ones excepted, and appends them to `found`
- * by their age. Looks at no others: who has waited longest comes first. Returns whether there may be
- * more. */
+ * by their age. Looks at no others: who has waited longest comes first. Returns whether there may
+ * be more. */
 template <class Places>
 bool pending_take_due(tarv_list_t& list, Places& places, u32 limit, tarv_found_list& found) {
     u32 taken = 0;
@@ -216,8 +216,7 @@ bool pending_turn_page(tarv_list_t& list, Places& places, pending_page_t& page, 
     tarv_list_entry_t* entry = is_first ? all.first() : places.shown_next;
     page.count = list.count;
     page.length = 0;
-    for (; entry && page.length < sizeof page.lines / sizeof page.lines[0];
-         entry = all.next(entry))
+    for (; entry && page.length < sizeof page.lines / sizeof page.lines[0]; entry = all.next(entry))
         page.lines[page.length++] = {entry->req_ip, entry->src_ip, entry->is_from_fwd};
     places.shown_next = entry;
     return is_first || page.length;

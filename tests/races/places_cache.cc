@@ -97,9 +97,8 @@ Tally drive_enter_together(Site& site, unsigned rounds) {
                 return;
             }
             const unsigned peer = round % peer_count;
-            const std::string command = round % 2
-                                            ? site.identities.add_command(peer, round)
-                                            : site.identities.add_ib_arp_command(peer, round);
+            const std::string command = round % 2 ? site.identities.add_command(peer, round)
+                                                  : site.identities.add_ib_arp_command(peer, round);
             if (rival_in(round) == Rival::command_in_between) {
                 meeting.arrive();
                 Site::command(command);

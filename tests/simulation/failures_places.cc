@@ -201,6 +201,7 @@ constexpr Place control_places[] = {
      "ERROR tarv_arp_hash/tarv_hash_print_to_string: Can't allocate output buffer.\n"
      "table of 0 bytes",
      logged},
+    {"kmalloc", control, "\n\nIB-Arp Table entries: *", silent(Silence::shown_in_parts)},
 };
 
 constexpr std::span<const Place> tables[] = {load_places, event_places, request_places,
@@ -303,6 +304,8 @@ const char* reason_of(Silence silence) {
             return "the port's entries stay in the cache";
         case Silence::path_keeps_its_template:
             return "the static path keeps that field";
+        case Silence::shown_in_parts:
+            return "the table is shown part by part";
         case Silence::called_again:
             return "it is called again until it succeeds";
     }

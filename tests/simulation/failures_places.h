@@ -22,6 +22,7 @@ enum class Silence : std::uint8_t {
     level_is_not_followed,
     purge_is_left_out,
     path_keeps_its_template,
+    shown_in_parts,
     called_again,
 };
 const char* reason_of(Silence silence);

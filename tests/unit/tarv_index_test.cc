@@ -103,8 +103,8 @@ TEST(Indexes, FindWhatAWalkFinds) {
             indexes.enter(outside.back());
             outside.pop_back();
         } else if (!indexes.all.empty()) {
-            outside.push_back(*std::next(indexes.all.begin(),
-                                         static_cast<long>(random() % indexes.all.size())));
+            outside.push_back(
+                *std::next(indexes.all.begin(), static_cast<long>(random() % indexes.all.size())));
             indexes.remove(outside.back());
         }
         ASSERT_NO_FATAL_FAILURE(indexes.compare(key));
@@ -123,7 +123,8 @@ TEST(Indexes, KeepTheirTreesLow) {
     const std::function<int(const Item*)> height = [&](const Item* item) {
         return item ? 1 + std::max(height(item->order.before), height(item->order.after)) : 0;
     };
-    const auto root = std::ranges::max_element(items, {}, [](const Item& i) { return Order::rank(&i); });
+    const auto root =
+        std::ranges::max_element(items, {}, [](const Item& i) { return Order::rank(&i); });
     EXPECT_LE(height(&*root), 60);
 }
 
