@@ -2,6 +2,7 @@
 //
 // The attached IPoIB driver, and the intake of the ARP packets that it receives.
 #include "platform/atomic.h"
+#include "platform/bug.h"
 #include "platform/memory.h"
 #include "tarv/logger.h"
 #include "tarv/tarv-api.h"
@@ -120,7 +121,7 @@ tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
     while (tarv_list_entry_t* request = found.pop()) {
         if (is_answered_by(request, *record)) {
             tarv_reply(request, tarv_stat_ok, record);
-            kfree(request);
+            tarv_free_request(request);
         } else {
             result = request_paths(request, record->gid, record->local_port_num);
         }

@@ -2,6 +2,7 @@
 //
 // Ageing: a timer that frees the entries nobody has used for a while.
 #include "platform/atomic.h"
+#include "platform/bug.h"
 #include "platform/jiffies.h"
 #include "platform/memory.h"
 #include "tarv/logger.h"

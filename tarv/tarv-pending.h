@@ -17,8 +17,6 @@ inline u32 pending_stamp() {
     return static_cast<u32>(jiffies());
 }
 
-using pending_by_age = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_age)>;
-
 /* Requests that are taken off a list, or shown, while its lock is held once. */
 inline constexpr u32 pending_piece = 256;
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // The requests that wait for SA path records.
-#include "platform/memory.h"
 #include "tarv/tarv-arp-hash.h"
 #include "tarv/tarv-pending.h"
 #include "tarv/tarv-req-list.h"
@@ -84,7 +83,7 @@ tarv_list_entry_t* take_first(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
 void give_last_words(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
     while (tarv_list_entry_t* entry = take_first(busy_too)) {
         tarv_retry_ib_data_request(entry, nullptr);
-        kfree(entry);
+        tarv_free_request(entry);
     }
 }
 
@@ -188,7 +187,7 @@ void tarv_sa_req_timer_handler(unsigned long) {
             tarv_retry_ib_data_request(entry, nullptr);
         while (tarv_list_entry_t* entry = timed_out.pop()) {
             TARV_LOG(TARV_FUNC, "found entry : 0x%p\n", static_cast<void*>(entry));
-            kfree(entry);
+            tarv_free_request(entry);
         }
     }
     if (!read_once(halted))
