@@ -83,6 +83,13 @@ const Rule context_rules[] = {
      [] { in_timer([] { kmalloc(8, GFP_KERNEL); }); }},
     {"AllocationUnderLock", "kmalloc\\(GFP_KERNEL\\): may sleep.*lock one held",
      [] { under_lock([] { kmalloc(8, GFP_KERNEL); }); }},
+    {"LargeAllocationAtOnce", "kmalloc\\(GFP_ATOMIC\\): 4097 bytes are more than a page",
+     [] { kmalloc(4097, GFP_ATOMIC); }},
+    {"LargeMemoryFreedInTimer", "kfree of more than a page: may sleep.*timer context",
+     [] {
+         static void* const memory = kmalloc(4097, GFP_KERNEL);
+         in_timer([] { kfree(memory); });
+     }},
     {"ScheduleInTimer", "schedule: may sleep.*timer", [] { in_timer([] { ::schedule(); }); }},
     {"ScheduleUnderLock", "schedule: may sleep.*lock one",
      [] { under_lock([] { ::schedule(); }); }},
