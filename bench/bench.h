@@ -57,7 +57,7 @@ struct KernelAllocator {
     template <class U>
     KernelAllocator(const KernelAllocator<U>&) {}
     T* allocate(std::size_t count) {
-        return static_cast<T*>(kmalloc(count * sizeof(T), GFP_ATOMIC));
+        return static_cast<T*>(kmalloc(count * sizeof(T), GFP_KERNEL));
     }
     void deallocate(T* memory, std::size_t) { kfree(memory); }
     friend bool operator==(const KernelAllocator&, const KernelAllocator&) { return true; }
