@@ -95,3 +95,74 @@ void tarv_req_list_destroy() {
     while (take_piece(taken))
         while (tarv_list_entry_t* entry = taken.pop())
             tarv_free_request(entry);
+}
+
+tarv_stat_t tarv_add_arp_request(tarv_list_entry_t* entry) {
+    const spin_guard guard(tarv_rl_lock);
+    TARV_LOG(TARV_DEBUG, "Added req: %p\n", static_cast<void*>(entry));
+    pending_push(requests, places, entry);
+    return tarv_stat_ok;
+}
+
+tarv_stat_t tarv_remove_arp_request(tarv_list_entry_t* entry) {
+    const spin_guard guard(tarv_rl_lock);
+    pending_take(requests, places, entry);
+    return tarv_stat_ok;
+}
+
+bool tarv_release_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker,
+                              bool drop_reply) {
+    const spin_guard guard(tarv_rl_lock);
+    if (maker->taken)
+        return false;
+    entry->maker = nullptr;
+    if (drop_reply)
+        entry->reply_cb = nullptr;
+    tarv_clear_request_static_flag(entry);
+    return true;
+}
+
+int tarv_num_identical_reqs(tarv_list_entry_t* entry) {
+    const spin_guard guard(tarv_rl_lock);
+    return places.count_identical(entry);
+}
+
+tarv_stat_t tarv_find_and_move_arp_requests_to_list(u32 req_ip, list_head* found_list) {
+    INIT_LIST_HEAD(found_list);
+    tarv_found_list found(*found_list);
+    while (take_piece_of(req_ip, found)) {
+    }
+    return found.empty() ? tarv_stat_not_found : tarv_stat_ok;
+}
+
+void tarv_req_timer_handler(unsigned long) {
+    if (!nothing_waits()) {
+        list_head timed_out_head;
+        INIT_LIST_HEAD(&timed_out_head);
+        tarv_found_list timed_out(timed_out_head);
+        if (tarv_log_enabled(TARV_FUNC))
+            trace_due(timed_out);
+        else
+            take_due(timed_out);
+        for ([[maybe_unused]] const tarv_list_entry_t* entry : timed_out)
+            TARV_LOG(TARV_FUNC, "All the timeouted requests processed.\n");
+        if (!timed_out.empty()) {
+            write_once(tarv_media_reset, 1);
+            TARV_LOG(TARV_DEBUG, "*** At least one timeout found resetting media ***\n");
+        }
+        while (tarv_list_entry_t* entry = timed_out.pop()) {
+            TARV_LOG(TARV_FUNC, "found entry : 0x%p\n", static_cast<void*>(entry));
+            tarv_retry_ib_data_request(entry, nullptr);
+            tarv_free_request(entry);
+        }
+    }
+    if (!read_once(halted))
+        pending_start_timer(&tarv_req_timer);
+}
+
+void tarv_req_list_dump() {
+    pending_dump("ib-arp", [](pending_page_t& page, bool is_first) {
+        const spin_guard guard(tarv_rl_lock);
+        return pending_turn_page(requests, places, page, is_first);
+    });
+}

@@ -96,3 +96,108 @@ static_assert(offsetof(tarv_list_t, count) == 16);
 static_assert(sizeof(tarv_list_t) == 24);
 
 /* The two lists, the private lists that requests are collected on, and the lists by age. */
+using tarv_request_list = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, list_struct)>;
+using tarv_found_list = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, found_list_struct)>;
+using pending_by_age = list_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_age)>;
+
+inline void tarv_set_request_static_flag(tarv_list_entry_t* entry) {
+    atomic_set(&entry->static_flag, 1);
+}
+inline void tarv_clear_request_static_flag(tarv_list_entry_t* entry) {
+    atomic_set(&entry->static_flag, 0);
+}
+inline int tarv_get_request_static_flag(tarv_list_entry_t* entry) {
+    return atomic_read(&entry->static_flag);
+}
+
+/* Calls the request's reply callback where it has one; returns whether it had. No lock held. */
+inline bool tarv_reply(const tarv_list_entry_t* entry, tarv_stat_t status,
+                       tarv_arp_data_t* record) {
+    const auto reply = reinterpret_cast<tarv_get_ib_data_reply_fn_t>(entry->reply_cb);
+    if (reply)
+        reply(status, record, entry->context);
+    return reply != nullptr;
+}
+
+/* The last of a request, by whoever owns it: it is on no list, and so in no index, and a maker who
+ * was busy with it knows that it was taken. */
+inline void tarv_free_request(tarv_list_entry_t* entry) {
+    KASSERT(!tarv_request_list::is_linked(entry) && !tarv_found_list::is_linked(entry));
+    KASSERT(!pending_by_age::is_linked(entry));
+    KASSERT(!entry->maker);
+    kfree(entry);
+}
+
+/* The ARP requests. */
+
+extern spinlock_t tarv_rl_lock;
+extern tarv_list_t requests TA_GUARDED(tarv_rl_lock);
+extern timer_list tarv_req_timer;
+
+/* Empties the list and starts its timer. Process context. Always tarv_stat_ok. */
+tarv_stat_t tarv_req_list_init() TA_EXCL(tarv_rl_lock);
+
+/* Stops the timer, waiting for a running handler, and frees what waits, without a reply. Process
+ * context; nobody files requests any more. */
+void tarv_req_list_destroy() TA_EXCL(tarv_rl_lock);
+
+/* Stamps the request and puts it at the head of the list, which owns it then. Always tarv_stat_ok.
+ */
+tarv_stat_t tarv_add_arp_request(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock);
+
+/* Takes the request off the list; it is the caller's. Always tarv_stat_ok. */
+tarv_stat_t tarv_remove_arp_request(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock);
+
+/* The maker is done sending `entry`, which it filed with `maker` in it. True: the request is on the
+ * list, its static flag now clear, and waits, without its reply callback when `drop_reply` is set.
+ * False: it was taken meanwhile and must not be touched. */
+bool tarv_release_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker, bool drop_reply)
+    TA_EXCL(tarv_rl_lock);
+
+/* How many requests wait for the same address with the same number of paths, `entry` included when
+ * it is one of them. */
+int tarv_num_identical_reqs(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock);
+
+/* Takes every request for the address, busy or not, off the list and hands them over on
+ * `found_list` (made empty first), oldest first. tarv_stat_not_found when there was none. */
+tarv_stat_t tarv_find_and_move_arp_requests_to_list(u32 req_ip, list_head* found_list)
+    TA_EXCL(tarv_rl_lock);
+
+/* Every 1000 ticks: hands requests that have waited 1000 ticks (all of them when the module is
+ * halted) to tarv_retry_ib_data_request. Timer context, or the process that halts the module. */
+void tarv_req_timer_handler(unsigned long context) TA_EXCL(tarv_rl_lock);
+
+/* Prints the list to the console. */
+void tarv_req_list_dump() TA_EXCL(tarv_rl_lock);
+
+/* The SA requests: the same for `sa_requests`, where the differences are. */
+
+extern spinlock_t tarv_sa_rl_lock;
+extern tarv_list_t sa_requests TA_GUARDED(tarv_sa_rl_lock);
+extern timer_list tarv_sa_req_timer;
+
+tarv_stat_t tarv_sa_req_list_init() TA_EXCL(tarv_sa_rl_lock);
+
+/* Stops the timer, waiting for a running handler, then gives every waiting request its last word
+ * through tarv_retry_ib_data_request and frees it. The drain comes first, while ARP timer and GSI
+ * completions may still be filing requests here: it leaves those alone whose makers are busy. */
+void tarv_sa_req_list_drain() TA_EXCL(tarv_sa_rl_lock);
+void tarv_sa_req_list_destroy() TA_EXCL(tarv_sa_rl_lock);
+
+tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
+tarv_stat_t tarv_sa_remove_request(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
+int tarv_sa_num_identical_reqs(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
+
+/* An SA answer came: stores its `path_count` records (at most 3) into the cache for every request
+ * that waits for the GID of the first and is not busy, and hands those requests over on
+ * `found_list` (made empty first), oldest first, whose cache entry now has all the paths that they
+ * want. The others go back to the list, with the time stamp they had. tarv_stat_not_found when none
+ * is handed over. */
+tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path, int path_count,
+                                                   u32 local_port_num, list_head* found_list)
+    TA_EXCL(tarv_sa_rl_lock);
+
+/* As for the ARP requests, with 3000 ticks. */
+void tarv_sa_req_timer_handler(unsigned long context) TA_EXCL(tarv_sa_rl_lock);
+
+void tarv_sa_req_list_dump() TA_EXCL(tarv_sa_rl_lock);
