@@ -87,9 +87,11 @@ tarv_stat_t tarv_aync_ev_init() {
     return tarv_stat_ok;
 }
 
+/* An adapter that does not tell any more which GID the port had leaves it to what the SA client
+ * remembers. */
 void link_down(u8 port) {
     gx_gid_t gid;
-    if (port_num2base_gid(hca_h, port, &gid) == 0)
+    if (port_num2base_gid(hca_h, port, &gid) == 0 || tarv_sa_known_gid(port, &gid))
         tarv_hash_remove_entries_by_sgid(&gid);
     TARV_LOG_FROM("tarv_async_event_cb", TARV_DEBUG, "Received link_down <port:%d>\n", port);
     tarv_sa_destroy(port);

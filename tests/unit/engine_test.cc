@@ -117,6 +117,7 @@ struct LinkDown {
     const char* name;
     int port;
     std::vector<u32> kept;  // masks of the entries that stay
+    bool adapter_tells = true;
 };
 struct LinkDownTest : EngineTest, testing::WithParamInterface<LinkDown> {};
 
@@ -131,6 +132,9 @@ TEST_P(LinkDownTest, PurgesExactlyThatPortsPaths) {
     for (u32 n = 0; n < masks.size(); n++)
         know(2, masks[n], host_ip(100) + (n << 24));
     trace(TARV_DEBUG);
+    host::clear_faults();
+    if (!row.adapter_tells)
+        host::fail_nth("port_num2base_gid", 1);
     set_link(row.port, false);
     EXPECT_THAT(transcript(),
                 ElementsAre("D tarv_api/tarv_async_event_cb: Received link_down <port:" +
@@ -148,7 +152,11 @@ TEST_P(LinkDownTest, PurgesExactlyThatPortsPaths) {
 INSTANTIATE_TEST_SUITE_P(
     Site, LinkDownTest,
     testing::Values(LinkDown{"port_1", 1, {0, secondary, secondary | TARV_MASK_STATIC}},
-                    LinkDown{"port_2", 2, {0, primary, primary | TARV_MASK_STATIC}}),
+                    LinkDown{"port_2", 2, {0, primary, primary | TARV_MASK_STATIC}},
+                    LinkDown{"port_2_whose_gid_is_only_remembered",
+                             2,
+                             {0, primary, primary | TARV_MASK_STATIC},
+                             false}),
     row_name);
 
 TEST_F(EngineTest, APortThatComesBackServesQueriesAgain) {
