@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The attached IPoIB driver, and the intake of the ARP packets that it receives.
+// The intake of the ARP packets that the IPoIB driver receives.
 #include "platform/atomic.h"
 #include "platform/bug.h"
 #include "platform/memory.h"
@@ -20,24 +20,6 @@ constexpr char intake[] = "tarv_process_arp_data";
 /* The verbs layer numbers ports with 8 bits; what does not fit is no port. */
 u8 port_number(u32 local_port_num) {
     return local_port_num <= 0xFF ? static_cast<u8>(local_port_num) : 0;
-}
-
-void set_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn, void* context)
-    TA_REQ(driver_lock) {
-    KASSERT(spin_is_held(&driver_lock));
-    write_once(send_arp_data_fn_context, context);
-    write_once(local_send_arp_data_fn, send_arp_data_fn);
-    write_once(local_get_if_info_fn, get_if_info_fn);
-}
-
-/* False when there is a driver already. */
-bool take_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
-                 void* context) TA_EXCL(driver_lock) {
-    const spin_guard guard(driver_lock);
-    if (local_send_arp_data_fn || local_get_if_info_fn)
-        return false;
-    set_driver(get_if_info_fn, send_arp_data_fn, context);
-    return true;
 }
 
 /* Gives the peer in `record` the static path, its own ends filled in. The template is used by every
@@ -133,32 +115,8 @@ tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
 
 constinit u8 enabled = 0;
 constinit u8 statics_inv_enabled = 1;
-constinit spinlock_t driver_lock = {};
-constinit send_arp_data_fn_t local_send_arp_data_fn = nullptr;
-constinit get_if_info_fn_t local_get_if_info_fn = nullptr;
-constinit void* send_arp_data_fn_context = nullptr;
 constinit spinlock_t static_path_lock = {};
 constinit ib_path_record_v2_t static_path = {};
-
-tarv_stat_t tarv_attach(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
-                        void* context, void** handle) {
-    if (!take_driver(get_if_info_fn, send_arp_data_fn, context)) {
-        TARV_LOG(TARV_ERROR, "send_arp_data_fn OR get_if_info_fn allready registered.\n");
-        return tarv_stat_error;
-    }
-    *handle = TARV_ATTACH_HANDLE;
-    return tarv_stat_ok;
-}
-
-tarv_stat_t tarv_detach(void* handle) {
-    if (handle != TARV_ATTACH_HANDLE) {
-        TARV_LOG(TARV_ERROR, "Invalid handle.\n");
-        return tarv_stat_error;
-    }
-    const spin_guard guard(driver_lock);
-    set_driver(nullptr, nullptr, nullptr);
-    return tarv_stat_ok;
-}
 
 void swap_ips(u32* src_ip, u32* dst_ip) {
     const u32 ip = *src_ip;

@@ -56,10 +56,7 @@ void reset_state() {
     write_once(statics_inv_enabled, 1);
     write_once(get_data_retry, 3);
     write_once(tarv_media_reset, 1);
-    write_once(local_send_arp_data_fn, nullptr);
-    write_once(local_get_if_info_fn, nullptr);
-    write_once(send_arp_data_fn_context, nullptr);
-    spin_lock_init(&driver_lock, "driver_lock");
+    tarv_driver_start();
     spin_lock_init(&static_path_lock, "static_path_lock");
     const spin_guard guard(static_path_lock);
     static_path = {};

@@ -14,7 +14,7 @@ constexpr Place all_places[] = {
      drive_reply_inside_send},
     {"reply_beside_send", "the ARP reply comes on another thread while the driver sends", 1,
      drive_reply_beside_send},
-    {"driver_change", "the driver is exchanged while a request is made", 1, drive_driver_change},
+    {"driver_change", "the driver is exchanged while it is called", 1, drive_driver_change},
     {"time_out_of_arp", "the ARP time-out pass and the completion reach for one request", 1,
      drive_time_out_of_arp},
     {"time_out_of_paths", "the SA time-out pass and the completion reach for one request", 1,

@@ -290,6 +290,12 @@ INSTANTIATE_TEST_SUITE_P(Site, InsideTest,
                                                 tarv_stat_error, "+2 client told 0 with 10.0.0.2"}),
                          row_name);
 
+TEST_F(IntakeTest, ADriverThatDetachesItselfWhileItIsCalledIsStopped) {
+    StandInDriver driver{[&](tarv_arp_data_t&, int) { return tarv_detach(TARV_ATTACH_HANDLE); }};
+    use(driver);
+    EXPECT_DEATH(ask(host_ip(2)), "down: may sleep, but was called in driver context");
+}
+
 TEST_F(IntakeTest, ACallbackMayAskAgain) {
     struct Chain {
         static void reply(tarv_stat_t, tarv_arp_data_t*, void* test) {
