@@ -94,18 +94,23 @@ bool is_answered_by(const tarv_list_entry_t* request, const tarv_arp_data_t& rec
             tarv_mask_has_paths(record.mask, request->requested_paths));
 }
 
-/* Completes the requests that waited for the peer in `record`; `result` is the outcome so far. */
-tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
+/* Completes the requests that waited for the peer in `record`; `result` is the outcome so far. What
+ * an administrator's record leaves open about the way to the peer, the packet tells. */
+tarv_stat_t complete_requests(tarv_arp_data_t* record, const tarv_arp_data_t* packet,
+                              tarv_stat_t result) {
     list_head found_head;
     if (tarv_find_and_move_arp_requests_to_list(record->dst_ip, &found_head) != tarv_stat_ok)
         return result;
     tarv_found_list found(found_head);
+    const gx_gid_t& dgid = record->mask & TARV_MASK_GID ? record->gid : packet->gid;
+    const u32 local_port_num =
+        record->mask & TARV_MASK_LOCAL_PORT ? record->local_port_num : packet->local_port_num;
     while (tarv_list_entry_t* request = found.pop()) {
         if (is_answered_by(request, *record)) {
             tarv_reply(request, tarv_stat_ok, record);
             tarv_free_request(request);
         } else {
-            result = request_paths(request, record->gid, record->local_port_num);
+            result = request_paths(request, dgid, local_port_num);
         }
     }
     return result;
@@ -159,5 +164,5 @@ tarv_stat_t tarv_process_arp_data(tarv_arp_data_t* arp_data) {
     if (outcome == tarv_hash_replaced)
         return tarv_stat_ok;
     // Where the entry is the administrator's and protected, it is the answer as well.
-    return complete_requests(record.get(), tarv_stat_ok);
+    return complete_requests(record.get(), arp_data, tarv_stat_ok);
 }

@@ -222,13 +222,14 @@ struct Protected {
     u32 cached;
     tarv_paths_t wanted;
     std::size_t queries;
+    u32 lacking = 0;
 };
 struct ProtectedTest : IntakeTest, testing::WithParamInterface<Protected> {};
 
 TEST_P(ProtectedTest, AStaticEntryStaysTheOnlyOneAndAnswers) {
     const Protected& row = GetParam();
     wait_for_2({row.wanted});
-    know(2, TARV_MASK_STATIC | row.cached);
+    know(2, TARV_MASK_STATIC | row.cached, 0, row.lacking);
     write_once(statics_inv_enabled, 0);
     tarv_arp_data_t forged = heard(2);
     forged.lid = 999;
@@ -248,7 +249,9 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Protected{"no_paths_wanted", 0, tarv_paths_none, 0},
                     Protected{"all_paths_there", both, tarv_paths_both, 0},
                     Protected{"primary_there", TARV_MASK_PRIMARY_PATH, tarv_paths_primary, 0},
-                    Protected{"secondary_missing", TARV_MASK_PRIMARY_PATH, tarv_paths_both, 1}),
+                    Protected{"secondary_missing", TARV_MASK_PRIMARY_PATH, tarv_paths_both, 1},
+                    Protected{"no_gid", 0, tarv_paths_primary, 1, TARV_MASK_GID},
+                    Protected{"no_port", 0, tarv_paths_both, 1, TARV_MASK_LOCAL_PORT}),
     row_name);
 
 struct Inside {
