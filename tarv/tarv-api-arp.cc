@@ -70,6 +70,8 @@ bool learn(tarv_arp_data_t* record, tarv_hash_entered_t* outcome) {
 /* Moves a request, which is the caller's, on to the SA: it waits there for paths to `dgid`. */
 tarv_stat_t request_paths(tarv_list_entry_t* request, const gx_gid_t& dgid, u32 local_port_num) {
     kptr<tarv_list_entry_t> owner(request);
+    tarv_maker_t maker;
+    owner->maker = &maker;
     owner->dgid = dgid;
     tarv_set_request_static_flag(request);
     owner->needed_paths_mask = owner->requested_paths == tarv_paths_both ? 3 : 1;
@@ -80,7 +82,7 @@ tarv_stat_t request_paths(tarv_list_entry_t* request, const gx_gid_t& dgid, u32 
         TARV_LOG_FROM(intake, TARV_ERROR, "Error initiating multipath record query.\n");
         tarv_sa_remove_request(request);
     } else {
-        tarv_clear_request_static_flag(owner.release());
+        tarv_sa_release_request(owner.release(), &maker, false);
         return tarv_stat_ok;
     }
     tarv_reply(request, tarv_stat_error, nullptr);

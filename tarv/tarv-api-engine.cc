@@ -151,8 +151,7 @@ void tarv_destroy() {
     tarv_sa_req_list_drain();
     tarv_aync_ev_destroy_cleanup();
     tarv_req_list_destroy();
-    // Until they were stopped, the SA's answers may have moved requests on. Nobody is busy with one
-    // any more.
+    // Nobody is busy with a request any more.
     tarv_sa_req_list_destroy();
     tarv_hash_destroy();
     printk("TARV: Unloaded.\n");

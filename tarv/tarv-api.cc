@@ -71,27 +71,28 @@ tarv_stat_t request_paths(const query_t& query, const tarv_arp_data_t* record) {
     const int identical =
         query.paths == tarv_paths_primary ? tarv_sa_num_identical_reqs(owner.get()) : 0;
 
+    tarv_maker_t maker;
+    owner->maker = &maker;
     tarv_set_request_static_flag(owner.get());
     if (tarv_sa_add_request(owner.get()) != tarv_stat_ok) {
         TARV_LOG_FROM(decision, TARV_ERROR,
                       "Error adding the new sa request entry to the container.\n");
         return tarv_stat_error;
     }
-    // The list owns the request, but leaves it alone until the flag is cleared.
+    // The list owns the request, but leaves it alone until it is let go of.
     tarv_list_entry_t* entry = owner.release();
     if (identical > max_identical_requests) {
         TARV_LOG_FROM(decision, TARV_WARNING, "Many identical path query requests\n");
-        tarv_clear_request_static_flag(entry);
+        tarv_sa_release_request(entry, &maker, false);
         return tarv_stat_pending;
     }
     gx_gid_t dgid = record->gid;
     if (tarv_sa_query_path(record->local_port_num, &dgid) != tarv_stat_ok) {
         TARV_LOG_FROM(decision, TARV_ERROR, "Error initiating multipath record query.\n");
-        entry->reply_cb = nullptr;
-        tarv_clear_request_static_flag(entry);
+        tarv_sa_release_request(entry, &maker, true);
         return tarv_stat_error;
     }
-    tarv_clear_request_static_flag(entry);
+    tarv_sa_release_request(entry, &maker, false);
     return tarv_stat_pending;
 }
 
@@ -140,7 +141,7 @@ tarv_stat_t request_address(const query_t& query, tarv_arp_data_t* record) {
     fill_request(owner.get(), query, record);
     const int identical = tarv_num_identical_reqs(owner.get());
 
-    tarv_maker_t maker = {};
+    tarv_maker_t maker;
     owner->maker = &maker;
     tarv_set_request_static_flag(owner.get());
     if (tarv_add_arp_request(owner.get()) != tarv_stat_ok) {

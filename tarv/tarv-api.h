@@ -114,6 +114,11 @@ void swap_ips(u32* src_ip, u32* dst_ip);
  * completes the requests that they satisfy. GSI receive context; never sleeps; no lock held. */
 void tarv_process_path_rec_data(ib_path_record_v2_t* new_path, int path_count, u32 local_port_num);
 
+/* Answers a request from an SA answer that came while its maker, the caller, was busy with it, and
+ * frees it. False: the answer was not what it wants, or there is no memory; it is still its
+ * maker's. Never sleeps; no lock held. */
+bool tarv_answer_request(tarv_list_entry_t* request, tarv_path_answer_t* answer);
+
 /* Starts the engine; what a failing step leaves is undone. Stops it. Process context. */
 tarv_stat_t tarv_init();
 void tarv_destroy();

@@ -14,11 +14,6 @@ constexpr u32 arp_timeout = 1000;  // ticks
 /* 2^15 heads: every request of a storm comes here first, and counts those like it. */
 constinit pending_places_t<15> places TA_GUARDED(tarv_rl_lock) = {};
 
-/* Read without the lock: whether a walk is worth while. */
-bool nothing_waits() TA_NO_ANALYSIS {
-    return read_once(requests.count) == 0;
-}
-
 /* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
 void trace_due(tarv_found_list& timed_out) TA_EXCL(tarv_rl_lock) {
     constexpr char handler[] = "tarv_req_timer_handler";
@@ -26,7 +21,7 @@ void trace_due(tarv_found_list& timed_out) TA_EXCL(tarv_rl_lock) {
     for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
         TARV_LOG_FROM(handler, TARV_FUNC, "Checking request entry: <0x%p>\n",
                       static_cast<void*>(entry));
-        if (tarv_get_request_static_flag(entry) || !pending_is_due(entry, arp_timeout))
+        if (!pending_may_be_taken(entry) || !pending_is_due(entry, arp_timeout))
             continue;
         TARV_LOG_FROM(handler, TARV_FUNC, "\t\t-> timeouted!\n");
         pending_take(requests, places, entry);
@@ -112,14 +107,14 @@ tarv_stat_t tarv_remove_arp_request(tarv_list_entry_t* entry) {
 
 bool tarv_release_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker,
                               bool drop_reply) {
-    const spin_guard guard(tarv_rl_lock);
-    if (maker->taken)
-        return false;
-    entry->maker = nullptr;
-    if (drop_reply)
-        entry->reply_cb = nullptr;
-    tarv_clear_request_static_flag(entry);
-    return true;
+    pending_release_t release;
+    {
+        const spin_guard guard(tarv_rl_lock);
+        release = pending_release(requests, places, entry, maker, drop_reply);
+    }
+    if (release == pending_release_t::give_last_word)
+        pending_give_last_word(entry);
+    return release != pending_release_t::was_taken;
 }
 
 int tarv_num_identical_reqs(tarv_list_entry_t* entry) {
@@ -136,7 +131,7 @@ tarv_stat_t tarv_find_and_move_arp_requests_to_list(u32 req_ip, list_head* found
 }
 
 void tarv_req_timer_handler(unsigned long) {
-    if (!nothing_waits()) {
+    if (pending_is_worth_a_look(requests)) {
         list_head timed_out_head;
         INIT_LIST_HEAD(&timed_out_head);
         tarv_found_list timed_out(timed_out_head);
@@ -152,8 +147,7 @@ void tarv_req_timer_handler(unsigned long) {
         }
         while (tarv_list_entry_t* entry = timed_out.pop()) {
             TARV_LOG(TARV_FUNC, "found entry : 0x%p\n", static_cast<void*>(entry));
-            tarv_retry_ib_data_request(entry, nullptr);
-            tarv_free_request(entry);
+            pending_give_last_word(entry);
         }
     }
     if (!read_once(halted))

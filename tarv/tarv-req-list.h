@@ -7,12 +7,26 @@
 //
 // Ownership: whoever takes a request off a list owns it, answers it at most once, and frees it.
 //
-// The maker and the takers. A request is on its list before its ARP request or path query goes out,
-// so that an answer that comes back at once finds it. While its maker is still busy sending, its
-// `static_flag` is set: the timers and the matching of SA replies pass it over. ARP data does not
-// wait: it takes the request at once, and tells the maker so through the maker's own
-// `tarv_maker_t`, under the list's lock. So the maker learns whether the request is still its own
-// without touching it.
+// The states of a request, in tarv_request_state_t, change under the lock of its list only:
+//
+//   (made)     -> busy             filed, before its ARP request or path query goes out, so that an
+//                                  answer that comes back at once finds it
+//   busy       -> waiting, silent  its maker is done sending and lets go of it; silent when the
+//                                  maker reports a failure, so that nobody is to be told any more
+//   busy       -> taken            by ARP data; or by its maker: see below
+//   waiting    -> set aside        an SA answer is tried on it
+//   set aside  -> waiting          it did not bring what the request wants
+//   waiting, silent, set aside -> taken
+//
+// The maker and the takers. While its maker is busy with a request, its `static_flag` is set: the
+// timers and the matching of SA answers pass it over. What they pass over they must not lose:
+//
+// - ARP data does not wait. It takes the request at once and says so in the maker's own
+//   `tarv_maker_t`. So the maker learns whether the request is still its own without touching it.
+// - An SA answer leaves its paths there. The maker, letting go, answers the request from them.
+// - A halt ends what waits, once. From then on nothing comes to wait any more: who lets go of a
+//   request, or would put it back, looks at `halted` under the list's lock and gives the last word
+//   itself. So every request is found by the halt, or its maker finds the halt.
 //
 // Cost: a request is filed, counted, matched and taken off at the same cost however many wait, for
 // one address or for many, and the timer looks only at those that have waited long enough. Many are
@@ -33,9 +47,26 @@
 #include "tarv/tarv-list.h"
 #include "tarv/tarv.h"
 
-/* Stands on the stack of a request's maker while it sends; guarded by the lock of the ARP list. */
+/* Where a request is in its life; see above. */
+enum class tarv_request_state_t : u8 {
+    busy,       // on its list, its maker is sending
+    waiting,    // on its list
+    silent,     // the same, with nobody to be told
+    set_aside,  // off its list, to be put back or taken; keeps its place by age
+    taken,      // off its list for good: whoever took it answers and frees it
+};
+
+/* The records of an SA answer, all towards one GID, in host form. */
+struct tarv_path_answer_t {
+    int count = 0;
+    ib_path_record_v2_t paths[TARV_MAX_PATHS];
+};
+
+/* Stands on the stack of a request's maker while it sends; guarded by the lock of the list that the
+ * request is on. */
 struct tarv_maker_t {
-    bool taken;  // somebody has taken the request: it may be gone
+    bool taken = false;         // somebody has taken the request: it may be gone
+    tarv_path_answer_t answer;  // came meanwhile; none while its count is 0
 };
 
 /* One pending request. */
@@ -56,7 +87,7 @@ struct tarv_list_entry {
     tarv_arp_data_t orig_arp_data;  // the caller's record as it was given
     atomic_t static_flag;           // the maker is busy with it
 
-    /* Where the maker is to be told that the request was taken; null once it is done sending. */
+    /* Where the maker is told what it has missed; null once it is done sending. */
     tarv_maker_t* maker;
 
     /* The lists' own: where they find the request without a walk. */
@@ -110,6 +141,16 @@ inline int tarv_get_request_static_flag(tarv_list_entry_t* entry) {
     return atomic_read(&entry->static_flag);
 }
 
+/* The state of a request that is filed. Under the lock of its list. */
+inline tarv_request_state_t tarv_request_state(const tarv_list_entry_t* entry) {
+    if (list_empty(&entry->list_struct))
+        return list_empty(&entry->by_age) ? tarv_request_state_t::taken
+                                          : tarv_request_state_t::set_aside;
+    if (atomic_read(&entry->static_flag))
+        return tarv_request_state_t::busy;
+    return entry->reply_cb ? tarv_request_state_t::waiting : tarv_request_state_t::silent;
+}
+
 /* Calls the request's reply callback where it has one; returns whether it had. No lock held. */
 inline bool tarv_reply(const tarv_list_entry_t* entry, tarv_stat_t status,
                        tarv_arp_data_t* record) {
@@ -148,9 +189,9 @@ tarv_stat_t tarv_add_arp_request(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock)
 /* Takes the request off the list; it is the caller's. Always tarv_stat_ok. */
 tarv_stat_t tarv_remove_arp_request(tarv_list_entry_t* entry) TA_EXCL(tarv_rl_lock);
 
-/* The maker is done sending `entry`, which it filed with `maker` in it. True: the request is on the
- * list, its static flag now clear, and waits, without its reply callback when `drop_reply` is set.
- * False: it was taken meanwhile and must not be touched. */
+/* The maker is done sending `entry`, which it filed with `maker` in it, and lets go of it: it must
+ * not be touched any more. False: it was taken meanwhile. Otherwise it waits, without its reply
+ * callback when `drop_reply` is set, or, when the module is halted, has had its last word. */
 bool tarv_release_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker, bool drop_reply)
     TA_EXCL(tarv_rl_lock);
 
@@ -188,11 +229,17 @@ tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_loc
 tarv_stat_t tarv_sa_remove_request(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
 int tarv_sa_num_identical_reqs(tarv_list_entry_t* entry) TA_EXCL(tarv_sa_rl_lock);
 
+/* As for an ARP request; one to which an SA answer has come meanwhile is answered with its paths.
+ */
+void tarv_sa_release_request(tarv_list_entry_t* entry, tarv_maker_t* maker, bool drop_reply)
+    TA_EXCL(tarv_sa_rl_lock);
+
 /* An SA answer came: stores its `path_count` records (at most 3) into the cache for every request
  * that waits for the GID of the first and is not busy, and hands those requests over on
  * `found_list` (made empty first), oldest first, whose cache entry now has all the paths that they
- * want. The others go back to the list, with the time stamp they had. tarv_stat_not_found when none
- * is handed over. */
+ * want. The others go back to the list, with the time stamp they had, or have their last word when
+ * the module is halted. tarv_stat_not_found when none is handed over. For busy ones the records are
+ * left with their makers. */
 tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path, int path_count,
                                                    u32 local_port_num, list_head* found_list)
     TA_EXCL(tarv_sa_rl_lock);

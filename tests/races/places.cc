@@ -34,6 +34,10 @@ constexpr Place all_places[] = {
      drive_unload_during_query},
     {"halt_during_filing", "a halt passes the lists while a request is being filed", 4,
      drive_halt_during_filing},
+    {"halt_during_reissue", "a halt comes while the timer issues 2000 requests anew", 80,
+     drive_halt_during_reissue},
+    {"halt_during_query", "a halt comes while a query is made, or an answer tried", 4,
+     drive_halt_during_query},
 };
 
 void drive_place(Site& site, const Place& place, unsigned rounds) {

@@ -162,9 +162,12 @@ void Site::load() {
     command("sa_queries on");
 }
 
-/* Whoever waits for ARP when the ARP timer has been stopped for the last time is told nothing. */
+/* Whoever waits for ARP when the ARP timer has been stopped for the last time is told nothing. In a
+ * halted module nobody waits. */
 void Site::unload() {
     driver.detach();
+    const bool was_halted = read_once(halted);
+    const unsigned long silent = counted.silent.value();
     {
         const AtMyDoor door(Door::timer_stopped, [](const void* timer) {
             if (timer == &tarv_req_timer)
@@ -176,6 +179,9 @@ void Site::unload() {
     counted.reloads++;
     look_at_remains();
     settle_ledgers();
+    if (was_halted && counted.silent.value() != silent)
+        violation("lost answer: %lu requests were waiting for ARP when a halted module went",
+                  counted.silent.value() - silent);
     host::clear_console();
 }
 
