@@ -3,8 +3,8 @@
 // The General Services Interface of our host: the waist's calls for classes, datagram pools and
 // datagrams, between the module and the wire.
 //
-// A MAD of another class or version than the one that it is posted on is refused: its answer would be
-// nobody's.
+// A MAD of another class or version than the one that it is posted on is refused: its answer would
+// be nobody's.
 //
 // Outward, a request is encoded when it is posted: the common header goes into network order, a
 // transaction ID is put in, the RMPP data block is placed behind the RMPP header. The module's own

@@ -78,10 +78,10 @@ std::vector<std::string> Gsi::registered() const {
     std::vector<std::string> lines;
     for (const auto& [handle, made] : classes_)
         if (made->open)
-            lines.push_back("class " + std::to_string(made->management_class) + " version " +
-                            std::to_string(made->version) + " on port " +
-                            std::to_string(made->port) + (made->is_server ? ", server" : ", client") +
-                            (made->uses_rmpp ? ", RMPP" : ""));
+            lines.push_back(
+                "class " + std::to_string(made->management_class) + " version " +
+                std::to_string(made->version) + " on port " + std::to_string(made->port) +
+                (made->is_server ? ", server" : ", client") + (made->uses_rmpp ? ", RMPP" : ""));
     for (const auto& [handle, pool] : pools_)
         lines.push_back("pool " + pool->name + " of " + std::to_string(pool->count));
     std::sort(lines.begin(), lines.end());

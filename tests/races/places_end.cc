@@ -208,8 +208,8 @@ Tally drive_unload_during_query(Site& site, unsigned rounds) {
     return tally;
 }
 
-/* In even rounds the halt comes while the driver sends: it passes over the busy request, whose maker
- * gives it its last word. In odd rounds halt and maker come to the list at the same time. */
+/* In even rounds the halt comes while the driver sends: it passes over the busy request, whose
+ * maker gives it its last word. In odd rounds halt and maker come to the list at the same time. */
 Tally drive_halt_during_filing(Site& site, unsigned rounds) {
     Tally tally;
     Meeting under_way, passed, locks;  // under way: past the test for a halted module

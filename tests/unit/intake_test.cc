@@ -296,7 +296,7 @@ INSTANTIATE_TEST_SUITE_P(Site, InsideTest,
 TEST_F(IntakeTest, ADriverThatDetachesItselfWhileItIsCalledIsStopped) {
     StandInDriver driver{[&](tarv_arp_data_t&, int) { return tarv_detach(TARV_ATTACH_HANDLE); }};
     use(driver);
-    EXPECT_DEATH(ask(host_ip(2)), "down: may sleep, but was called in driver context");
+    EXPECT_DEATH(ask(host_ip(2)), "down: may sleep, but was called inside send_arp_data_fn");
 }
 
 TEST_F(IntakeTest, ACallbackMayAskAgain) {

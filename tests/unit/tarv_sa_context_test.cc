@@ -153,9 +153,8 @@ TEST_F(SaContext, NeedsAPKey) {
     fabric.set_pkeys(1, {});
     trace(TARV_DEBUG);
     EXPECT_EQ(set_up(1), tarv_stat_error);
-    EXPECT_EQ(told("tarv_sa"),
-              (Lines{std::string("D ") + gid_fn + ": Port #1 has no P_Key.",
-                     "E tarv_sa_init: Cannot get port #1 gid and pkey"}));
+    EXPECT_EQ(told("tarv_sa"), (Lines{std::string("D ") + gid_fn + ": Port #1 has no P_Key.",
+                                      "E tarv_sa_init: Cannot get port #1 gid and pkey"}));
     EXPECT_EQ(open(), (Open{0, 0, 0}));
 }
 
