@@ -6,6 +6,7 @@
 #include <linux/module.h>
 #include <linux/moduleparam.h>
 
+#include "kernel/base/planted.h"
 #include "kernel/include/tarv_client.h"
 #include "kernel/seam/calls.h"
 
@@ -48,11 +49,16 @@ struct module *plat_this_module(void)
 
 static int __init tarv_frame_init(void)
 {
-	return tarv_module.init();
+	int error = tarv_module.init();
+
+	if (!error)
+		planted_start();
+	return error;
 }
 
 static void __exit tarv_frame_exit(void)
 {
+	planted_stop();
 	tarv_module.exit();
 }
 

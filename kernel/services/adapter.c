@@ -43,16 +43,13 @@ static void report_events(struct work_struct *work);
 static DECLARE_WORK(events_work, report_events);
 static struct workqueue_struct *events_queue;
 
-/* Questions to the adapter that is there. */
+/* Questions to the adapter that is there; without one there are no ports. */
 
-static gx_return_t query_hca(void *context, gx_hca_attrib_t *attributes)
+static gx_return_t ask_hca(gx_hca_attrib_t *attributes)
 {
 	const struct adapter *a;
 	gx_return_t result = gx_return_ok;
 
-	rules_no_lock("gx_query_hca");
-	if (rules_fail("gx_query_hca"))
-		return gx_return_error;
 	*attributes = (gx_hca_attrib_t){};
 	rcu_read_lock();
 	a = rcu_dereference(present);
@@ -62,14 +59,11 @@ static gx_return_t query_hca(void *context, gx_hca_attrib_t *attributes)
 	return result;
 }
 
-static gx_return_t query_port(void *context, u8 port, gx_port_attrib_t *attributes)
+static gx_return_t ask_port(u8 port, gx_port_attrib_t *attributes)
 {
 	const struct adapter *a;
 	gx_return_t result = gx_return_invalid_param;
 
-	rules_no_lock("gx_query_port");
-	if (rules_fail("gx_query_port"))
-		return gx_return_error;
 	rcu_read_lock();
 	a = rcu_dereference(present);
 	if (a)
@@ -78,14 +72,11 @@ static gx_return_t query_port(void *context, u8 port, gx_port_attrib_t *attribut
 	return result;
 }
 
-static gx_return_t get_port_gid_tbl(void *context, u8 port, u32 *size, gx_gid_t *table)
+static gx_return_t ask_gids(u8 port, u32 *size, gx_gid_t *table)
 {
 	const struct adapter *a;
 	gx_return_t result = gx_return_invalid_param;
 
-	rules_no_lock("gx_get_port_gid_tbl");
-	if (rules_fail("gx_get_port_gid_tbl"))
-		return gx_return_error;
 	rcu_read_lock();
 	a = rcu_dereference(present);
 	if (a)
@@ -94,20 +85,44 @@ static gx_return_t get_port_gid_tbl(void *context, u8 port, u32 *size, gx_gid_t 
 	return result;
 }
 
-static gx_return_t get_port_partition_tbl(void *context, u8 port, u32 *size, gx_p_key_t *table)
+static gx_return_t ask_pkeys(u8 port, u32 *size, gx_p_key_t *table)
 {
 	const struct adapter *a;
 	gx_return_t result = gx_return_invalid_param;
 
-	rules_no_lock("gx_get_port_partition_tbl");
-	if (rules_fail("gx_get_port_partition_tbl"))
-		return gx_return_error;
 	rcu_read_lock();
 	a = rcu_dereference(present);
 	if (a)
 		result = a->verbs->get_port_partition_tbl(a->context, port, size, table);
 	rcu_read_unlock();
 	return result;
+}
+
+/* The verbs of the one adapter that is ever opened. */
+
+static gx_return_t query_hca(void *context, gx_hca_attrib_t *attributes)
+{
+	rules_no_lock("gx_query_hca");
+	return rules_fail("gx_query_hca") ? gx_return_error : ask_hca(attributes);
+}
+
+static gx_return_t query_port(void *context, u8 port, gx_port_attrib_t *attributes)
+{
+	rules_no_lock("gx_query_port");
+	return rules_fail("gx_query_port") ? gx_return_error : ask_port(port, attributes);
+}
+
+static gx_return_t get_port_gid_tbl(void *context, u8 port, u32 *size, gx_gid_t *table)
+{
+	rules_no_lock("gx_get_port_gid_tbl");
+	return rules_fail("gx_get_port_gid_tbl") ? gx_return_error : ask_gids(port, size, table);
+}
+
+static gx_return_t get_port_partition_tbl(void *context, u8 port, u32 *size, gx_p_key_t *table)
+{
+	rules_no_lock("gx_get_port_partition_tbl");
+	return rules_fail("gx_get_port_partition_tbl") ? gx_return_error
+						       : ask_pkeys(port, size, table);
 }
 
 static const gx_hca_ops_t operations = {
@@ -158,7 +173,7 @@ int plat_port_num2base_gid(gx_hca_h_t hca, u8 port, gx_gid_t *gid)
 
 	rules_no_lock("port_num2base_gid");
 	if (rules_fail("port_num2base_gid") || !hca ||
-	    get_port_gid_tbl(NULL, port, &size, &first) != gx_return_ok || size != 1)
+	    ask_gids(port, &size, &first) != gx_return_ok || size != 1)
 		return gx_return_invalid_param;
 	*gid = first;
 	return 0;
@@ -170,8 +185,7 @@ int plat_port_num2base_lid(gx_hca_h_t hca, u8 port, gx_lid_t *lid)
 	gx_port_attrib_t attributes;
 
 	rules_no_lock("port_num2base_lid");
-	if (rules_fail("port_num2base_lid") || !hca ||
-	    query_port(NULL, port, &attributes) != gx_return_ok)
+	if (rules_fail("port_num2base_lid") || !hca || ask_port(port, &attributes) != gx_return_ok)
 		return gx_return_invalid_param;
 	*lid = attributes.port_base_lid;
 	return 0;
@@ -185,11 +199,11 @@ int plat_base_gid2port_num(gx_hca_h_t hca, const gx_gid_t *gid, int *port)
 	u32 size, n;
 
 	rules_no_lock("base_gid2port_num");
-	if (rules_fail("base_gid2port_num") || !hca || query_hca(NULL, &attributes) != gx_return_ok)
+	if (rules_fail("base_gid2port_num") || !hca || ask_hca(&attributes) != gx_return_ok)
 		return gx_return_invalid_param;
 	for (n = 1; n <= attributes.port_num; n++) {
 		size = 1;
-		if (get_port_gid_tbl(NULL, n, &size, &first) == gx_return_ok && size == 1 &&
+		if (ask_gids(n, &size, &first) == gx_return_ok && size == 1 &&
 		    !memcmp(&first, gid, sizeof(first))) {
 			*port = n;
 			return 0;
@@ -206,7 +220,7 @@ int plat_pkey_index2pkey(gx_hca_h_t hca, u8 port, int index, gx_p_key_t *pkey)
 
 	rules_no_lock("pkey_index2pkey");
 	if (rules_fail("pkey_index2pkey") || !hca || index < 0 || index >= ARRAY_SIZE(table) ||
-	    get_port_partition_tbl(NULL, port, &size, table) != gx_return_ok || size <= index)
+	    ask_pkeys(port, &size, table) != gx_return_ok || size <= index)
 		return gx_return_invalid_param;
 	*pkey = table[index];
 	return 0;

@@ -14,7 +14,7 @@
  * that it was held, in nanoseconds; whatever is written to it clears the times.
  *
  * /sys/kernel/debug/quorvane/fail: "CALL N" makes the N-th call of that name from now on fail,
- * once; N 0 takes it back. Reading tells each name and how often it was called since it was last
+ * once; N 0 takes it back. (The insmod of busybox tries twice, so it undoes a load's only failure.) Reading tells each name and how often it was called since it was last
  * written. The names are those of the waist: kmalloc, create_proc_entry, proc_mkdir, rep_open_key,
  * rep_get_value, rep_notify_key_change, gx_hca_open, gx_set_sleepable_async_event_cb,
  * gx_query_hca, gx_query_port, gx_get_port_gid_tbl, gx_get_port_partition_tbl, port_num2base_gid,
