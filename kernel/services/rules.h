@@ -14,13 +14,8 @@
  * that it was held, in nanoseconds; whatever is written to it clears the times.
  *
  * /sys/kernel/debug/quorvane/fail: "CALL N" makes the N-th call of that name from now on fail,
- * once; N 0 takes it back. (The insmod of busybox tries twice, so it undoes a load's only failure.) Reading tells each name and how often it was called since it was last
- * written. The names are those of the waist: kmalloc, create_proc_entry, proc_mkdir, rep_open_key,
- * rep_get_value, rep_notify_key_change, gx_hca_open, gx_set_sleepable_async_event_cb,
- * gx_query_hca, gx_query_port, gx_get_port_gid_tbl, gx_get_port_partition_tbl, port_num2base_gid,
- * port_num2base_lid, base_gid2port_num, pkey_index2pkey, gsi_register_class,
- * gsi_dtgrm_pool_create_named, gsi_dtgrm_pool_get, gsi_dtgrm_alloc_rmpp_buf, gsi_post_send_dtgrm,
- * copy_from_user.
+ * once; N 0 takes it back. Reading tells each name that can be given, and how often it was called
+ * since it was last written. (The insmod of busybox tries again when a load fails.)
  */
 #ifndef KERNEL_SERVICES_RULES_H
 #define KERNEL_SERVICES_RULES_H
