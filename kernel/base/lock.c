@@ -112,6 +112,36 @@ void plat_write_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags)
 	write_unlock_irqrestore(&in_rwlock(lock)->lock, flags);
 }
 
+/*
+ * Who holds a lock is known to lockdep, and in test builds to the rules. Elsewhere nobody keeps an
+ * account of it, and the answer is yes.
+ */
+#ifdef CONFIG_LOCKDEP
+#define known_free(lock, how) (lockdep_is_held_type(lock, how) == LOCK_STATE_NOT_HELD)
+#else
+#define known_free(lock, how) (false)
+#endif
+
+enum { HELD_FOR_WRITING = 0, HELD_ANYHOW = -1 }; /* as lockdep counts */
+
+bool plat_spin_is_held(const struct plat_spinlock *lock)
+{
+	return rules_held(lock) &&
+	       !known_free(&((const struct spin_room *)lock->room)->lock, HELD_ANYHOW);
+}
+
+bool plat_read_is_held(const struct plat_rwlock *lock)
+{
+	return rules_held(lock) &&
+	       !known_free(&((const struct rw_room *)lock->room)->lock, HELD_ANYHOW);
+}
+
+bool plat_write_is_held(const struct plat_rwlock *lock)
+{
+	return rules_held(lock) &&
+	       !known_free(&((const struct rw_room *)lock->room)->lock, HELD_FOR_WRITING);
+}
+
 void plat_sema_init(struct plat_semaphore *sem, int count, const char *name)
 {
 	sema_init(in_semaphore(sem), count);

@@ -50,12 +50,12 @@ tarv_stat_t tarv_get_ib_data(u32 req_ip, u32 src_ip, tarv_paths_t path_records_c
 			     tarv_arp_data_t *arp_data, tarv_get_ib_data_reply_fn_t rep_cb,
 			     void *context, u8 bInvalidate);
 
-/* The module's trace level, and the repository's handle by which it follows its key. */
-extern int TARV_trace_level;
-extern struct rep_notification *TARV_log_rep_h;
-
 #ifdef __cplusplus
 }
 #endif
+
+/* The module's trace level, and the repository's handle by which it follows its key. */
+extern int TARV_trace_level;
+extern struct rep_notification *TARV_log_rep_h;
 
 #endif

@@ -8,6 +8,12 @@
 
 #include "kernel/seam/types.h"
 
+#ifdef __cplusplus
+#define PLAT_NORETURN [[noreturn]]
+#else
+#define PLAT_NORETURN __attribute__((noreturn))
+#endif
+
 /* jiffies.h, memory.h, printk.h, string.h, uaccess.h */
 unsigned long plat_jiffies(void);
 void *plat_kmalloc(size_t size, plat_gfp_t flags);
@@ -22,6 +28,9 @@ int plat_snprintf(char *buffer, size_t size, const char *format, ...)
 	__attribute__((format(printf, 3, 4)));
 unsigned long plat_copy_from_user(void *to, const void *from, unsigned long size);
 
+/* bug.h */
+PLAT_NORETURN void plat_bug(const char *expression, const char *file, u32 line);
+
 /* spinlock.h */
 void plat_spin_lock_init(struct plat_spinlock *lock, const char *name);
 void plat_rwlock_init(struct plat_rwlock *lock, const char *name);
@@ -31,6 +40,9 @@ unsigned long plat_write_lock_irqsave(struct plat_rwlock *lock);
 void plat_spin_unlock_irqrestore(struct plat_spinlock *lock, unsigned long flags);
 void plat_read_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags);
 void plat_write_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags);
+bool plat_spin_is_held(const struct plat_spinlock *lock);
+bool plat_read_is_held(const struct plat_rwlock *lock);
+bool plat_write_is_held(const struct plat_rwlock *lock);
 
 /* semaphore.h */
 void plat_sema_init(struct plat_semaphore *sem, int count, const char *name);

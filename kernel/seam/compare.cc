@@ -4,6 +4,7 @@
 // values and the types of all calls. It makes no code. The ordinary build compiles it, so that
 // nobody who changes a header of the waist has to build for a kernel to learn what else has to
 // change.
+#include "platform/bug.h"
 #include "platform/gsi.h"
 #include "platform/jiffies.h"
 #include "platform/logger.h"
@@ -263,6 +264,10 @@ SAME_CALL(plat_write_lock_irqsave, write_lock_irqsave);
 SAME_CALL(plat_spin_unlock_irqrestore, spin_unlock_irqrestore);
 SAME_CALL(plat_read_unlock_irqrestore, read_unlock_irqrestore);
 SAME_CALL(plat_write_unlock_irqrestore, write_unlock_irqrestore);
+SAME_CALL(plat_bug, bug);
+SAME_CALL(plat_spin_is_held, spin_is_held);
+SAME_CALL(plat_read_is_held, read_is_held);
+SAME_CALL(plat_write_is_held, write_is_held);
 SAME_CALL(plat_sema_init, sema_init);
 SAME_CALL(plat_down, down);
 SAME_CALL(plat_up, up);
