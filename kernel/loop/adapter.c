@@ -29,6 +29,7 @@ MODULE_PARM_DESC(ports, "Number of the adapter's ports, 1 or 2 (2)");
 /* What can be changed of a port, and the event that tells of it. */
 struct field {
 	u64 value;
+	u64 lowest;
 	u64 highest;
 	u32 event;
 	u8 port;
@@ -144,7 +145,7 @@ static int field_set(void *data, u64 value)
 {
 	struct field *f = data;
 
-	if (value > f->highest)
+	if (value < f->lowest || value > f->highest)
 		return -EINVAL;
 	WRITE_ONCE(f->value, value);
 	adapter_event(f->port, f->event == gx_async_r_port_link_up && !value
@@ -161,10 +162,10 @@ static void make_port(u8 number)
 	struct dentry *here;
 
 	*p = (struct port){
-		.up = { 1, 1, gx_async_r_port_link_up, number },
-		.lid = { FIRST_PORT_LID + number - 1, 0xbfff, gx_async_r_port_lid, number },
-		.sm_lid = { SM_LID, 0xbfff, gx_async_r_port_sm_change, number },
-		.mtu = { LOOP_MTU, 5, gx_async_r_port_mtu, number },
+		.up = { 1, 0, 1, gx_async_r_port_link_up, number },
+		.lid = { FIRST_PORT_LID + number - 1, 1, 0xbfff, gx_async_r_port_lid, number },
+		.sm_lid = { SM_LID, 1, 0xbfff, gx_async_r_port_sm_change, number },
+		.mtu = { LOOP_MTU, 1, 5, gx_async_r_port_mtu, number },
 	};
 	name[4] += number;
 	here = debugfs_create_dir(name, folder);

@@ -15,6 +15,7 @@
 #include <linux/printk.h>
 #include <linux/rcupdate.h>
 #include <linux/string.h>
+#include <linux/wait.h>
 #include <linux/workqueue.h>
 
 #include "kernel/services/adapter.h"
@@ -32,6 +33,15 @@ struct port_news {
 static const struct adapter __rcu *present;
 static bool leaving; /* the present one: it still answers, but its links count as down */
 static atomic_t opened;
+
+/* For those whom it waits for before it goes. */
+static const struct adapter *present_one(void)
+{
+	return rcu_dereference_protected(present, true);
+}
+
+static atomic_t holders; /* of the present one */
+static DECLARE_WAIT_QUEUE_HEAD(released);
 
 static struct port_news news[ADAPTER_MAX_PORTS]; /* of port 1, 2, ... */
 
@@ -272,7 +282,7 @@ static void report_port(const struct adapter *a, u8 port)
  */
 static void report_events(struct work_struct *work)
 {
-	const struct adapter *a = rcu_access_pointer(present);
+	const struct adapter *a = present_one();
 	gx_hca_attrib_t attributes = {};
 	u32 port;
 
@@ -371,6 +381,7 @@ void adapter_unregister(const struct adapter *adapter)
 	WRITE_ONCE(leaving, true);
 	queue_work(events_queue, &events_work);
 	flush_workqueue(events_queue);
+	wait_event(released, !atomic_read(&holders));
 	rcu_assign_pointer(present, NULL);
 	flush_workqueue(events_queue);
 	synchronize_rcu();
@@ -378,9 +389,19 @@ void adapter_unregister(const struct adapter *adapter)
 }
 EXPORT_SYMBOL_GPL(adapter_unregister);
 
-const struct adapter *adapter_present(void)
+const struct adapter *adapter_hold(void)
 {
-	return rcu_access_pointer(present);
+	const struct adapter *a = present_one();
+
+	if (a)
+		atomic_inc(&holders);
+	return a;
+}
+
+void adapter_release(void)
+{
+	if (atomic_dec_and_test(&holders))
+		wake_up_all(&released);
 }
 
 int adapter_start(void)

@@ -44,8 +44,8 @@ struct adapter {
 int adapter_register(const struct adapter *adapter);
 
 /*
- * The adapter goes: all ports are reported down, and when this returns nobody uses it. Until then
- * its operations must work. May sleep.
+ * The adapter goes: all ports are reported down, and who holds it is waited for. When this returns
+ * nobody uses it; until then its operations must work. May sleep.
  */
 void adapter_unregister(const struct adapter *adapter);
 
@@ -57,9 +57,10 @@ void adapter_unregister(const struct adapter *adapter);
 void adapter_event(u8 port, u32 event_type);
 
 /*
- * The adapter that is there, or null. Only an event callback can be sure that it stays: it goes
- * when the callback has been told that all its links are down.
+ * The adapter that is there, or null. It stays until adapter_release: one that wants to go waits.
+ * To be called where the adapter's links are reported, since those end with the adapter.
  */
-const struct adapter *adapter_present(void);
+const struct adapter *adapter_hold(void);
+void adapter_release(void);
 
 #endif

@@ -26,16 +26,19 @@ int plat_gsi_register_class(u8 mgt_class, u8 class_ver, const char *hca_name, u8
 			    int is_server, int uses_rmpp, gsi_dtgrm_cb_t *send_done,
 			    gsi_dtgrm_cb_t *recv_done, void *context, gsi_class_handle_t *handle)
 {
-	const struct adapter *a = adapter_present();
+	const struct adapter *a;
 	struct gsi_class *c;
 	int error;
 
 	rules_may_sleep("gsi_register_class");
-	if (rules_fail("gsi_register_class") || !a)
+	a = rules_fail("gsi_register_class") ? NULL : adapter_hold();
+	if (!a)
 		return gx_return_error;
 	c = kmalloc(sizeof(*c), GFP_KERNEL);
-	if (!c)
+	if (!c) {
+		adapter_release();
 		return gx_return_again;
+	}
 	*c = (struct gsi_class){ .adapter = a,
 				 .port = port,
 				 .send_done = send_done,
@@ -44,6 +47,7 @@ int plat_gsi_register_class(u8 mgt_class, u8 class_ver, const char *hca_name, u8
 	error = a->gsi->open(a->context, c);
 	if (error) {
 		kfree(c);
+		adapter_release();
 		return error;
 	}
 	*handle = c;
@@ -57,8 +61,10 @@ int plat_gsi_deregister_class(gsi_class_handle_t c)
 
 	rules_may_sleep("gsi_deregister_class");
 	busy = c->adapter->gsi->close(c->adapter->context, c);
-	if (!busy)
+	if (!busy) {
 		kfree(c);
+		adapter_release();
+	}
 	return busy;
 }
 EXPORT_SYMBOL_GPL(plat_gsi_deregister_class);

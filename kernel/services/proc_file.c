@@ -82,7 +82,7 @@ static void find_bytes(struct piece *piece, char *page, char *start, off_t offse
 		piece->bytes = page + min_t(off_t, offset, PAGE_BYTES);
 		piece->length = min_t(size_t, length > offset ? length - offset : 0, BLOCK_BYTES);
 		piece->next = offset + piece->length;
-	} else if ((unsigned long)start < PAGE_BYTES) {
+	} else if ((unsigned long)start < (unsigned long)page) {
 		piece->bytes = page;
 		piece->length = length;
 		piece->next = offset + (unsigned long)start;
