@@ -80,6 +80,14 @@ extern int plat_logger_trace_level;
 void plat_trace_lvl_change_cb(rep_key_t key, u64 value, void *context);
 
 /* verbs.h */
+typedef struct gx_hca_ops_t {
+	gx_return_t (*modify_hca)(void *context);
+	gx_return_t (*query_hca)(void *context, gx_hca_attrib_t *attributes);
+	gx_return_t (*query_port)(void *context, u8 port, gx_port_attrib_t *attributes);
+	gx_return_t (*get_port_gid_tbl)(void *context, u8 port, u32 *size, gx_gid_t *table);
+	gx_return_t (*get_port_partition_tbl)(void *context, u8 port, u32 *size, gx_p_key_t *table);
+} gx_hca_ops_t;
+
 typedef void gx_sleepable_async_event_cb_t(gx_event_record_t event);
 
 const char *plat_gx_default_hca_name(void);

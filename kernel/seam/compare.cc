@@ -63,6 +63,9 @@ namespace
 	static_assert(static_cast<long>(mirror::name) == static_cast<long>(::name), #name)
 #define SAME_CALL(c, cxx) \
 	static_assert(__is_same(decltype(calls::c), decltype(::cxx)), #c " differs from " #cxx)
+#define SAME_FUNCTION(c, cxx, field)                                       \
+	static_assert(__is_same(decltype(c::field), decltype(cxx::field)), \
+		      #cxx "::" #field " differs")
 #define SAME_FUNCTION_TYPE(type) static_assert(__is_same(calls::type, ::type), #type " differs")
 
 // memory.h, spinlock.h, semaphore.h, timer.h, jiffies.h
@@ -75,6 +78,7 @@ SAME_TYPE(plat_semaphore, semaphore);
 SAME_TYPE(plat_timer, timer_list);
 SAME_FIELD(plat_timer, timer_list, expires);
 SAME_FIELD(plat_timer, timer_list, function);
+SAME_FUNCTION(mirror::plat_timer, ::timer_list, function);
 SAME_FIELD(plat_timer, timer_list, data);
 SAME_FIELD(plat_timer, timer_list, room);
 static_assert(PLAT_HZ == HZ);
@@ -97,6 +101,8 @@ SAME_FIELD(module_info_t, module_info_t, depends);
 SAME_FIELD(module_info_t, module_info_t, vermagic);
 SAME_FIELD(module_info_t, module_info_t, init);
 SAME_FIELD(module_info_t, module_info_t, exit);
+SAME_FUNCTION(mirror::module_info_t, ::module_info_t, init);
+SAME_FUNCTION(mirror::module_info_t, ::module_info_t, exit);
 SAME_FIELD(module_info_t, module_info_t, params);
 SAME_FIELD(module_info_t, module_info_t, param_count);
 SAME_FIELD(module_info_t, module_info_t, exports);
@@ -109,7 +115,8 @@ SAME_FIELD(plat_proc_entry, proc_dir_entry, data);
 SAME_FIELD(plat_proc_entry, proc_dir_entry, read_proc);
 SAME_FIELD(plat_proc_entry, proc_dir_entry, write_proc);
 SAME_FIELD(plat_proc_entry, proc_dir_entry, owner);
-static_assert(__is_same(mirror::read_proc_t, ::read_proc_t));
+SAME_FUNCTION(mirror::plat_proc_entry, ::proc_dir_entry, read_proc);
+SAME_FUNCTION(mirror::plat_proc_entry, ::proc_dir_entry, write_proc);
 
 // verbs.h
 SAME_TYPE(gx_gid_t, gx_gid_t);
@@ -139,12 +146,6 @@ SAME_FIELD(gx_port_attrib_t, gx_port_attrib_t, port_base_lid);
 SAME_FIELD(gx_port_attrib_t, gx_port_attrib_t, port_sgid_table_size);
 SAME_FIELD(gx_port_attrib_t, gx_port_attrib_t, port_pkey_table_size);
 SAME_FIELD(gx_port_attrib_t, gx_port_attrib_t, port_sma_address_info);
-SAME_TYPE(gx_hca_ops_t, gx_hca_ops_t);
-SAME_FIELD(gx_hca_ops_t, gx_hca_ops_t, modify_hca);
-SAME_FIELD(gx_hca_ops_t, gx_hca_ops_t, query_hca);
-SAME_FIELD(gx_hca_ops_t, gx_hca_ops_t, query_port);
-SAME_FIELD(gx_hca_ops_t, gx_hca_ops_t, get_port_gid_tbl);
-SAME_FIELD(gx_hca_ops_t, gx_hca_ops_t, get_port_partition_tbl);
 SAME_TYPE(gx_hca_t, gx_hca_t);
 SAME_FIELD(gx_hca_t, gx_hca_t, operations);
 SAME_FIELD(gx_hca_t, gx_hca_t, context);
@@ -234,6 +235,15 @@ SAME_FIELD(tarv_arp_data_t, tarv_arp_data_t, paths);
 SAME_FIELD(tarv_arp_data_t, tarv_arp_data_t, context);
 
 // All calls, and the functions that are handed about.
+static_assert(sizeof(calls::gx_hca_ops_t) == sizeof(::gx_hca_ops_t));
+SAME_FUNCTION(calls::gx_hca_ops_t, ::gx_hca_ops_t, modify_hca);
+SAME_FUNCTION(calls::gx_hca_ops_t, ::gx_hca_ops_t, query_hca);
+SAME_FUNCTION(calls::gx_hca_ops_t, ::gx_hca_ops_t, query_port);
+SAME_FUNCTION(calls::gx_hca_ops_t, ::gx_hca_ops_t, get_port_gid_tbl);
+SAME_FUNCTION(calls::gx_hca_ops_t, ::gx_hca_ops_t, get_port_partition_tbl);
+static_assert(offsetof(calls::gx_hca_ops_t, query_port) == offsetof(::gx_hca_ops_t, query_port));
+static_assert(offsetof(calls::gx_hca_ops_t, get_port_gid_tbl) ==
+	      offsetof(::gx_hca_ops_t, get_port_gid_tbl));
 SAME_FUNCTION_TYPE(rep_change_cb_t);
 SAME_FUNCTION_TYPE(gx_sleepable_async_event_cb_t);
 SAME_FUNCTION_TYPE(gsi_dtgrm_cb_t);

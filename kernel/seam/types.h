@@ -10,6 +10,12 @@
 
 #include "kernel/include/tarv_record.h"
 
+/* The kernel's, or in C++ the waist's, not the mirror's own. */
+#ifndef __cplusplus
+struct file;
+struct module;
+#endif
+
 /* memory.h */
 typedef enum plat_gfp_t {
 	PLAT_GFP_ATOMIC = 0x20,
@@ -39,7 +45,6 @@ struct plat_timer {
 #define PLAT_HZ 1000
 
 /* module.h */
-struct module;
 
 enum {
 	module_param_byte,
@@ -72,8 +77,6 @@ typedef struct module_info_t {
 } module_info_t;
 
 /* proc.h */
-struct file;
-
 typedef int read_proc_t(char *page, char **start, long off, int count, int *eof, void *data);
 typedef int write_proc_t(struct file *file, const char *buffer, unsigned long count, void *data);
 
@@ -129,16 +132,8 @@ typedef struct gx_port_attrib_t {
 	gx_sm_address_info_t port_sma_address_info;
 } gx_port_attrib_t;
 
-typedef struct gx_hca_ops_t {
-	gx_return_t (*modify_hca)(void *context);
-	gx_return_t (*query_hca)(void *context, gx_hca_attrib_t *attributes);
-	gx_return_t (*query_port)(void *context, u8 port, gx_port_attrib_t *attributes);
-	gx_return_t (*get_port_gid_tbl)(void *context, u8 port, u32 *size, gx_gid_t *table);
-	gx_return_t (*get_port_partition_tbl)(void *context, u8 port, u32 *size, gx_p_key_t *table);
-} gx_hca_ops_t;
-
 typedef struct gx_hca_t {
-	const gx_hca_ops_t *operations;
+	const struct gx_hca_ops_t *operations;
 	void *context;
 } gx_hca_t;
 typedef gx_hca_t *gx_hca_h_t;
