@@ -180,10 +180,16 @@ static ssize_t trace_level_store(struct kobject *kobj, struct kobj_attribute *at
 	return size;
 }
 
-static struct kobj_attribute debug_level =
-	__ATTR(debug - level, 0644, debug_level_show, debug_level_store);
-static struct kobj_attribute trace_level =
-	__ATTR(trace - level, 0644, trace_level_show, trace_level_store);
+static struct kobj_attribute debug_level = {
+	.attr = { .name = "debug-level", .mode = 0644 },
+	.show = debug_level_show,
+	.store = debug_level_store,
+};
+static struct kobj_attribute trace_level = {
+	.attr = { .name = "trace-level", .mode = 0644 },
+	.show = trace_level_show,
+	.store = trace_level_store,
+};
 
 static struct kobject *root_directory;
 
