@@ -6,7 +6,6 @@
 #include <linux/module.h>
 #include <linux/moduleparam.h>
 
-#include "kernel/base/planted.h"
 #include "kernel/include/tarv_client.h"
 #include "kernel/seam/calls.h"
 
@@ -49,16 +48,11 @@ struct module *plat_this_module(void)
 
 static int __init tarv_frame_init(void)
 {
-	int error = tarv_module.init();
-
-	if (!error)
-		planted_start();
-	return error;
+	return tarv_module.init();
 }
 
 static void __exit tarv_frame_exit(void)
 {
-	planted_stop();
 	tarv_module.exit();
 }
 
