@@ -112,25 +112,25 @@ static gx_return_t ask_pkeys(u8 port, u32 *size, gx_p_key_t *table)
 
 static gx_return_t query_hca(void *context, gx_hca_attrib_t *attributes)
 {
-	rules_no_lock("gx_query_hca");
+	rules_may_sleep("gx_query_hca");
 	return rules_fail("gx_query_hca") ? gx_return_error : ask_hca(attributes);
 }
 
 static gx_return_t query_port(void *context, u8 port, gx_port_attrib_t *attributes)
 {
-	rules_no_lock("gx_query_port");
+	rules_may_sleep("gx_query_port");
 	return rules_fail("gx_query_port") ? gx_return_error : ask_port(port, attributes);
 }
 
 static gx_return_t get_port_gid_tbl(void *context, u8 port, u32 *size, gx_gid_t *table)
 {
-	rules_no_lock("gx_get_port_gid_tbl");
+	rules_may_sleep("gx_get_port_gid_tbl");
 	return rules_fail("gx_get_port_gid_tbl") ? gx_return_error : ask_gids(port, size, table);
 }
 
 static gx_return_t get_port_partition_tbl(void *context, u8 port, u32 *size, gx_p_key_t *table)
 {
-	rules_no_lock("gx_get_port_partition_tbl");
+	rules_may_sleep("gx_get_port_partition_tbl");
 	return rules_fail("gx_get_port_partition_tbl") ? gx_return_error
 						       : ask_pkeys(port, size, table);
 }
@@ -157,8 +157,6 @@ gx_return_t plat_gx_hca_open(const char *name, u32 flags, gx_hca_h_t *hca)
 		return gx_return_error;
 	if (strcmp(name, plat_gx_default_hca_name()))
 		return gx_return_invalid_param;
-	if (!rcu_access_pointer(present))
-		pr_info("quorvane: there is no InfiniBand adapter yet, waiting for one\n");
 	atomic_inc(&opened);
 	*hca = &the_hca;
 	return gx_return_ok;
@@ -311,6 +309,8 @@ gx_return_t plat_gx_set_sleepable_async_event_cb(gx_hca_h_t hca, gx_request_even
 	mutex_lock(&events_mutex);
 	forget_news();
 	event_callback = callback;
+	if (!present_one())
+		pr_info("quorvane: there is no InfiniBand adapter yet, waiting for one\n");
 	mutex_unlock(&events_mutex);
 	queue_work(events_queue, &events_work);
 	return gx_return_ok;
