@@ -61,7 +61,7 @@ void plat_rwlock_init(struct plat_rwlock *lock, const char *name)
 	lockdep_set_class_and_name(&r->lock, &r->key, name);
 }
 
-unsigned long plat_spin_lock_irqsave(struct plat_spinlock *lock)
+unsigned long plat_spin_lock_irqsave(struct plat_spinlock *lock) __acquires(lock)
 {
 	struct spin_room *r = in_spinlock(lock);
 	unsigned long flags;
@@ -72,13 +72,13 @@ unsigned long plat_spin_lock_irqsave(struct plat_spinlock *lock)
 	return flags;
 }
 
-void plat_spin_unlock_irqrestore(struct plat_spinlock *lock, unsigned long flags)
+void plat_spin_unlock_irqrestore(struct plat_spinlock *lock, unsigned long flags) __releases(lock)
 {
 	rules_releasing(lock);
 	spin_unlock_irqrestore(&in_spinlock(lock)->lock, flags);
 }
 
-unsigned long plat_read_lock_irqsave(struct plat_rwlock *lock)
+unsigned long plat_read_lock_irqsave(struct plat_rwlock *lock) __acquires(lock)
 {
 	struct rw_room *r = in_rwlock(lock);
 	unsigned long flags;
@@ -89,13 +89,13 @@ unsigned long plat_read_lock_irqsave(struct plat_rwlock *lock)
 	return flags;
 }
 
-void plat_read_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags)
+void plat_read_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags) __releases(lock)
 {
 	rules_releasing(lock);
 	read_unlock_irqrestore(&in_rwlock(lock)->lock, flags);
 }
 
-unsigned long plat_write_lock_irqsave(struct plat_rwlock *lock)
+unsigned long plat_write_lock_irqsave(struct plat_rwlock *lock) __acquires(lock)
 {
 	struct rw_room *r = in_rwlock(lock);
 	unsigned long flags;
@@ -106,7 +106,7 @@ unsigned long plat_write_lock_irqsave(struct plat_rwlock *lock)
 	return flags;
 }
 
-void plat_write_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags)
+void plat_write_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags) __releases(lock)
 {
 	rules_releasing(lock);
 	write_unlock_irqrestore(&in_rwlock(lock)->lock, flags);
