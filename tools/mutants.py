@@ -29,9 +29,9 @@ LEVELS = {"TARV_ERROR": ["TARV_WARNING"], "TARV_WARNING": ["TARV_INFO"],
 FILL = "\x01"  # what stands for the letters of a literal while code is looked at
 NOT_CODE = re.compile(r"//[^\n]*|/\*.*?\*/|^[ \t]*#(?:[^\n\\]|\\.)*"
                       r"|\"(?:[^\"\\\n]|\\.)*\"|(?<!\d)'(?:[^'\\\n]|\\.)+'", re.S | re.M)
-# Statements in which no check can be asked to see a fault: the compiler looks at the first, the
-# second changes nothing but speed, and the third is for a developer who follows each step.
-LEFT_ALONE = re.compile(r"\b(?:static_assert|__builtin_prefetch)\b[^;]*;"
+# Where no check can be asked to see a fault: the compiler looks at the first, the next two change
+# nothing but speed or nothing at all, and the last is for a developer who follows each step.
+LEFT_ALONE = re.compile(r"\b(?:static_assert|__builtin_prefetch)\b[^;]*;|\bsizeof \w+\[\d\]"
                         r"|\bTARV_LOG(?:_FROM\([^,;]*,|\()\s*TARV_FUNC\b[^;]*;")
 NO_STATEMENT = re.compile(r"\s*(template|using|typedef|class|struct|enum|union|namespace|extern|"
                           r"friend|public|private|protected)\b")
