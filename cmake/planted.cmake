@@ -8,7 +8,8 @@
 # Makes a copy of the source with a fault in it, links it in front of the libraries into a copy of
 # the program, and adds the test Planted.NAME. The test passes when the program fails and its output
 # has a line that matches EXPECT (an extended regular expression): the fault was caught and named.
-# The replaced text must stand in the source exactly once. One file is compiled a row; the program's
+# The replaced text must stand in the source exactly once; when the source has moved on, the test
+# fails and says so, and everything else is built and runs. One file is compiled a row; the program's
 # own objects are those that it is made of. Where ONLY is given, the row exists in those builds
 # alone.
 
@@ -23,19 +24,31 @@ function(tarv_kind_of_build result)
   set(${result} ${kind} PARENT_SCOPE)
 endfunction()
 
-# Writes the copy. A change of the source plants the fault anew.
-function(tarv_plant source copy from to row)
-  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
-  file(READ ${source} text)
+# Writes the copy. A change of the source plants the fault anew. `result` is what is wrong with the
+# row, or empty.
+function(tarv_plant result source copy from to)
+  set(text "")
+  if(EXISTS ${source})
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+    file(READ ${source} text)
+  endif()
   string(FIND "${text}" "${from}" first)
   string(FIND "${text}" "${from}" last REVERSE)
   if(from STREQUAL "" OR first EQUAL -1 OR NOT first EQUAL last)
-    message(FATAL_ERROR "planted fault ${row}: the text to replace must stand exactly once in "
-      "${source}:\n${from}")
+    set(${result} "the text to replace must stand exactly once in ${source}:\n${from}" PARENT_SCOPE)
+    return()
   endif()
   string(REPLACE "${from}" "${to}" text "${text}")
   # Unchanged content keeps its time, so that a new configuration compiles nothing anew.
   file(GENERATE OUTPUT ${copy} CONTENT "${text}")
+  set(${result} "" PARENT_SCOPE)
+endfunction()
+
+# A test that fails with a message, without anything to build.
+function(tarv_failing_test name message)
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.cmake)
+  file(GENERATE OUTPUT ${script} CONTENT "message(FATAL_ERROR [====[\n${message}]====])\n")
+  add_test(NAME ${name} COMMAND ${CMAKE_COMMAND} -P ${script})
 endfunction()
 
 function(planted_fault)
@@ -54,7 +67,11 @@ function(planted_fault)
   endif()
 
   set(copy ${CMAKE_CURRENT_BINARY_DIR}/${ROW_NAME}/${ROW_FILE})
-  tarv_plant(${PROJECT_SOURCE_DIR}/${ROW_FILE} ${copy} "${ROW_REPLACE}" "${ROW_WITH}" ${ROW_NAME})
+  tarv_plant(wrong ${PROJECT_SOURCE_DIR}/${ROW_FILE} ${copy} "${ROW_REPLACE}" "${ROW_WITH}")
+  if(wrong)
+    tarv_failing_test(Planted.${ROW_NAME} "${wrong}")
+    return()
+  endif()
 
   # Compiled as the library compiles it that the file belongs to.
   string(REGEX REPLACE "/.*" "" library ${ROW_FILE})
