@@ -48,8 +48,8 @@ static void tell(const struct request *q, const char *how, tarv_stat_t status,
 	if (!q->loud)
 		return;
 	if (status == tarv_stat_ok)
-		pr_info("tarv_test: %pI4 %s: ok, mask %x lid %x qpn %x paths %d dlid %x\n", &q->ip, how,
-			record->mask, record->lid, record->qpn, record->paths_count,
+		pr_info("tarv_test: %pI4 %s: ok, mask %x lid %x qpn %x paths %d dlid %x\n", &q->ip,
+			how, record->mask, record->lid, record->qpn, record->paths_count,
 			record->mask & TARV_MASK_PRIMARY_PATH ? record->paths[0].dlid : 0);
 	else
 		pr_info("tarv_test: %pI4 %s: status %d\n", &q->ip, how, status);
@@ -69,7 +69,8 @@ static void on_reply(tarv_stat_t status, tarv_arp_data_t *record, void *context)
 {
 	struct request *q = context;
 
-	WARN(atomic_inc_return(&q->answers) != 1, "a request for %pI4 was answered twice\n", &q->ip);
+	WARN(atomic_inc_return(&q->answers) != 1, "a request for %pI4 was answered twice\n",
+	     &q->ip);
 	WARN((status == tarv_stat_ok) != !!record, "status %d with record %p\n", status, record);
 	WARN(status == tarv_stat_pending, "answered with pending\n");
 	check_record(q, status, record);
@@ -260,8 +261,8 @@ static int waiting_get(char *to, const struct kernel_param *kp)
 	return sysfs_emit(to, "%d\n", atomic_read(&waiting));
 }
 
-#define WRITTEN(name)                                                                      \
-	static const struct kernel_param_ops name##_ops = { .set = name##_set };           \
+#define WRITTEN(name)                                                            \
+	static const struct kernel_param_ops name##_ops = { .set = name##_set }; \
 	module_param_cb(name, &name##_ops, NULL, 0200)
 WRITTEN(ask);
 WRITTEN(storm);
@@ -281,7 +282,7 @@ static void __exit test_exit(void)
 	struct request *q, *next;
 
 	hold(false);
-	list_for_each_entry_safe(q, next, &requests, link)
+	list_for_each_entry_safe (q, next, &requests, link)
 		kfree(q);
 }
 
