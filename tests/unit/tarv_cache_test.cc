@@ -98,27 +98,6 @@ TEST_F(Cache, LogsWhatItFinds) {
     EXPECT_EQ(console(), Lines{});
 }
 
-struct Levels {
-    const char* name;
-    int host;
-    int module;
-    std::size_t lines;
-};
-class LogLevels : public Cache, public testing::WithParamInterface<Levels> {};
-TEST_P(LogLevels, BothMustAllowALine) {
-    add(record(known, TARV_MASK_DST_IP));
-    host::set_logger_level(GetParam().host);
-    write_once(TARV_trace_level, GetParam().module);
-    tarv_hash_get_entry(known, nullptr);  // DEBUG
-    EXPECT_EQ(console().size(), GetParam().lines);
-}
-INSTANTIATE_TEST_SUITE_P(Pairs, LogLevels,
-                         testing::Values(Levels{"both_at_it", 4, 4, 1},
-                                         Levels{"both_above", 5, 5, 1},
-                                         Levels{"host_below", 3, 5, 0},
-                                         Levels{"module_below", 5, 3, 0}),
-                         support::row_name);
-
 /// A chain of entries for one address, newest first, one letter each: s for a static one, d for
 /// another. Their LIDs are their places.
 struct Protection {
@@ -168,18 +147,6 @@ INSTANTIATE_TEST_SUITE_P(Chains, StaticEntries,
                                          Protection{"middle_of_three", "sds", 0, 1}),
                          support::row_name);
 
-TEST_F(Cache, ShowsTheNewestOfDuplicatesAndThenTheOlder) {
-    add(record(known, 0, 1));
-    add(record(known, 0, 2));
-    EXPECT_EQ(found(known), 2);
-    EXPECT_EQ(table().size, 2u);
-    tarv_hash_entry_t* entry = nullptr;
-    ASSERT_EQ(tarv_hash_remove_entry(known, &entry), tarv_stat_ok);
-    kfree(entry);
-    EXPECT_EQ(found(known), 1);
-    EXPECT_EQ(table().size, 1u);
-}
-
 TEST_F(Cache, CopiesWholeEntriesAimedAtThemselves) {
     tarv_arp_data_t data = record(known, 0x180, 7);
     data.paths_count = 2;
@@ -195,21 +162,6 @@ TEST_F(Cache, CopiesWholeEntriesAimedAtThemselves) {
     EXPECT_EQ(entry.arp_data.secondary_path->dlid, 9);
     tarv_hash_get_entry(known, &entry);
     EXPECT_EQ(entry.timestamp, added + 5) << "the first lookup was a use";
-}
-
-TEST_F(Cache, ReplacesTheWholeRecord) {
-    tarv_arp_data_t old = record(known, 0xFFFF, 1);
-    old.paths_count = 2;
-    tarv_hash_entry_t* entry = add(old);
-    tarv_arp_data_t data = record(known, TARV_MASK_LID | TARV_MASK_SECONDARY_PATH, 2);
-    for (const u8 queries : {1, 0}) {
-        write_once(sa_queries_enabled, queries);
-        tarv_hash_update_ib_data(known, &data);
-        EXPECT_EQ(entry->arp_data.mask, TARV_MASK_LID | TARV_MASK_SECONDARY_PATH);
-        EXPECT_EQ(entry->arp_data.paths_count, 0);
-        EXPECT_EQ(entry->arp_data.primary_path, &entry->arp_data.paths[0]);
-        EXPECT_EQ(entry->arp_data.secondary_path, &entry->arp_data.paths[1]);
-    }
 }
 
 /// Operations that are a use of an entry.
@@ -272,18 +224,6 @@ INSTANTIATE_TEST_SUITE_P(Masks, PurgeBySgid,
                                          Purge{"secondary_not_valid", 0x080, 2, 1, false}),
                          support::row_name);
 
-TEST_F(Cache, PurgesAnyPlaceOfAChain) {
-    for (u16 i = 0; i < 7; i++) {  // newest first: 6 to 0
-        tarv_arp_data_t data = record(ip_in_bucket(5, i), TARV_MASK_PRIMARY_PATH, i);
-        data.paths[0].sgid = gid(i == 6 || i == 5 || i == 3 || i == 0 ? 1 : 2);
-        add(data);
-    }
-    for (u16 i = 0; i < 7; i++)
-        EXPECT_EQ(found(ip_in_bucket(5, i)), i);
-    tarv_hash_remove_entries_by_sgid(&first_gid);
-    EXPECT_EQ(lids(), (std::vector<int>{4, 2, 1}));
-}
-
 TEST_F(Cache, FindsByGidInTableOrderWhateverTheMask) {
     const auto add_with_gid = [](u32 address, u16 lid) {
         tarv_arp_data_t data = record(address, 0, lid);
@@ -316,21 +256,6 @@ TEST_F(Cache, TracesALookupByGid) {
     zero = gid(9);
     tarv_hash_seq_cache_lookup(&zero, &copied.arp_data);
     EXPECT_EQ(console().size(), 34u) << "32 buckets, 2 entries";
-}
-
-TEST_F(Cache, DumpsToTheConsoleWhateverTheLevels) {
-    host::set_logger_level(0);
-    tarv_arp_data_t data = record(ip("10.0.0.1"), TARV_MASK_DST_IP | TARV_MASK_QPN, 0x1234);
-    data.qpn = 0x48;
-    add(data);
-    add(record(ip_in_bucket(10, 100), TARV_MASK_LID, 0xABCD));
-    add(record(ip("192.168.1.20"), TARV_MASK_DST_IP));
-    tarv_hash_dump();
-    EXPECT_EQ(console(),
-              (Lines{"", "", "IB-Arp Table entries: 3", "********************",
-                     "Ip             \tLid     \tQPN     ", "NA      \t0x0000ABCD\tNA      ",
-                     "010.000.000.001\tNA      \t0x00000048", "192.168.001.020\tNA      \tNA      ",
-                     "", ""}));
 }
 
 // The text in the layout of the kernel's own ARP table.
@@ -402,17 +327,6 @@ TEST_F(Cache, NeverOverrunsItsBuffer) {
         EXPECT_EQ(render(80 * (seen + 1)).size(), 79 + 78 * seen);
     }
     table().size = 5;
-}
-
-TEST_F(Cache, RendersNothingWithoutMemory) {
-    trace(TARV_ERROR);
-    host::fail_nth("kmalloc", 1);
-    char* buffer = reinterpret_cast<char*>(0x10);
-    u32 length = 1;
-    tarv_hash_print_to_string(&buffer, &length);
-    EXPECT_EQ(buffer, nullptr);
-    EXPECT_EQ(length, 0u);
-    EXPECT_EQ(told(unit), (Lines{"E tarv_hash_print_to_string: Can't allocate output buffer."}));
 }
 
 TEST_F(Cache, DestroysWhatItHolds) {

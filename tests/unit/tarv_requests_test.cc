@@ -132,14 +132,6 @@ TEST_P(BothLists, TimeOutAtTheFirstRunAfterTheLimit) {
     EXPECT_EQ(waiting(list), "");
 }
 
-TEST_P(BothLists, ResetTheMediaForArpOnly) {
-    kernel.advance(5000);
-    EXPECT_EQ(tarv_media_reset, 0);
-    list.add(request("a"));
-    kernel.advance(5000);
-    EXPECT_EQ(tarv_media_reset, list.limit == 1000 ? 1 : 0);
-}
-
 TEST_P(BothLists, LeaveBusyRequestsAlone) {
     tarv_list_entry_t* busy = request("b");
     tarv_set_request_static_flag(busy);
@@ -165,38 +157,6 @@ TEST_P(BothLists, EmptyAndRestWhenHalted) {
     EXPECT_EQ(waiting(list), "d") << "the timer was not started again";
 }
 
-TEST_P(BothLists, CountRequestsForTheSame) {
-    tarv_list_entry_t* asked = request("x");
-    EXPECT_EQ(list.num_identical(asked), 0);
-    list.add(request("a"));
-    list.add(request("b", "10.0.0.2"));
-    list.add(request("c", "10.0.0.1", tarv_paths_both));
-    list.add(request("d"));
-    EXPECT_EQ(list.num_identical(asked), 2);
-    list.add(asked);
-    EXPECT_EQ(list.num_identical(asked), 3) << "itself included";
-    list.remove(asked);
-    EXPECT_EQ(list.num_identical(asked), 2);
-    EXPECT_EQ(waiting(list), "dcba");
-    kfree(asked);
-}
-
-TEST_P(BothLists, DumpWhateverTheLevels) {
-    host::set_logger_level(0);
-    list.dump();
-    const Lines head = {"***********************", "Req Ip  \tSrc Ip  \tFWD"};
-    EXPECT_EQ(console(), (Lines{"", "", list.title + std::string("0"), head[0], head[1], "", ""}));
-    tarv_list_entry_t* entry = request("a", "10.0.0.1");
-    entry->src_ip = ip("192.168.1.20");
-    entry->is_from_fwd = 2;
-    list.add(entry);
-    list.add(request("b", "255.1.22.3"));
-    list.dump();
-    EXPECT_EQ(console(), (Lines{"", "", list.title + std::string("2"), head[0], head[1],
-                                "255.001.022.003\t000.000.000.000\tNo ",
-                                "010.000.000.001\t192.168.001.020\tYes", "", ""}));
-}
-
 TEST_P(BothLists, TraceAddingAndTimingOut) {
     tarv_list_entry_t* due = request("a");
     trace(TARV_FUNC);
@@ -217,7 +177,7 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
                                            : "Checking sa request entry: <0x%p>, static flag:%d");
     const std::string found = fn + host::kformat("found entry : 0x%p", due);
     const std::string retried =
-        "DEBUG   : TARV : tarv_retry_ib_data_request:(tarv_api):"
+        "D tarv_api/tarv_retry_ib_data_request: "
         "maximum number of retries. stopped trying.";
     Lines expected = {host::kformat(checking.c_str(), busy, 1),
                       host::kformat(checking.c_str(), due, 0), fn + "\t\t-> timeouted!"};
@@ -276,17 +236,6 @@ TEST_F(Requests, TellTheirMakerThatTheyWereTaken) {
         kfree(entry);
         EXPECT_FALSE(tarv_release_arp_request(entry, &maker, drop));
     }
-}
-
-TEST_F(Requests, AreDroppedByOneListAndAnsweredByTheOther) {
-    tarv_add_arp_request(request("a"));
-    tarv_req_list_destroy();
-    EXPECT_EQ(answered(), "");
-    write_once(halted, 1);
-    tarv_sa_add_request(request("b"));
-    tarv_sa_add_request(request("c"));
-    tarv_sa_req_list_destroy();
-    EXPECT_EQ(answered(), "cb") << "from the head";
 }
 
 // Answers of the SA.
@@ -357,24 +306,5 @@ INSTANTIATE_TEST_SUITE_P(
                     Matching{"no_paths_wanted", "a1g1p0", 1, "a", "", 0},
                     Matching{"not_cached_any_more", "a1g1p1- b2g1p1", 1, "b", "a", 0}),
     support::row_name);
-
-TEST_F(Requests, PutBackKeepTheirTime) {
-    const unsigned long start = jiffies();
-    support::add(support::record(ip("10.0.0.1"), 0));
-    tarv_list_entry_t* entry = request("a", "10.0.0.1", tarv_paths_both);
-    entry->dgid = gid(1);
-    tarv_sa_add_request(entry);
-    kernel.advance(1500);
-    tarv_sa_add_request(request("b", "10.0.0.2"));
-    ib_path_record_v2_t path = support::path(gid(1), gid(0x40), 7);
-    list_head found;
-    tarv_sa_find_and_move_requests_to_list(&path, 1, 1, &found);
-    EXPECT_EQ(waiting(sa_list), "ab") << "put back at the head";
-    kernel.advance(10000);
-    ASSERT_EQ(replies.size(), 2u);
-    EXPECT_EQ(replies[0].client, "a");
-    EXPECT_EQ(replies[0].tick, start + 3000);
-    EXPECT_EQ(replies[1].tick, start + 5000);
-}
 
 }  // namespace
