@@ -16,10 +16,17 @@
 
 namespace fabric_testing {
 
-using support::hex, support::read, support::site;
+using support::read, support::site;
 
 inline std::uint32_t ip(int n) {
     return support::host_ip(n);
+}
+/// Bytes as "00 01 ff".
+inline std::string hex(std::span<const std::uint8_t> bytes) {
+    std::string text = support::hex(bytes);
+    if (!text.empty())
+        text.pop_back();
+    return text;
 }
 inline fabric::Gid gid(std::uint64_t guid) {
     return support::wire_gid(guid);

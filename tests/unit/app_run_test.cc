@@ -135,24 +135,11 @@ TEST(Run, ResolvesAllPeersAndLeavesNothing) {
     EXPECT_GT(read_file(capture).size(), 6 * 256u);  // two answers with their questions
 }
 
-TEST(Run, AsksForTheOnePathOfAOnePortHost) {
-    const Result result = tarv_host("run --resolve-all --fabric FABRIC --hosts HOSTS --as gamma");
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.out, AllOf(HasSubstr("11 <- 15  10 Gb/s"), HasSubstr("13 <- 15  10 Gb/s"),
-                                  Not(HasSubstr("port 2")), HasSubstr("all resolved")));
-}
-
 TEST(Run, NamesWhomItCouldNotResolveInTime) {
     const Result result = tarv_host("run --resolve-all --fabric FABRIC --for 0.1");
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, AllOf(HasSubstr("Not resolved:\n  10.0.0.4  delta  the time was up\n"),
                                   HasSubstr("1 not resolved"), HasSubstr("nothing remains")));
-}
-
-TEST(Run, UnloadsInOrderWhenItsTimeIsUp) {
-    const Result result = tarv_host("run --for 0.01");
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.out, HasSubstr("TARV: Unloaded.\nUnloaded; nothing remains"));
 }
 
 TEST(Run, UnloadsInOrderWhenToldToStop) {
@@ -237,19 +224,6 @@ INSTANTIATE_TEST_SUITE_P(
          [](Fabric& f, Options& o) { f.sa().faults().drop_all(), o.silence = 500; }},
     }),
     [](const auto& row) { return row.param.name; });
-
-TEST(Resolver, NamesNobodyThatItDidNotAskFor) {
-    Started machine(small_site());
-    Options options;
-    options.outstanding = 1;
-    options.stop = yes;
-    app::Resolver resolver(machine, app::peers_of(machine), options);
-    resolver.run();
-    EXPECT_EQ(app::format_unresolved(machine, resolver.peers()),
-              "Not resolved:\n"
-              "  10.0.0.2  beta  the run was interrupted\n"
-              "  2 peers not asked for: the run was interrupted\n");
-}
 
 TEST(Resolver, LearnsAThousandHostsWithOneQuestionEach) {
     Started machine(site_of(fabric::make_fabric({.hosts = 1000})));

@@ -92,20 +92,6 @@ TEST(Console, ShowsTheKernelLogAsItIsTold) {
     EXPECT_EQ(session.out.find("TARV: Initialized.", stamped), std::string::npos);
 }
 
-// The peer's first answer is lost, so that it takes a second request to hear of it.
-TEST(Console, ActsOnTheFabric) {
-    const Session session = converse(
-        "event link_down port 2\nfabric show\nfabric node03 drop 1\nlevel module 4\n"
-        "resolve 10.0.0.3\nlevel module 0\nhalt\nresolve 10.0.0.4\n");
-    EXPECT_EQ(session.status, 0);
-    EXPECT_THAT(session.out, HasSubstr("port 2 LID 31 (down)\nnode02  10.0.0.2   LID 12\n"));
-    EXPECT_THAT(session.out, HasSubstr("node16  10.0.0.16  LID 26\n"));
-    const std::size_t asked = session.out.find("resolve 1: pending\n");
-    const std::size_t again = session.out.find("trying again after 0 of retries", asked);
-    EXPECT_LT(again, session.out.find("reply 1: ok\nip 10.0.0.3 ", asked));
-    EXPECT_THAT(session.out, HasSubstr("resolve 2: error\nTARV: Unloaded.\n"));
-}
-
 TEST(Console, HelpListsItsOwnWordsAndTheControlFiles) {
     const std::string out = converse("help").out;
     for (const char* line : {"\n  resolve IP [from IP] ", "\n  quit\n", "\n  dmesg [-C|-D|-E]\n",
