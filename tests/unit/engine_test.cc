@@ -137,27 +137,15 @@ Lines refused_link_up(int port, const std::string& why) {
             "E tarv_sa/tarv_sa_init: " + std::string(why)};
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Site, RefusedTest,
-    testing::Values(
-        Refused{"unknown",
-                0xABCDE,
-                2,
-                {"D tarv_api/tarv_async_event_cb: Received async event <type: ABCDE> <port:2>"}},
-        Refused{"second_link_up", 0x10000, 1, refused_link_up(1, "Allready initialized.")},
-        Refused{"link_up_9", 0x10000, 9,
-                refused_link_up(9, "Port #9 is not supported, ports are 1 to 8.")},
-        Refused{"link_up_0", 0x10000, 0,
-                refused_link_up(0, "Port #0 is not supported, ports are 1 to 8.")},
-        Refused{"link_down_9",
-                0x20000,
-                9,
-                {"D tarv_api/tarv_async_event_cb: Received link_down <port:9>"}},
-        Refused{"sm_change_9",
-                0x40000,
-                9,
-                {"D tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <-3>"}}),
-    row_name);
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Site, RefusedTest, testing::Values(
+    Refused{"unknown", 0xABCDE, 2, {"D tarv_api/tarv_async_event_cb: Received async event <type: ABCDE> <port:2>"}},
+    Refused{"second_link_up", 0x10000, 1, refused_link_up(1, "Allready initialized.")},
+    Refused{"link_up_9", 0x10000, 9, refused_link_up(9, "Port #9 is not supported, ports are 1 to 8.")},
+    Refused{"link_up_0", 0x10000, 0, refused_link_up(0, "Port #0 is not supported, ports are 1 to 8.")},
+    Refused{"link_down_9", 0x20000, 9, {"D tarv_api/tarv_async_event_cb: Received link_down <port:9>"}},
+    Refused{"sm_change_9", 0x40000, 9, {"D tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <-3>"}}), row_name);
+// clang-format on
 
 struct Stop {
     const char* name;
@@ -184,24 +172,14 @@ TEST_P(StopTest, GivesThoseWhoWaitForPathsTheirLastWord) {
 
 const std::string first_told = "+100 first told -254";
 const std::string second_told = "+100 second told -254";
-INSTANTIATE_TEST_SUITE_P(
-    Site, StopTest,
-    testing::Values(
-        Stop{"running", [](EngineTest&) {}, {first_told, second_told}},
-        Stop{"links_down",
-             [](EngineTest& test) {
-                 test.set_link(1, false);
-                 test.set_link(2, false);
-             },
-             {first_told, second_told}},
-        Stop{"no_retries_left",
-             [](EngineTest&) { write_once(get_data_retry, 0); },
-             {first_told, second_told}},
-        Stop{"no_memory", [](EngineTest&) { host::fail_nth("kmalloc", 1); }, {first_told}},
-        Stop{"halted",
-             [](EngineTest&) { tarv_proc_cmd_halt(1, nullptr); },
-             {"+100 arp told -254", first_told, second_told}}),
-    row_name);
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Site, StopTest, testing::Values(
+    Stop{"running", [](EngineTest&) {}, {first_told, second_told}},
+    Stop{"links_down", [](EngineTest& test) {test.set_link(1, false); test.set_link(2, false);}, {first_told, second_told}},
+    Stop{"no_retries_left", [](EngineTest&) {write_once(get_data_retry, 0);}, {first_told, second_told}},
+    Stop{"no_memory", [](EngineTest&) {host::fail_nth("kmalloc", 1);}, {first_told}},
+    Stop{"halted", [](EngineTest&) {tarv_proc_cmd_halt(1, nullptr);}, {"+100 arp told -254", first_told, second_told}}), row_name);
+// clang-format on
 
 TEST_F(EngineTest, TheLastWordsAreSpokenBeforeTheAdapterIsClosed) {
     struct Last {

@@ -58,37 +58,14 @@ TEST_P(OperationTest, LearnsFromRequestsAndRepliesAlike) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Site, OperationTest,
-    testing::Values(
-        Operation{"disabled", 0, 2, tarv_stat_ok, false, {}},
-        Operation{"request",
-                  1,
-                  1,
-                  tarv_stat_ok,
-                  true,
-                  {"D tarv_api/tarv_process_arp_data: ARP_REQ received "
-                   "<src_ip:0200000a,dst_ip:0100000a>"}},
-        Operation{
-            "reply",
-            1,
-            2,
-            tarv_stat_ok,
-            true,
-            {"D tarv_api/tarv_process_arp_data: ARP processed <src_ip:0200000a,dst_ip:0100000a>"}},
-        Operation{"third",
-                  1,
-                  3,
-                  tarv_stat_error,
-                  false,
-                  {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<3>."}},
-        Operation{"zeroth",
-                  1,
-                  0,
-                  tarv_stat_error,
-                  false,
-                  {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<0>."}}),
-    row_name);
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Site, OperationTest, testing::Values(
+    Operation{"disabled", 0, 2, tarv_stat_ok, false, {}},
+    Operation{"request", 1, 1, tarv_stat_ok, true, {"D tarv_api/tarv_process_arp_data: ARP_REQ received <src_ip:0200000a,dst_ip:0100000a>"}},
+    Operation{"reply", 1, 2, tarv_stat_ok, true, {"D tarv_api/tarv_process_arp_data: ARP processed <src_ip:0200000a,dst_ip:0100000a>"}},
+    Operation{"third", 1, 3, tarv_stat_error, false, {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<3>."}},
+    Operation{"zeroth", 1, 0, tarv_stat_error, false, {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<0>."}}), row_name);
+// clang-format on
 
 TEST_F(IntakeTest, ARequestWhoseQueryFailsEndsAndTheLastOutcomeIsReported) {
     wait_for_2({tarv_paths_both, tarv_paths_both});
@@ -237,16 +214,13 @@ TEST_P(InsideTest, AReplyInsideTheSendCompletesAtOnceAndOnce) {
     write_once(local_send_arp_data_fn, nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Site, InsideTest,
-                         testing::Values(Inside{"sent", tarv_paths_none, tarv_stat_ok,
-                                                "+0 client told 0 with 10.0.0.2"},
-                                         Inside{"failed", tarv_paths_none, tarv_stat_error,
-                                                "+0 client told 0 with 10.0.0.2"},
-                                         Inside{"sent_paths_wanted", tarv_paths_both, tarv_stat_ok,
-                                                "+2 client told 0 with 10.0.0.2"},
-                                         Inside{"failed_paths_wanted", tarv_paths_both,
-                                                tarv_stat_error, "+2 client told 0 with 10.0.0.2"}),
-                         row_name);
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Site, InsideTest, testing::Values(
+    Inside{"sent", tarv_paths_none, tarv_stat_ok, "+0 client told 0 with 10.0.0.2"},
+    Inside{"failed", tarv_paths_none, tarv_stat_error, "+0 client told 0 with 10.0.0.2"},
+    Inside{"sent_paths_wanted", tarv_paths_both, tarv_stat_ok, "+2 client told 0 with 10.0.0.2"},
+    Inside{"failed_paths_wanted", tarv_paths_both, tarv_stat_error, "+2 client told 0 with 10.0.0.2"}), row_name);
+// clang-format on
 
 struct PathIntakeTest : IntakeTest {};
 
