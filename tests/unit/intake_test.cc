@@ -22,13 +22,6 @@ struct IntakeTest : SiteTest {
             EXPECT_EQ(ask(host_ip(2), wanted[n], std::string(1, static_cast<char>('a' + n))),
                       tarv_stat_pending);
     }
-    u32 entries_of(u32 address) {
-        u32 count = 0;
-        for (auto* entry = table().hash_buckets[tarv_hash_func(address)]; entry;
-             entry = entry->next)
-            count += entry->arp_data.dst_ip == address;
-        return count;
-    }
 };
 
 struct Operation {
@@ -66,23 +59,6 @@ INSTANTIATE_TEST_SUITE_P(Site, OperationTest, testing::Values(
     Operation{"third", 1, 3, tarv_stat_error, false, {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<3>."}},
     Operation{"zeroth", 1, 0, tarv_stat_error, false, {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<0>."}}), row_name);
 // clang-format on
-
-TEST_F(IntakeTest, ARequestWhoseQueryFailsEndsAndTheLastOutcomeIsReported) {
-    wait_for_2({tarv_paths_both, tarv_paths_both});
-    host::fail_nth("gsi_post_send_dtgrm", 1);
-    trace(TARV_ERROR);
-    EXPECT_EQ(hear(heard(2)), tarv_stat_ok) << "that of the second request";
-    EXPECT_THAT(
-        masked(),
-        ElementsAre("E tarv_api/tarv_process_arp_data: Error initiating multipath record query."));
-    EXPECT_THAT(timeline, ElementsAre("+0 a told -255"));
-    EXPECT_EQ(waiting_for_paths(), 1u);
-
-    ask(host_ip(3), tarv_paths_primary, "other");
-    host::fail_nth("gsi_dtgrm_pool_get", 1);
-    EXPECT_EQ(hear(heard(3)), tarv_stat_error);
-    EXPECT_THAT(timeline, Contains("+0 other told -255"));
-}
 
 TEST_F(IntakeTest, WithoutMemoryThePacketIsDropped) {
     wait_for_2({tarv_paths_none});
@@ -151,40 +127,6 @@ INSTANTIATE_TEST_SUITE_P(Site, StaticPathTest,
                                          StaticPath{"no_such_port", 257, nullptr, 0x8001},
                                          StaticPath{"no_interface", 1, "get_if_info", 0xFFFF}),
                          row_name);
-
-struct Protected {
-    const char* name;
-    u32 cached;
-    tarv_paths_t wanted;
-    std::size_t queries;
-};
-struct ProtectedTest : IntakeTest, testing::WithParamInterface<Protected> {};
-
-TEST_P(ProtectedTest, AStaticEntryStaysTheOnlyOneAndAnswers) {
-    const Protected& row = GetParam();
-    wait_for_2({row.wanted});
-    know(2, TARV_MASK_STATIC | row.cached);
-    write_once(statics_inv_enabled, 0);
-    tarv_arp_data_t forged = heard(2);
-    forged.lid = 999;
-    EXPECT_EQ(hear(forged), tarv_stat_ok);
-    EXPECT_EQ(entries_of(host_ip(2)), 1u);
-    kernel.advance(10);
-    EXPECT_EQ(queries(), row.queries);
-    ASSERT_EQ(replies.size(), 1u);
-    EXPECT_EQ(replies[0].status, tarv_stat_ok);
-    EXPECT_EQ(replies[0].record.lid, heard(2).lid);
-    EXPECT_TRUE(replies[0].record.mask & TARV_MASK_STATIC);
-    EXPECT_TRUE(tarv_mask_has_paths(replies[0].record.mask, row.wanted));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Site, ProtectedTest,
-    testing::Values(Protected{"no_paths_wanted", 0, tarv_paths_none, 0},
-                    Protected{"all_paths_there", both, tarv_paths_both, 0},
-                    Protected{"primary_there", TARV_MASK_PRIMARY_PATH, tarv_paths_primary, 0},
-                    Protected{"secondary_missing", TARV_MASK_PRIMARY_PATH, tarv_paths_both, 1}),
-    row_name);
 
 struct Inside {
     const char* name;

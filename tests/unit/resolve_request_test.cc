@@ -150,38 +150,6 @@ TEST_F(RequestTest, AWaitingRequestRemembersWhatItNeeds) {
     kernel.advance(10);
 }
 
-TEST_F(RequestTest, TheFifthIdenticalArpRequestIsNotSent) {
-    fabric.peer(host_ip(2)).delay(100);
-    trace(TARV_WARNING);
-    for (int n = 1; n <= 4; n++)
-        EXPECT_EQ(ask(host_ip(2)), tarv_stat_pending);
-    EXPECT_THAT(masked(), IsEmpty());
-    EXPECT_EQ(ask(host_ip(2)), tarv_stat_pending);
-    EXPECT_EQ(record.mask, 0u);
-    EXPECT_EQ(record.dst_ip, host_ip(2));
-    EXPECT_THAT(masked(),
-                ElementsAre("W tarv_api/__tarv_get_ib_data: Many identical ARP requests"));
-    EXPECT_EQ(arp_requests().size(), 4u);
-    EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending) << "not identical";
-    EXPECT_EQ(arp_requests().size(), 5u);
-    kernel.advance(110);
-    EXPECT_EQ(replies.size(), 6u);
-}
-
-TEST_F(RequestTest, TheFifthIdenticalQueryForAPrimaryPathIsNotSent) {
-    know(2);
-    fabric.sa().faults().delay(100);
-    trace(TARV_WARNING);
-    for (int n = 1; n <= 5; n++)
-        EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_pending);
-    EXPECT_THAT(masked(),
-                ElementsAre("W tarv_api/__tarv_get_ib_data: Many identical path query requests"));
-    kernel.settle();
-    EXPECT_EQ(queries(), 4u);
-    kernel.advance(110);
-    EXPECT_EQ(replies.size(), 5u);
-}
-
 TEST_F(RequestTest, AnArpRequestHoldsNothingButItsFiveFields) {
     fabric.peer(host_ip(2)).drop_all();
     clients.push_back({{"client", replies}, this});
