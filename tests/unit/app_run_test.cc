@@ -2,19 +2,16 @@
 //
 // The program as its user meets it, and the passes and reports that it is made of.
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "app/machine.h"
 #include "app/report.h"
 #include "app/resolve.h"
 #include "platform/memory.h"
+#include "tests/support/program.h"
 
 namespace {
 
+using support::read_file, support::Result, support::shell, support::temporary;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -37,34 +34,9 @@ Ca	1 "H-4"		# "delta HCA-1"
 )";
 constexpr const char* three_addresses = "10.1.0.1 alpha\n10.1.0.2 beta\n10.1.0.3 gamma\n";
 
-std::string temporary(const std::string& name) {
-    const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
-    std::string path = std::string(test->test_suite_name()) + "." + test->name() + "." + name;
-    std::ranges::replace(path, '/', '.');
-    return testing::TempDir() + path;
-}
-
 std::string write_file(const std::string& name, const std::string& content) {
     std::ofstream(temporary(name)) << content;
     return temporary(name);
-}
-
-std::string read_file(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
-
-struct Result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Result shell(const std::string& command) {
-    const std::string out = temporary("out"), err = temporary("err");
-    const int status = std::system(("{ " + command + "; } >" + out + " 2>" + err).c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out), read_file(err)};
 }
 
 /* Arguments may name the two files above as FABRIC and HOSTS. */

@@ -162,13 +162,6 @@ TEST_F(ProcTest, WritesOnceWithBytesOfTheProcess) {
     EXPECT_EQ(host::ProcFile("silent").write("x"), -EACCES);
 }
 
-TEST_F(ProcTest, TheProcessesMemoryCannotBeReadDirectly) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    make("file", nullptr, 0644)->write_proc = [](struct file*, const char* buffer, unsigned long,
-                                                 void*) { return static_cast<int>(*buffer); };
-    EXPECT_DEATH(host::ProcFile("file").write("x"), "");
-}
-
 TEST_F(ProcTest, KeepsATree) {
     EXPECT_EQ(create_proc_entry("a/b", 0, nullptr), nullptr);
     EXPECT_EQ(proc_mkdir("a/b", nullptr), nullptr);

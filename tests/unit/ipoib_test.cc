@@ -213,17 +213,4 @@ TEST_F(IpoibTest, MeetsScriptedFaults) {
     }
 }
 
-TEST_F(IpoibTest, KeepsPartitionsApart) {
-    fabric.ipoib().set_pkey(0x8002);
-    ask(2);
-    kernel.advance(3);
-    EXPECT_THAT(given.heard, IsEmpty()) << "nobody is in that partition";
-    fabric.subnet().set_pkeys(fabric.peers().station(ip(2)).at, {0xFFFF, 0x0002});
-    fabric.set_pkeys(1, {0x8002});
-    ask(2);
-    kernel.advance(2);
-    EXPECT_THAT(given.heard, SizeIs(1));
-    EXPECT_EQ(fabric.peers().requests_heard(), 1u);
-}
-
 }  // namespace

@@ -211,37 +211,6 @@ TEST_F(RequestTest, AReissueThatCannotBeSentEndsItsRequest) {
     EXPECT_EQ(masked(), retired_without_callback());
 }
 
-struct FailedQuery {
-    const char* name;
-    const char* service;  // null: the port is down
-};
-struct FailedQueryTest : SiteTest, testing::WithParamInterface<FailedQuery> {};
-
-TEST_P(FailedQueryTest, LeavesTheRequestWithoutItsCallback) {
-    if (GetParam().service)
-        host::fail_nth(GetParam().service, 1);
-    else
-        fabric.set_link(1, false);
-    kernel.settle();
-    know(2);
-    trace(TARV_ERROR);
-    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_error);
-    EXPECT_EQ(masked().back(),
-              "E tarv_api/__tarv_get_ib_data: Error initiating multipath record query.");
-    EXPECT_EQ(waiting_for_paths(), 1u);
-    kernel.advance(4000);
-    EXPECT_EQ(masked(), retired_without_callback());
-    EXPECT_EQ(waiting_for_paths(), 0u);
-    EXPECT_THAT(timeline, IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(Site, FailedQueryTest,
-                         testing::Values(FailedQuery{"no_datagram", "gsi_dtgrm_pool_get"},
-                                         FailedQuery{"no_block", "gsi_dtgrm_alloc_rmpp_buf"},
-                                         FailedQuery{"not_posted", "gsi_post_send_dtgrm"},
-                                         FailedQuery{"port_down", nullptr}),
-                         row_name);
-
 TEST_F(RequestTest, NoMemoryForARequestIsAnError) {
     trace(TARV_ERROR);
     host::fail_nth("kmalloc", 1);

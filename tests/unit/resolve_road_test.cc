@@ -98,20 +98,6 @@ TEST_P(RoadTest, AnArpRequestThatNobodyAnswersIsSentFourTimes) {
     EXPECT_EQ(masked(), expected);
 }
 
-TEST_P(RoadTest, APathQueryThatNobodyAnswersIsSentFourTimes) {
-    know(2);
-    fabric.sa().faults().drop_all();
-    kernel.advance(500);
-    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_pending);
-    kernel.advance(13'000);
-    EXPECT_THAT(
-        timeline,
-        ElementsAre("+500 query on port 1 to lid 1 sl 0", "+4000 query on port 1 to lid 1 sl 0",
-                    "+7000 query on port 1 to lid 1 sl 0", "+10000 query on port 1 to lid 1 sl 0",
-                    "+13000 client told -254"));
-    EXPECT_THAT(arp_requests(), IsEmpty());
-}
-
 INSTANTIATE_TEST_SUITE_P(Ticks, RoadTest, testing::Values(1000ul, before_wrap),
                          [](const auto& row) {
                              return std::string(row.index == 0 ? "early" : "before_the_wrap");

@@ -256,26 +256,14 @@ TEST_F(SaQuery, IsNotPostedWhenThePortGoesMeanwhile) {
     EXPECT_EQ(counters(), "port: 1, get: 0");
 }
 
-TEST_F(SaQuery, TracesItsWholeWay) {
+/* The rest of its log stands in the log of a whole resolution. */
+TEST_F(SaQuery, TracesTheEndOfItsSending) {
     set_up({1});
     trace(TARV_FUNC);
     ask();
-    EXPECT_EQ(
-        told("tarv_sa", masked()),
-        (Lines{
-            "D tarv_sa_query_path: 1 sgids passed to tarv_sa_build_multi_path_rec_query_mad()",
-            "D tarv_sa_build_multi_path_rec_query_mad: Building RMPP payload",
-            "D tarv_sa_build_multi_path_rec_query_mad: Requesting 3 paths.",
-            "D tarv_sa_query_path: tarv_sa_build_multi_path_rec_query_mad() ok !!!",
-            "D tarv_sa_query_path: Sending the path query on port 1",
-            "F tarv_sa_send_done_cb: Datagram <0xP> send on port #1 completed. Returning to pool "
-            "...",
-            "D tarv_sa_parse_path_rec_query_mad_reply: **** GSI returned payload size of 84 ****",
-            "D tarv_sa_parse_path_rec_query_mad_reply: Non-RMPP reply received", "",
-            "D tarv_sa_parse_path_rec_query_mad_reply: **** paysize - 20 = 64, sizeof "
-            "ib_path_record_v2_t = 64 ****",
-            "D tarv_sa_recv_done_cb: Check     SGID: 0xFE8000000000000000001001 port: 1, SLID:11",
-            "", "D tarv_sa_recv_done_cb: Local port GID: 0xFE8000000000000000001001 port: 1", ""}));
+    EXPECT_THAT(told("tarv_sa", masked()),
+                testing::Contains("F tarv_sa_send_done_cb: Datagram <0xP> send on port #1 "
+                                  "completed. Returning to pool ..."));
     ASSERT_EQ(deliveries.size(), 1u);
     const ib_path_record_v2_t& path = deliveries[0].paths[0];
     EXPECT_EQ(path.dgid, bob);
