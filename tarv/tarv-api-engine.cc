@@ -10,6 +10,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
+constexpr char event[] = "tarv_async_event_cb";
 
 /* What other modules find by name. */
 struct api_name_t {
@@ -91,7 +92,7 @@ void link_down(u8 port) {
     gx_gid_t gid;
     if (port_num2base_gid(hca_h, port, &gid) == 0)
         tarv_hash_remove_entries_by_sgid(&gid);
-    TARV_LOG_FROM("tarv_async_event_cb", TARV_DEBUG, "Received link_down <port:%d>\n", port);
+    TARV_LOG_FROM(event, TARV_DEBUG, "Received link_down <port:%d>\n", port);
     tarv_sa_destroy(port);
 }
 

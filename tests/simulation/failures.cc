@@ -74,8 +74,8 @@ void Table::play(const std::string& script) {
 }
 
 bool Table::is_good() const {
-    std::fprintf(out_, "\n%lu runs, %lu with violations, %zu of %zu services reached\n", runs_, bad_,
-                 reached_.size(), host::services_that_fail().size());
+    std::fprintf(out_, "\n%lu runs, %lu with violations, %zu of %zu services reached\n", runs_,
+                 bad_, reached_.size(), host::services_that_fail().size());
     if (!options_.scenario.empty())
         return bad_ == 0;
     for (const std::string& service : host::services_that_fail())

@@ -65,7 +65,8 @@ constexpr Silence anywhere[] = {
 /* A script's host that keeps an eye on its clients, its log and the failure. */
 class Play final : public app::ScriptHost {
   public:
-    Play(const app::Script& script, const app::Site& site, const Fault& fault, std::ostream& nowhere)
+    Play(const app::Script& script, const app::Site& site, const Fault& fault,
+         std::ostream& nowhere)
         : ScriptHost(site, script.first_jiffy, nowhere, nowhere), site_(site), fault_(fault) {
         host::watch_faults([this](const char*) { strike(); });
         if (fault.n != 0)
@@ -234,11 +235,12 @@ void Play::resolve_one_more() {
     take_links(true);
     for (const char* line : {"enable\n", "sa_queries on\n", "set_retry_cnt 3\n"})
         write_control(line);
-    resolve({.ip = site_.hosts.back().ip, .from = site_.our_host().ip, .paths = tarv_paths_primary});
+    resolve(
+        {.ip = site_.hosts.back().ip, .from = site_.our_host().ip, .paths = tarv_paths_primary});
     kernel().advance(patience);
     if (requests().back().status != tarv_stat_ok)
-        tell("violation", "afterwards a host cannot be resolved: " +
-                                app::status_name(requests().back().status));
+        tell("violation",
+             "afterwards a host cannot be resolved: " + app::status_name(requests().back().status));
     unload_module();
 }
 
@@ -251,13 +253,13 @@ void Play::judge_clients() {
         const unsigned due = told->second == tarv_stat_pending;
         if (made.callbacks > due)
             tell("violation", "request " + std::to_string(made.number) + " was answered " +
-                                    app::status_name(told->second) + " and then told " +
-                                    std::to_string(made.callbacks) + " times");
+                                  app::status_name(told->second) + " and then told " +
+                                  std::to_string(made.callbacks) + " times");
         silent += made.callbacks < due;
     }
     if (silent > may_end_silently_)
         tell("violation", std::to_string(silent) + " request(s) without an answer, " +
-                                std::to_string(may_end_silently_) + " of them for a reason");
+                              std::to_string(may_end_silently_) + " of them for a reason");
 }
 
 void play(const std::string& path, const Fault& fault) {

@@ -165,16 +165,15 @@ TEST_F(ControlRead, LogsAPass) {
     host::ProcFile file(control_path);
     console();
     file.read(78);
-    EXPECT_EQ(masked(),
-              (Lines{call("0", "4E"), debug(read, "arp_string_buff = P, buf_len = 79"),
-                     debug(read, "Current chunk size is 78")}));
+    EXPECT_EQ(masked(), (Lines{call("0", "4E"), debug(read, "arp_string_buff = P, buf_len = 79"),
+                               debug(read, "Current chunk size is 78")}));
     host::ProcFile(control_path).read(10);
     EXPECT_EQ(masked(),
               (Lines{call("0", "A"), debug(read, "Another call is pending please try later ...")}));
     file.read(78);
     EXPECT_EQ(masked(), (Lines{call("78", "4E"), debug(read, "Current chunk size is 1"),
-                                       call("79", "4D"), debug(read, "Current chunk size is 0"),
-                                       debug(read, "Last iteration reached !!!")}));
+                               call("79", "4D"), debug(read, "Current chunk size is 0"),
+                               debug(read, "Last iteration reached !!!")}));
 }
 
 TEST_F(ControlRead, KeepsASecondReaderOutOfTheFirstOnesText) {

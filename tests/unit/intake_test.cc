@@ -173,11 +173,10 @@ TEST_F(PathIntakeTest, OnePathForBothPutsTheRequestBack) {
     trace(TARV_WARNING);
     ask(host_ip(2), tarv_paths_both);
     kernel.advance(10);
-    EXPECT_THAT(masked(),
-                ElementsAre("E tarv_sa_req_list/tarv_sa_find_and_move_requests_to_list: "
-                            "tarv_hash_update_paths() failed. returned -253",
-                            "W tarv_api/tarv_process_path_rec_data: No matching requests "
-                            "for the received Path Record Query Reply."));
+    EXPECT_THAT(masked(), ElementsAre("E tarv_sa_req_list/tarv_sa_find_and_move_requests_to_list: "
+                                      "tarv_hash_update_paths() failed. returned -253",
+                                      "W tarv_api/tarv_process_path_rec_data: No matching requests "
+                                      "for the received Path Record Query Reply."));
     EXPECT_EQ(waiting_for_paths(), 1u);
     kernel.advance(12'490);
     EXPECT_EQ(timeline.back(), "+13000 client told -254");

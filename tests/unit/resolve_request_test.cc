@@ -92,9 +92,8 @@ TEST_F(RequestTest, AHaltedModuleRefusesEvenWhatItKnows) {
     EXPECT_EQ(tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_none, &record, reply, nullptr, 0),
               tarv_stat_error);
     EXPECT_EQ(std::memcmp(&record, &before, sizeof record), 0);
-    EXPECT_THAT(masked(),
-                ElementsAre("D tarv_api/tarv_get_ib_data: module is in halt state (not "
-                            "sending ARP during stack stop)."));
+    EXPECT_THAT(masked(), ElementsAre("D tarv_api/tarv_get_ib_data: module is in halt state (not "
+                                      "sending ARP during stack stop)."));
 }
 
 struct Invalidation {
@@ -180,8 +179,7 @@ TEST_F(RequestTest, AnArpRequestThatCannotBeSentStaysWithoutItsCallback) {
     host::fail_nth("send_arp", 1);
     trace(TARV_ERROR);
     EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
-    EXPECT_THAT(masked(),
-                ElementsAre("E tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed."));
+    EXPECT_THAT(masked(), ElementsAre("E tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed."));
     EXPECT_EQ(record.mask, 0x403u);
     EXPECT_EQ(record.arp_operation, TARV_ARP_OP_REQUEST);
     EXPECT_EQ(record.dst_ip, host_ip(2));
@@ -234,10 +232,9 @@ TEST_F(RequestTest, NoMemoryForAReissueEndsTheRequestInSilence) {
     host::fail_nth("kmalloc", 1);
     trace(TARV_ERROR);
     kernel.advance(1000);
-    EXPECT_THAT(masked(),
-                ElementsAre("E tarv_api/tarv_retry_ib_data_request: Not enough memory to "
-                            "allocate a temp_arp_data (" +
-                            std::to_string(sizeof(tarv_arp_data_t)) + ")."));
+    EXPECT_THAT(masked(), ElementsAre("E tarv_api/tarv_retry_ib_data_request: Not enough memory to "
+                                      "allocate a temp_arp_data (" +
+                                      std::to_string(sizeof(tarv_arp_data_t)) + ")."));
     EXPECT_EQ(waiting_for_arp(), 0u);
     EXPECT_THAT(timeline, IsEmpty());
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The address cache: what is logged, in which order it finds, and the text that it is rendered into.
-// What becomes of entries is compared with a model at every step of the simulation.
+// The address cache: what is logged, in which order it finds, and the text that it is rendered
+// into. What becomes of entries is compared with a model at every step of the simulation.
 #include "host/services.h"
 #include "tests/support/kernel_test.h"
 #include "tests/support/records.h"
