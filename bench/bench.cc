@@ -57,7 +57,8 @@ int run(int argc, char** argv, void (*register_rows)(), void (*finish)()) {
     benchmark::AddCustomContext("compiler", __VERSION__);
     benchmark::AddCustomContext("entry_bytes", std::to_string(sizeof(tarv_hash_entry_t)));
     benchmark::AddCustomContext("record_bytes", std::to_string(sizeof(tarv_arp_data_t)));
-    const host::Kernel kernel({.shared = true});
+    benchmark::AddCustomContext("host", host_name);
+    const World world;
     register_rows();
     benchmark::RunSpecifiedBenchmarks();
     if (finish)

@@ -3,8 +3,10 @@
 // What the benchmarks have in common: the peers of one InfiniBand subnet, orders in which nobody
 // can guess the next one, the kernel that the module stands on, and the start of a program.
 //
-// All programs of the benchmarks call the module on one virtual kernel that all threads may enter,
-// so that `jiffies` costs a load, as in a kernel, and not a question to the system's clock.
+// There are two of these kernels, and a program is linked with one of them: the plain host, which
+// is for comparing with others, since its calls cost what a kernel's do; and the strict one, which
+// checks every call. Time is virtual on both, so that `jiffies` costs a load, as in a kernel, and
+// not a question to the system's clock.
 #pragma once
 
 #include <arpa/inet.h>
@@ -14,7 +16,6 @@
 #include <utility>
 #include <vector>
 
-#include "host/kernel.h"
 #include "platform/memory.h"
 #include "tarv/tarv-arp-hash.h"
 
@@ -56,7 +57,7 @@ struct KernelAllocator {
     template <class U>
     KernelAllocator(const KernelAllocator<U>&) {}
     T* allocate(std::size_t count) {
-        return static_cast<T*>(kmalloc(count * sizeof(T), GFP_ATOMIC));
+        return static_cast<T*>(kmalloc(count * sizeof(T), GFP_KERNEL));
     }
     void deallocate(T* memory, std::size_t) { kfree(memory); }
     friend bool operator==(const KernelAllocator&, const KernelAllocator&) { return true; }
@@ -77,6 +78,18 @@ benchmark::internal::Benchmark* row(const std::string& operation, const std::str
         ->Arg(peers)
         ->Threads(threads);
 }
+
+/// The kernel that the program is linked with, while one of these exists.
+struct World {
+    World();
+    ~World();
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+};
+extern const char* const host_name;
+
+/// Time passes, and timers that fall due run. For one thread; others may call the module meanwhile.
+void pass_ticks(unsigned long ticks);
 
 /// What a program's main() does: makes the kernel, has the rows registered, runs them, and calls
 /// `finish` while the kernel still exists.

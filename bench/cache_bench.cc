@@ -56,7 +56,7 @@ class Round {
 
     u32 next() {
         if (++steps_ % steps_per_tick == 0 && passes_time_)
-            host::Kernel::current().advance(1);
+            pass_ticks(1);
         if (++at_ >= order_.size())
             at_ = 0;
         return order_[at_];
@@ -204,6 +204,7 @@ void register_rows() {
         register_table<TbbMap>("tbb", peers);
         register_table<PlainWalk>("plain", peers);
         register_hits<ModuleCall>("tarv_call", peers);
+        register_hits<FlatMapKernelLock>("flat_our_lock", peers);
     }
 }
 

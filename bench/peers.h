@@ -165,27 +165,42 @@ using StandardMap =
     Shared<std::unordered_map<u32, tarv_arp_data_t, Mixed, std::equal_to<>,
                               KernelAllocator<std::pair<const u32, tarv_arp_data_t>>>>;
 
+/// The lock of the standard library, and the kernel's that the module has: who reads, who writes.
+struct StandardLock {
+    using Mutex = std::shared_mutex;
+    using Read = std::shared_lock<Mutex>;
+    using Write = std::unique_lock<Mutex>;
+};
+struct KernelLock {
+    struct Mutex : rwlock_t {
+        Mutex() : rwlock_t() { rwlock_init(this, "flat_map_lock"); }
+    };
+    using Read = read_guard;
+    using Write = write_guard;
+};
+
 /// Abseil's, with the hash that it recommends, its own. Records of their own, as everybody else has
 /// them and as its documentation recommends where values are large or must stay where they are.
-class FlatMap {
+template <class Lock>
+class FlatMapUnder {
   public:
     using Visit = NoVisit;
-    explicit FlatMap(u32 capacity) { map_.reserve(capacity); }
-    ~FlatMap() {
+    explicit FlatMapUnder(u32 capacity) { map_.reserve(capacity); }
+    ~FlatMapUnder() {
         for (const auto& [address, record] : map_)
             kfree(record);
     }
-    FlatMap(const FlatMap&) = delete;
-    FlatMap& operator=(const FlatMap&) = delete;
+    FlatMapUnder(const FlatMapUnder&) = delete;
+    FlatMapUnder& operator=(const FlatMapUnder&) = delete;
 
     void learn(u32 n) {
         tarv_arp_data_t* const record = make<tarv_arp_data_t>(peer_record(n));
-        const std::unique_lock lock(mutex_);
+        const typename Lock::Write lock(mutex_);
         map_.emplace(record->dst_ip, record);
     }
     void forget(u32 n) { kfree(take(peer_ip(n))); }
     bool get(u32 n, tarv_arp_data_t& out) {
-        const std::shared_lock lock(mutex_);
+        const typename Lock::Read lock(mutex_);
         const auto found = map_.find(peer_ip(n));
         if (found == map_.end())
             return false;
@@ -195,7 +210,7 @@ class FlatMap {
 
   private:
     tarv_arp_data_t* take(u32 ip) {
-        const std::unique_lock lock(mutex_);
+        const typename Lock::Write lock(mutex_);
         const auto found = map_.find(ip);
         require(found != map_.end(), "an entry was missing");
         tarv_arp_data_t* const record = found->second;
@@ -203,9 +218,11 @@ class FlatMap {
         return record;
     }
 
-    std::shared_mutex mutex_;
+    typename Lock::Mutex mutex_;
     absl::flat_hash_map<u32, tarv_arp_data_t*> map_;
 };
+using FlatMap = FlatMapUnder<StandardLock>;
+using FlatMapKernelLock = FlatMapUnder<KernelLock>;
 
 /// The same with the records in the table itself: nothing is allocated for one, and none has an
 /// address that stays.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// What a request costs while others wait, and what a run of the lists' timers costs when nothing is
-// due, at 16 to 49,151 waiting requests.
+// What a request costs while others wait, for peers of their own or all for one, and what a run of
+// the lists' timers costs when nothing is due and when all are, at 16 to 49,151 waiting requests.
 //
 // A request's life is the same for all: it is allocated, those like it are counted, it is filed,
 // the address becomes known, it is taken off, its client is called, it is freed.
@@ -65,6 +65,12 @@ class ModuleList {
         list_head found;
         tarv_find_and_move_arp_requests_to_list(peer_ip(n), &found);
         answer_all(tarv_found_list(found));
+    }
+    /// Of its address, only this one.
+    void give_up(tarv_list_entry_t* request) {
+        tarv_remove_arp_request(request);
+        tarv_reply(request, tarv_stat_ok, nullptr);
+        kfree(request);
     }
     void run_timer() {
         tarv_req_timer_handler(0);
@@ -259,10 +265,51 @@ class WholeCall {
         kfree(entry);
     }
 
+    void run_timer() { list_.run_timer(); }
+
   private:
     ModuleList list_;
     void* handle_ = nullptr;
 };
+
+/// Whom request n is for: each for a peer of its own, or all for one peer that is dead.
+u32 apart(u32 n) {
+    return n;
+}
+u32 alike(u32) {
+    return 0;
+}
+
+/// One more request comes and goes, for a peer that others wait for already.
+void one_more(benchmark::State& state, u32 (*peer_of)(u32)) {
+    ModuleList list;
+    const auto waiting = static_cast<u32>(state.range(0));
+    for (const u32 n : shuffled(waiting))
+        list.add(peer_of(n));
+    const std::vector<u32> order = shuffled(waiting, 2);
+    std::size_t at = 0;
+    for (auto _ : state) {
+        tarv_list_entry_t* const request = make_request(peer_of(order[at]));
+        benchmark::DoNotOptimize(tarv_num_identical_reqs(request));
+        tarv_add_arp_request(request);
+        list.give_up(request);
+        at = at + 1 < order.size() ? at + 1 : 0;
+    }
+}
+
+/// A run of the timer that issues all requests anew.
+void all_due(benchmark::State& state, u32 (*peer_of)(u32)) {
+    WholeCall calls;
+    write_once(get_data_retry, 1 << 30);
+    for (const u32 n : shuffled(static_cast<u32>(state.range(0))))
+        calls.file(peer_of(n));
+    replies = 0;
+    for (auto _ : state) {
+        host::Kernel::current().advance(1000);
+        calls.run_timer();
+    }
+    require(replies == 0, "a request was given up");
+}
 
 void register_rows() {
     for (const u32 waiting : {16u, 256u, 4096u, full_subnet}) {
@@ -273,6 +320,10 @@ void register_rows() {
         row("idle_timer_arp", "tarv", waiting, idle_timer<ModuleList>);
         row("idle_timer_sa", "tarv", waiting, idle_timer<ModuleSaList>);
         row("idle_timer", "plain", waiting, idle_timer<PlainLists>);
+        row("one_more", "apart", waiting, [](auto& state) { one_more(state, apart); });
+        row("one_more", "alike", waiting, [](auto& state) { one_more(state, alike); });
+        row("all_due", "apart", waiting, [](auto& state) { all_due(state, apart); });
+        row("all_due", "alike", waiting, [](auto& state) { all_due(state, alike); });
     }
 }
 

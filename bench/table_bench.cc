@@ -45,7 +45,7 @@ class Module {
     /// The timer falls due.
     void age(unsigned long idle_seconds) {
         arp_cache_timeout_sec = idle_seconds;
-        host::Kernel::current().advance(ageing_period);
+        pass_ticks(ageing_period);
     }
     char* print(u32* length) {
         char* text = nullptr;
@@ -58,7 +58,7 @@ class Plain {
   public:
     void learn(u32 n) { table_.add(make_entry(n)); }
     void age(unsigned long idle_seconds) {
-        host::Kernel::current().advance(ageing_period);
+        pass_ticks(ageing_period);
         table_.age(idle_seconds * HZ);
     }
     char* print(u32* length) { return table_.print(length); }

@@ -113,6 +113,7 @@ gx_return_t Adapter::close(gx_hca_h_t handle) {
 }
 
 gx_return_t Adapter::query_hca(gx_hca_h_t handle, gx_hca_attrib_t* attributes) {
+    host::must_sleep("gx_hca_query");
     if (gx_return_t status = enter("gx_hca_query", handle))
         return status;
     *attributes = {guid_, static_cast<u32>(ports_)};
@@ -120,6 +121,7 @@ gx_return_t Adapter::query_hca(gx_hca_h_t handle, gx_hca_attrib_t* attributes) {
 }
 
 gx_return_t Adapter::query_port(gx_hca_h_t handle, u8 number, gx_port_attrib_t* attributes) {
+    host::must_sleep("gx_port_query");
     if (gx_return_t status = enter("gx_port_query", handle))
         return status;
     if (!has_port(number))
@@ -139,6 +141,7 @@ gx_return_t Adapter::query_port(gx_hca_h_t handle, u8 number, gx_port_attrib_t* 
 }
 
 gx_return_t Adapter::gid_table(gx_hca_h_t handle, u8 number, u32* size, gx_gid_t* table) {
+    host::must_sleep("gx_get_port_gid_tbl");
     if (gx_return_t status = enter("gx_get_port_gid_tbl", handle))
         return status;
     if (!has_port(number))
@@ -150,6 +153,7 @@ gx_return_t Adapter::gid_table(gx_hca_h_t handle, u8 number, u32* size, gx_gid_t
 }
 
 gx_return_t Adapter::pkey_table(gx_hca_h_t handle, u8 number, u32* size, gx_p_key_t* table) {
+    host::must_sleep("gx_get_port_partition_tbl");
     if (gx_return_t status = enter("gx_get_port_partition_tbl", handle))
         return status;
     if (!has_port(number))

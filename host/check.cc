@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "host/internal.h"
+#include "platform/bug.h"
 
 namespace host {
 
@@ -108,3 +109,7 @@ std::string describe_address(const void* address) {
 }
 
 }  // namespace host
+
+void bug(const char* expression, const char* file, u32 line) {
+    host::die("bug at %s line %u: %s does not hold", file, line, expression);
+}

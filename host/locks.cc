@@ -113,6 +113,11 @@ L* note_released(unsigned char* room, unsigned long flags, std::uint64_t kind, L
     return object_in<L>(room);
 }
 
+bool holds(const unsigned char* room, LockMode mode, const char* call) {
+    host::enter(call);
+    return this_thread.held == room && this_thread.mode == mode;
+}
+
 }  // namespace
 
 void spin_lock_init(spinlock_t* lock, const char* name) {
@@ -154,4 +159,16 @@ void read_unlock_irqrestore(rwlock_t* lock, unsigned long flags) {
 void write_unlock_irqrestore(rwlock_t* lock, unsigned long flags) {
     note_released<RwLock>(lock->room, flags, rw_kind, LockMode::write, "write_unlock_irqrestore")
         ->mutex.unlock();
+}
+
+bool spin_is_held(const spinlock_t* lock) {
+    return holds(lock->room, LockMode::spin, "spin_is_held");
+}
+
+bool read_is_held(const rwlock_t* lock) {
+    return holds(lock->room, LockMode::read, "read_is_held") || write_is_held(lock);
+}
+
+bool write_is_held(const rwlock_t* lock) {
+    return holds(lock->room, LockMode::write, "write_is_held");
 }

@@ -25,6 +25,7 @@ constexpr int freed_fill = 0x6B;
 
 struct Block {
     std::size_t size;
+    gfp_t flags;
     const void* caller;
     unsigned long number;  // of the allocation, so that reports have the order of making
 };
@@ -89,19 +90,21 @@ void count_allocation(std::size_t size) {
     }
 }
 
-void* allocate(std::size_t size, const void* caller) {
+void* allocate(std::size_t size, gfp_t flags, const void* caller) {
     void* memory = std::malloc(size);
     if (!memory)
         return nullptr;
     std::memset(memory, fresh_fill, size);
     const auto number = allocations.fetch_add(1, std::memory_order_relaxed);
     count_allocation(size);
-    shard_of(memory).add(memory, {size, caller, number});
+    shard_of(memory).add(memory, {size, flags, caller, number});
     return memory;
 }
 
 void release(void* memory) {
     const Block block = shard_of(memory).take(memory);
+    if (block.flags != GFP_ATOMIC && block.size > PAGE_SIZE)
+        must_sleep("kfree of more than a page");
     if (const timer_list* timer = active_timer_within(memory, block.size))
         die("kfree: the memory at %p holds the timer at %p, which is armed or running", memory,
             static_cast<const void*>(timer));
@@ -152,7 +155,10 @@ void* kmalloc(size_t size, gfp_t flags) {
     host::enter("kmalloc");
     if (flags != GFP_ATOMIC)
         host::must_sleep("kmalloc(GFP_KERNEL)");
-    return host::fails_now(fault) ? nullptr : host::allocate(size, __builtin_return_address(0));
+    else if (size > PAGE_SIZE)
+        host::die("kmalloc(GFP_ATOMIC): %zu bytes are more than a page", size);
+    return host::fails_now(fault) ? nullptr
+                                  : host::allocate(size, flags, __builtin_return_address(0));
 }
 
 void kfree(const void* memory) {

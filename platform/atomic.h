@@ -19,8 +19,9 @@ inline void atomic_set(atomic_t* v, int value) {
 inline void atomic_inc(atomic_t* v) {
     __atomic_add_fetch(&v->counter, 1, __ATOMIC_SEQ_CST);
 }
-inline void atomic_dec(atomic_t* v) {
-    __atomic_sub_fetch(&v->counter, 1, __ATOMIC_SEQ_CST);
+/* Returns what is left. */
+inline int atomic_dec(atomic_t* v) {
+    return __atomic_sub_fetch(&v->counter, 1, __ATOMIC_SEQ_CST);
 }
 
 /* Reads or writes a word-sized variable that another CPU may be writing or reading: exactly one

@@ -1,8 +1,22 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // Entries of the /proc file system with read_proc and write_proc handlers.
+//
+// A read_proc handler is not told who reads. The module makes its text at offset 0, hands it out
+// read by read, and lets nobody else begin until the reader has come to its end. That rests on two
+// promises of the host, which alone knows the open files:
+//   a pass is finished  When a file is closed whose reader has got something and not yet the end,
+//                       the host goes on calling the handler from where he was, discarding what it
+//                       gives, until it gives no more. One interrupted reader does not keep all
+//                       others out.
+//   an end is an end    When the handler told an open file's end (`*eof`), the host answers further
+//                       reads at that position itself. A reader who was told to try later does not
+//                       get into the middle of another one's pass.
+// Reads of one open file come one after the other. Those of several files may come at once, and so
+// may writes: the handlers have semaphores of their own.
 #pragma once
 
+#include "platform/memory.h"
 #include "platform/module.h"
 #include "platform/types.h"
 
@@ -26,8 +40,9 @@ struct file;
  * Context: process. */
 using read_proc_t = int(char* page, char** start, off_t off, int count, int* eof, void* data);
 
-/* Takes `count` bytes that a process wrote; `buffer` is in the process's memory. Result: the number
- * of bytes consumed or a negative error number. Context: process. */
+/* Takes `count` bytes that a process wrote, of any number; `buffer` is in the process's memory and
+ * read with copy_from_user. `file` is not looked at. Result: the number of bytes consumed or a
+ * negative error number. Context: process. */
 using write_proc_t = int(struct file* file, const char* buffer, unsigned long count, void* data);
 
 struct proc_dir_entry {
@@ -38,11 +53,10 @@ struct proc_dir_entry {
     struct module* owner;
 };
 
-inline constexpr size_t PAGE_SIZE = 4096;
-
 /* Creates a file. `name` is a path below `parent` (null: the root of /proc) whose directories
  * exist; `mode` holds its permissions, 0 means readable by all (0444). Null when it cannot be made.
- * The caller fills in the handlers afterwards. Context: process. */
+ * The caller fills in the handlers afterwards; who opens the file before gets an error or nothing.
+ * Context: process. */
 proc_dir_entry* create_proc_entry(const char* name, u16 mode, proc_dir_entry* parent)
     PLATFORM_LINK(create_proc_entry);
 

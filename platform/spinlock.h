@@ -39,6 +39,13 @@ void read_unlock_irqrestore(rwlock_t* lock, unsigned long flags)
 void write_unlock_irqrestore(rwlock_t* lock, unsigned long flags)
     PLATFORM_LINK(write_unlock_irqrestore);
 
+/* Whether the calling CPU holds the lock: as a spin lock, at least for reading, for writing. For
+ * assertions only, since a host that keeps no account of its locks says yes. A lock that somebody
+ * else holds is not held. */
+bool spin_is_held(const spinlock_t* lock) PLATFORM_LINK(spin_is_held);
+bool read_is_held(const rwlock_t* lock) PLATFORM_LINK(read_is_held);
+bool write_is_held(const rwlock_t* lock) PLATFORM_LINK(write_is_held);
+
 /* The lock is held from here to the end of the scope. */
 class [[nodiscard]] TA_SCOPED spin_guard {
   public:

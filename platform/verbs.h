@@ -5,8 +5,16 @@
 //
 // Byte order: integers are in host order. A GID is held with its least significant byte first: byte
 // 0 of a gx_gid_t is byte 15 of the GID on the wire. Ports are numbered from 1. Results: 0 is
-// success, any other value a failure code. Contexts: all calls but the registration of callbacks
-// may be made in any context; none may be made with a spin lock held.
+// success, any other value a failure code.
+//
+// Contexts. None of the calls is made with a spin lock held. Two kinds of them differ in what they
+// ask of a host:
+//   at once     gx_default_hca_name, gx_hca_open, gx_hca_close and the address services are also
+//               called from timers and where packets are received, and answer without sleeping. An
+//               adapter whose queries sleep is no reason not to: the host keeps a picture of its
+//               ports, takes it anew before it delivers an event, and answers from that.
+//   may sleep   the queries of an adapter's attributes and tables, and the registration of
+//               callbacks, are made in process and event context only.
 #pragma once
 
 #include "platform/types.h"
@@ -64,9 +72,9 @@ struct gx_port_attrib_t {
     gx_sm_address_info_t port_sma_address_info;
 };
 
-/* An adapter's operations. Each takes the adapter's own context first. The two table queries take a
- * size that comes in as the caller's room and goes out as the number of entries written, both
- * counted in entries from entry 0. */
+/* An adapter's operations, which may sleep. Each takes the adapter's own context first. The two
+ * table queries take a size that comes in as the caller's room and goes out as the number of
+ * entries written, both counted in entries from entry 0. */
 struct gx_hca_ops_t {
     gx_return_t (*modify_hca)(void* context);  // not used here
     gx_return_t (*query_hca)(void* context, gx_hca_attrib_t* attributes);
@@ -82,13 +90,17 @@ struct gx_hca_t {
 };
 using gx_hca_h_t = gx_hca_t*;
 
-/* The name of the host's default adapter, a string that stays. */
+/* The name of the host's default adapter, a string that stays. Context: any, as for the next two.
+ */
 const char* gx_default_hca_name() PLATFORM_LINK(gx_default_hca_name);
 
-/* Opens the adapter of that name; `flags` is 0. On success `*hca` is to be closed once. */
+/* Opens the adapter of that name; `flags` is 0. On success `*hca` is to be closed once. A path
+ * query opens and closes it each time, so neither does more than count. A host whose adapter has
+ * not come yet, or has gone, opens one without ports: the module is loaded only once. */
 gx_return_t gx_hca_open(const char* name, u32 flags, gx_hca_h_t* hca) PLATFORM_LINK(gx_hca_open);
 gx_return_t gx_hca_close(gx_hca_h_t hca) PLATFORM_LINK(gx_hca_close);
 
+/* Context of these four: process, event. */
 inline gx_return_t gx_hca_query(gx_hca_h_t hca, gx_hca_attrib_t* attributes) {
     return hca->operations->query_hca(hca->context, attributes);
 }
@@ -125,7 +137,8 @@ struct gx_request_event_record_t {
     void* handle;  // of the object whose events are wanted; not used with gx_async_even_all
 };
 
-/* Called in event context, which may sleep, one event at a time. */
+/* Called in event context, which may sleep, one event at a time, no lock held. What the address
+ * services and the queries answer is by then what the event tells of. */
 using gx_sleepable_async_event_cb_t = void(gx_event_record_t event);
 
 /* Has `callback` called for the adapter's events from now on. Ports that are active already are
@@ -141,7 +154,8 @@ gx_return_t gx_dell_sleepable_async_event_cb(gx_hca_h_t hca,
     PLATFORM_LINK(gx_dell_sleepable_async_event_cb);
 
 /* Address services: a port's base GID (entry 0 of its GID table) and base LID, the port that has a
- * base GID, and an entry of a port's P_Key table. 0 on success, and nothing is stored otherwise. */
+ * base GID, and an entry of a port's P_Key table. 0 on success, and nothing is stored otherwise.
+ * Context: any; they do not sleep. */
 int port_num2base_gid(gx_hca_h_t hca, u8 port, gx_gid_t* gid) PLATFORM_LINK(port_num2base_gid);
 int port_num2base_lid(gx_hca_h_t hca, u8 port, gx_lid_t* lid) PLATFORM_LINK(port_num2base_lid);
 int base_gid2port_num(gx_hca_h_t hca, const gx_gid_t* gid, int* port)

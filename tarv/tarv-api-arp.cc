@@ -2,6 +2,7 @@
 //
 // The attached IPoIB driver, and the intake of the ARP packets that it receives.
 #include "platform/atomic.h"
+#include "platform/bug.h"
 #include "platform/memory.h"
 #include "tarv/logger.h"
 #include "tarv/tarv-api.h"
@@ -23,6 +24,7 @@ u8 port_number(u32 local_port_num) {
 
 void set_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn, void* context)
     TA_REQ(driver_lock) {
+    KASSERT(spin_is_held(&driver_lock));
     write_once(send_arp_data_fn_context, context);
     write_once(local_send_arp_data_fn, send_arp_data_fn);
     write_once(local_get_if_info_fn, get_if_info_fn);
@@ -64,29 +66,23 @@ void add_static_path(tarv_arp_data_t* record) {
     record->mask |= TARV_MASK_PRIMARY_PATH;
 }
 
-/* The cache has an entry for the peer that may not be replaced; `record` becomes its record. */
-bool is_protected_static(tarv_arp_data_t* record) {
-    if (read_once(statics_inv_enabled))
-        return false;
-    tarv_arp_data_t cached;
-    if (tarv_hash_get_entry_data(record->dst_ip, &cached) != tarv_stat_ok ||
-        !(cached.mask & TARV_MASK_STATIC))
-        return false;
-    *record = cached;
-    tarv_aim_paths(record);
-    return true;
-}
-
-tarv_stat_t add_entry(tarv_arp_data_t* record) {
+/* The cache learns `record`; false: there is no memory for a new entry. Where the peer's entry may
+ * not be replaced, `record` becomes its record. */
+bool learn(tarv_arp_data_t* record, tarv_hash_entered_t* outcome) {
+    *outcome = tarv_hash_enter(record, tarv_hash_replace, nullptr);
+    if (*outcome != tarv_hash_wants_entry)
+        return true;
     kptr<tarv_hash_entry_t> entry(GFP_ATOMIC);
     if (!entry) {
         TARV_LOG_FROM(intake, TARV_ERROR, "Not enough memory to allocate new arp entry.\n");
-        return tarv_stat_not_found;
+        return false;
     }
+    // Meanwhile somebody else may have entered the peer: then there is nothing to be added.
     record->mask |= TARV_MASK_SRC_IP;
-    entry->arp_data = *record;
-    tarv_aim_paths(&entry->arp_data);
-    return tarv_hash_add_entry(entry.release());
+    *outcome = tarv_hash_enter(record, tarv_hash_replace, entry.get());
+    if (*outcome == tarv_hash_added)
+        entry.release();
+    return true;
 }
 
 /* Moves a request, which is the caller's, on to the SA: it waits there for paths to `dgid`. */
@@ -125,7 +121,7 @@ tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
     while (tarv_list_entry_t* request = found.pop()) {
         if (is_answered_by(request, *record)) {
             tarv_reply(request, tarv_stat_ok, record);
-            kfree(request);
+            tarv_free_request(request);
         } else {
             result = request_paths(request, record->gid, record->local_port_num);
         }
@@ -199,14 +195,11 @@ tarv_stat_t tarv_process_arp_data(tarv_arp_data_t* arp_data) {
     if (!read_once(sa_queries_enabled))
         add_static_path(record.get());
 
-    const tarv_stat_t updated = tarv_hash_update_ib_data(record->dst_ip, record.get());
-    if (updated != tarv_stat_not_found)
-        return updated;
-    // The administrator's entry stays the only one for its address, and the answer.
-    if (is_protected_static(record.get()))
-        return complete_requests(record.get(), tarv_stat_ok);
-    const tarv_stat_t added = add_entry(record.get());
-    if (added != tarv_stat_ok)
-        return added;
-    return complete_requests(record.get(), added);
+    tarv_hash_entered_t outcome;
+    if (!learn(record.get(), &outcome))
+        return tarv_stat_not_found;
+    if (outcome == tarv_hash_replaced)
+        return tarv_stat_ok;
+    // Where the entry is the administrator's and protected, it is the answer as well.
+    return complete_requests(record.get(), tarv_stat_ok);
 }

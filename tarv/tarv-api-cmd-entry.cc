@@ -66,7 +66,6 @@ void fill_record(const new_entry_t& wanted, tarv_arp_data_t* record) {
     }
     record->local_port_num = wanted.local_port_num;
     record->mask |= TARV_MASK_LOCAL_PORT | TARV_MASK_STATIC;
-    tarv_aim_paths(record);
 }
 
 void add_static_entry(const new_entry_t& wanted, const char* function) {
@@ -75,12 +74,14 @@ void add_static_entry(const new_entry_t& wanted, const char* function) {
         TARV_LOG_FROM(function, TARV_ERROR, "Not enough memory to allocate new ib-arp entry.\n");
         return;
     }
-    if (tarv_hash_get_entry(wanted.dst_ip, nullptr) != tarv_stat_not_found) {
+    tarv_arp_data_t record = {};
+    fill_record(wanted, &record);
+    const tarv_hash_entered_t outcome = tarv_hash_enter(&record, tarv_hash_keep, entry.get());
+    if (outcome == tarv_hash_refused) {
         TARV_LOG_FROM(function, TARV_WARNING, "The IP allready exists.\n");
         return;
     }
-    fill_record(wanted, &entry->arp_data);
-    if (tarv_hash_add_entry(entry.get()) != tarv_stat_ok) {
+    if (outcome != tarv_hash_added) {
         TARV_LOG_FROM(function, TARV_ERROR, "Error adding entry to the table.\n");
         return;
     }

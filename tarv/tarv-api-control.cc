@@ -4,6 +4,7 @@
 // out the cache as text.
 #include "tarv/tarv-api-control.h"
 
+#include "platform/bug.h"
 #include "platform/memory.h"
 #include "platform/printk.h"
 #include "platform/semaphore.h"
@@ -38,14 +39,18 @@ constexpr char busy_text[] = "Another call is pending please try later ...\n";
 
 /* Cuts the `count` bytes in `buffer` into words; returns how many there are. */
 u32 tokenise(unsigned long count, char** args) TA_REQ(tarv_proc_write_cmd) {
-    for (u32 i = 0; i < TARV_PROC_MAX_WORDS; i++) {
-        buffs[i][0] = '\0';
-        args[i] = buffs[i];
+    char** slot = args;
+    for (auto& word : buffs) {
+        word[0] = '\0';
+        *slot++ = word;
     }
     u32 argn = 0;
     u32 j = 0;
     unsigned long at = 0;
     while (at < count && buffer[at] != '\0' && argn < TARV_PROC_MAX_WORDS) {
+        // A byte too far would land in another word or in what lies behind the last, where nobody
+        // would notice.
+        KASSERT(at < sizeof buffer && argn < TARV_PROC_MAX_WORDS && j <= TARV_PROC_MAX_WORD_LENGTH);
         if (kisspace(static_cast<u8>(buffer[at]))) {
             if (j > 0) {
                 args[argn++][j] = '\0';

@@ -37,6 +37,6 @@ void tarv_process_path_rec_data(ib_path_record_v2_t* new_path, int path_count, u
     while (tarv_list_entry_t* request = found.pop()) {
         if (!request->not_valid)
             tarv_retry_ib_data_request(request, nullptr);
-        kfree(request);
+        tarv_free_request(request);
     }
 }

@@ -18,17 +18,35 @@ constexpr char tarv_unit[] = "tarv_arp_hash";
 constexpr u32 address_index_bits = 17;
 constexpr u32 gid_index_bits = 16;
 
-constinit index_of<tarv_hash_entry_t, offsetof(tarv_hash_entry_t, by_address), address_index_bits>
+constinit index_of<tarv_hash_entry_t, &tarv_hash_entry_t::next_by_address, address_index_bits>
     by_address TA_GUARDED(tarv_lock) = {};
-constinit index_of<tarv_hash_entry_t, offsetof(tarv_hash_entry_t, by_gid), gid_index_bits> by_gid
-    TA_GUARDED(tarv_lock) = {};
+
+/* By GID; of one GID, in the order in which a walk over the table meets the entries. */
+struct gid_order {
+    using key_t = gx_gid_t;
+    static const gx_gid_t& key(const tarv_hash_entry_t* entry) { return entry->arp_data.gid; }
+    static u32 hash(const gx_gid_t& gid) { return tarv_gid_hash(gid); }
+    static u64 rank(const tarv_hash_entry_t* entry) { return tarv_index_rank(entry->number); }
+    static int compare(const tarv_hash_entry_t* entry, const gx_gid_t& gid) {
+        return __builtin_memcmp(entry->arp_data.gid.raw, gid.raw, sizeof gid.raw);
+    }
+    static bool before(const tarv_hash_entry_t* one, const tarv_hash_entry_t* other) {
+        if (const int compared = compare(one, other->arp_data.gid))
+            return compared < 0;
+        const u32 bucket = tarv_hash_func(one->arp_data.dst_ip);
+        const u32 other_bucket = tarv_hash_func(other->arp_data.dst_ip);
+        return bucket != other_bucket ? bucket < other_bucket : one->number > other->number;
+    }
+};
+constinit ordered_of<tarv_hash_entry_t, &tarv_hash_entry_t::by_gid, gid_order, gid_index_bits>
+    by_gid TA_GUARDED(tarv_lock) = {};
 
 /* The number of the entry that was added last. */
 constinit u64 last_number TA_GUARDED(tarv_lock) = 0;
 
 /* The newest entry of the address, or null. */
 tarv_hash_entry_t* find(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
-    for (tarv_hash_entry_t* entry : by_address.with(tarv_address_hash(req_ip)))
+    for (tarv_hash_entry_t* entry : by_address.under(tarv_address_hash(req_ip)))
         if (entry->arp_data.dst_ip == req_ip)
             return entry;
     return nullptr;
@@ -37,30 +55,14 @@ tarv_hash_entry_t* find(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
 /* The newest entry of the address that may be removed or replaced, or null. */
 tarv_hash_entry_t* find_unprotected(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
     const bool statics_too = read_once(statics_inv_enabled);
-    for (tarv_hash_entry_t* entry : by_address.with(tarv_address_hash(req_ip)))
+    for (tarv_hash_entry_t* entry : by_address.under(tarv_address_hash(req_ip)))
         if (entry->arp_data.dst_ip == req_ip &&
             (statics_too || !(entry->arp_data.mask & TARV_MASK_STATIC)))
             return entry;
     return nullptr;
 }
 
-/* Of two entries, the one that a walk over the table meets first. */
-bool stands_before(const tarv_hash_entry_t* one, const tarv_hash_entry_t* other) {
-    const u32 bucket = tarv_hash_func(one->arp_data.dst_ip);
-    const u32 other_bucket = tarv_hash_func(other->arp_data.dst_ip);
-    return bucket != other_bucket ? bucket < other_bucket : one->number > other->number;
-}
-
-/* The first entry, in table order, with that GID, or null. */
-tarv_hash_entry_t* find_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
-    tarv_hash_entry_t* first = nullptr;
-    for (tarv_hash_entry_t* entry : by_gid.with(tarv_gid_hash(gid)))
-        if (entry->arp_data.gid == gid && (!first || stands_before(entry, first)))
-            first = entry;
-    return first;
-}
-
-/* The same by a walk, which can be followed in the log. */
+/* Finds by GID as the index does, by a walk that can be followed in the log. */
 tarv_hash_entry_t* trace_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
     constexpr char lookup[] = "tarv_hash_seq_cache_lookup";
     for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++) {
@@ -78,8 +80,10 @@ tarv_hash_entry_t* trace_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
 
 /* The entry becomes the first of its chain. */
 void link_in(tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
+    KASSERT(write_is_held(&tarv_lock) && !entry->link);
     const u32 address = entry->arp_data.dst_ip;
-    const tarv_hash_link_t head = &tarv_table.hash_buckets[tarv_hash_func(address)];
+    const u32 bucket = tarv_hash_func(address);
+    const tarv_hash_link_t head = &tarv_table.hash_buckets[bucket];
     entry->next = *head;
     entry->link = head;
     if (entry->next)
@@ -87,7 +91,8 @@ void link_in(tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
     *head = entry;
     entry->number = ++last_number;
     by_address.enter(entry, tarv_address_hash(address));
-    by_gid.enter(entry, tarv_gid_hash(entry->arp_data.gid));
+    by_gid.enter(entry);
+    tarv_hash_lengths[bucket]++;
     write_once(tarv_table.size, tarv_table.size + 1);
 }
 
@@ -113,12 +118,17 @@ void copy_entry(const tarv_hash_entry_t* entry, tarv_hash_entry_t* out) TA_REQ_S
     out->timestamp = read_once(entry->timestamp);
 }
 
-void free_all() TA_REQ(tarv_lock) {
-    for (tarv_hash_entry_t*& head : tarv_table.hash_buckets)
-        while (tarv_hash_entry_t* const entry = head) {
-            tarv_hash_unlink(entry);
-            kfree(entry);
-        }
+/* The record becomes the entry's. */
+void replace(tarv_hash_entry_t* entry, const tarv_arp_data_t& record) TA_REQ(tarv_lock) {
+    const bool moves = !(entry->arp_data.gid == record.gid);
+    if (moves)
+        by_gid.remove(entry);
+    entry->arp_data = record;
+    // Whatever the mask says now: no pointer into the caller's record may stay behind.
+    tarv_aim_paths(&entry->arp_data);
+    if (moves)
+        by_gid.enter(entry);
+    touch(entry);
 }
 
 /* The record holds a valid path that starts at the local port with that GID. */
@@ -127,19 +137,47 @@ bool has_path_from(const tarv_arp_data_t& record, const gx_gid_t& sgid) {
            ((record.mask & TARV_MASK_SECONDARY_PATH) && record.paths[1].sgid == sgid);
 }
 
+/* Frees the entries that `goes` is true of; `function` says that there are none at all. */
+template <class Goes>
+void purge(const char* function, size_t looked_at, Goes goes) TA_EXCL(tarv_lock) {
+    tarv_hash_taken_t taken;
+    {
+        const write_guard guard(tarv_lock);
+        if (tarv_table.size == 0)
+            TARV_LOG_FROM(function, TARV_DEBUG, "The ARP table is empty.\n");
+        taken.take(looked_at, goes);
+    }
+    taken.free_all();
+}
+
+bool always(const tarv_hash_entry_t*) {
+    return true;
+}
+
 }  // namespace
 
 constinit rwlock_t tarv_lock = {};
 constinit tarv_hash_t tarv_table = {};
+constinit u32 tarv_hash_lengths[TARV_HASH_BUCKETS] = {};
 
 void tarv_hash_unlink(tarv_hash_entry_t* entry) {
+    KASSERT(write_is_held(&tarv_lock) && tarv_table.size > 0);
+    KASSERT(entry->link && *entry->link == entry);
     *entry->link = entry->next;
     if (entry->next)
         entry->next->link = entry->link;
     entry->link = nullptr;
-    by_address.remove(entry);
+    const u32 address = entry->arp_data.dst_ip;
+    by_address.remove(entry, tarv_address_hash(address));
     by_gid.remove(entry);
+    tarv_hash_lengths[tarv_hash_func(address)]--;
     write_once(tarv_table.size, tarv_table.size - 1);
+}
+
+void tarv_hash_prefetch_links(const tarv_hash_entry_t* entry) {
+    by_address.prefetch(tarv_address_hash(entry->arp_data.dst_ip));
+    by_gid.prefetch(entry->arp_data.gid);
+    __builtin_prefetch(&entry->link);
 }
 
 u32 tarv_hash_func(u32 req_ip) {
@@ -154,6 +192,8 @@ tarv_stat_t tarv_hash_init() {
     {
         const write_guard guard(tarv_lock);
         tarv_table = {};
+        for (u32& length : tarv_hash_lengths)
+            length = 0;
         tarv_index_draw();
         by_address.clear();
         by_gid.clear();
@@ -164,11 +204,7 @@ tarv_stat_t tarv_hash_init() {
 
 void tarv_hash_destroy() {
     del_timing_sync(&tarv_garbage_collector_timer);
-    const write_guard guard(tarv_lock);
-    if (tarv_table.size == 0)
-        TARV_LOG(TARV_DEBUG, "The ARP table is empty.\n");
-    else
-        free_all();
+    purge(__func__, 0, always);
 }
 
 tarv_stat_t tarv_hash_add_entry(tarv_hash_entry_t* entry) {
@@ -219,47 +255,55 @@ tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) {
     if (!entry)
         return tarv_stat_not_found;
     TARV_LOG(TARV_DEBUG, "IP: %08X found.\n", req_ip);
-    if (!(entry->arp_data.gid == record->gid)) {
-        by_gid.remove(entry);
-        by_gid.enter(entry, tarv_gid_hash(record->gid));
-    }
-    entry->arp_data = *record;
-    // Whatever the mask says now: no pointer into the caller's record may stay behind.
-    tarv_aim_paths(&entry->arp_data);
-    touch(entry);
+    replace(entry, *record);
     return tarv_stat_ok;
 }
 
-tarv_stat_t tarv_hash_remove_all() {
+tarv_hash_entered_t tarv_hash_enter(tarv_arp_data_t* record, tarv_hash_rule_t rule,
+                                    tarv_hash_entry_t* entry) {
+    // To whoever reads the log these are separate steps, each with a name of its own.
+    const u32 address = record->dst_ip;
     const write_guard guard(tarv_lock);
-    if (tarv_table.size == 0)
-        TARV_LOG(TARV_DEBUG, "The ARP table is empty.\n");
-    else
-        free_all();
+    if (rule == tarv_hash_replace) {
+        if (tarv_hash_entry_t* const known = find_unprotected(address)) {
+            TARV_LOG_FROM("tarv_hash_update_ib_data", TARV_DEBUG, "IP: %08X found.\n", address);
+            replace(known, *record);
+            return tarv_hash_replaced;
+        }
+    }
+    if (tarv_hash_entry_t* const known = find(address)) {
+        TARV_LOG_FROM(
+            rule == tarv_hash_replace ? "tarv_hash_get_entry_data" : "tarv_hash_get_entry",
+            TARV_DEBUG, "IP: %08X found.\n", address);
+        if (rule == tarv_hash_replace)
+            copy_record(known, record);
+        touch(known);
+        return tarv_hash_refused;
+    }
+    if (!entry)
+        return tarv_hash_wants_entry;
+    entry->arp_data = *record;
+    tarv_aim_paths(&entry->arp_data);
+    entry->timestamp = jiffies();
+    link_in(entry);
+    return tarv_hash_added;
+}
+
+tarv_stat_t tarv_hash_remove_all() {
+    purge(__func__, 0, always);
     return tarv_stat_ok;
 }
 
 tarv_stat_t tarv_hash_remove_entries_by_sgid(gx_gid_t* sgid) {
-    const write_guard guard(tarv_lock);
-    if (tarv_table.size == 0)
-        TARV_LOG(TARV_DEBUG, "The ARP table is empty.\n");
-    for (tarv_hash_entry_t*& head : tarv_table.hash_buckets) {
-        tarv_hash_link_t link = &head;
-        while (tarv_hash_entry_t* const entry = *link) {
-            if (!has_path_from(entry->arp_data, *sgid)) {
-                link = &entry->next;
-                continue;
-            }
-            tarv_hash_unlink(entry);
-            kfree(entry);
-        }
-    }
+    purge(__func__, offsetof(tarv_hash_entry_t, arp_data.paths[0].sgid),
+          [&](const tarv_hash_entry_t* entry) { return has_path_from(entry->arp_data, *sgid); });
     return tarv_stat_ok;
 }
 
 tarv_stat_t tarv_hash_seq_cache_lookup(gx_gid_t* gid, tarv_arp_data_t* out) {
     const read_guard guard(tarv_lock);
-    tarv_hash_entry_t* const entry = tarv_log_enabled(TARV_FUNC) ? trace_gid(*gid) : find_gid(*gid);
+    tarv_hash_entry_t* const entry =
+        tarv_log_enabled(TARV_FUNC) ? trace_gid(*gid) : by_gid.first(*gid);
     if (!entry)
         return tarv_stat_not_found;
     TARV_LOG(TARV_FUNC, "Entry found !!! \n");

@@ -6,20 +6,23 @@
 // tarv_hash_add_entry on. The table frees what it purges and what it ages out;
 // tarv_hash_remove_entry hands an entry back. The table never allocates.
 //
-// Duplicates: the table does not refuse a second entry for an address. A new entry goes to the head
-// of its chain and lookups take the first match, so the newest entry hides older ones until it is
-// removed.
+// Duplicates: tarv_hash_add_entry does not refuse a second entry for an address. A new entry goes
+// to the head of its chain and lookups take the first match, so the newest entry hides older ones
+// until it is removed. Whoever learns or is told of a peer comes through tarv_hash_enter instead,
+// which looks and adds in one step, so that two at once do not make two entries.
 //
 // Static entries (TARV_MASK_STATIC) are never aged out. While `statics_inv_enabled` is 0 they are
 // also passed over by removal by address and by replacement of the record. The purges take them
 // like others.
 //
 // Cost: an entry is found by its address and by its GID, added, replaced and removed at the same
-// cost whatever the size of the table. What looks at all entries walks the chains side by side.
+// cost whatever the size of the table and whatever addresses and GIDs are in it. What looks at all
+// entries walks the chains side by side.
 //
-// Locks: every operation takes `tarv_lock` itself, and holds it only for its walk and its copy.
-// Nothing is called out under it, and no other lock of the module is held with it. Contexts: any,
-// except where an operation says otherwise.
+// Locks: every operation takes `tarv_lock` itself, and holds it only for its walk and its copy:
+// entries are freed, and lines formatted and printed, after it. Nothing is called out under it, and
+// no other lock of the module is held with it. Contexts: any, except where an operation says
+// otherwise.
 #pragma once
 
 #include "platform/annotations.h"
@@ -39,10 +42,11 @@ struct tarv_hash_entry_st {
     unsigned long
         timestamp;  // jiffies of the last use; stored also by readers, hence with write_once
 
-    /* The table's own: where it finds the entry without a walk. */
-    tarv_hash_entry_st** link;  // what points at the entry in its chain; null while it is in none
-    index_links_t by_address;
-    index_links_t by_gid;
+    /* The table's own: where it finds the entry without a walk. A hit by address reads only the
+     * first of them, which shares a cache line with the time stamp. */
+    tarv_hash_entry_st* next_by_address;  // under the same head
+    tarv_hash_entry_st** link;            // what points at the entry in its chain
+    order_links_t<tarv_hash_entry_st> by_gid;
     u64 number;  // higher than that of all entries that were added before
 };
 using tarv_hash_entry_t = tarv_hash_entry_st;
@@ -52,10 +56,22 @@ struct tarv_hash_t {
     u32 size;  // entries in all chains
 };
 
+/* Whoever looks at the table in a memory image goes by these. */
+static_assert(offsetof(tarv_hash_entry_t, next) == 0);
+static_assert(offsetof(tarv_hash_entry_t, list_struct) == 8);
+static_assert(offsetof(tarv_hash_entry_t, arp_data) == 24);
+static_assert(offsetof(tarv_hash_entry_t, timestamp) == 296);
+static_assert(offsetof(tarv_hash_entry_t, next_by_address) == 304);
+static_assert(sizeof(tarv_hash_entry_t) == 344);
+static_assert(offsetof(tarv_hash_t, hash_buckets) == 0);
+static_assert(offsetof(tarv_hash_t, size) == 256);
+static_assert(sizeof(tarv_hash_t) == 264);
+
 extern rwlock_t tarv_lock;
 extern tarv_hash_t tarv_table TA_GUARDED(tarv_lock);
 
-/* Seconds of idleness after which an entry that is not static is removed; read at every run. */
+/* Seconds of idleness after which an entry that is not static is removed; read at every run. What
+ * does not fit the tick counter, the largest value above all, means never. */
 extern unsigned long arp_cache_timeout_sec;
 
 extern timer_list tarv_garbage_collector_timer;
@@ -88,6 +104,26 @@ tarv_stat_t tarv_hash_remove_entry(u32 req_ip, tarv_hash_entry_t** out) TA_EXCL(
  * paths included, and refreshes its age. The new record is for the same address.
  * tarv_stat_not_found when there is none. */
 tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) TA_EXCL(tarv_lock);
+
+/* What tarv_hash_enter does with an address that has an entry already. */
+enum tarv_hash_rule_t {
+    tarv_hash_keep,     // refuses
+    tarv_hash_replace,  // replaces the record of the newest replaceable entry, and else refuses
+};
+enum tarv_hash_entered_t {
+    tarv_hash_added,
+    tarv_hash_replaced,
+    tarv_hash_refused,
+    tarv_hash_wants_entry,  // the address has no entry, and none was given to be added
+};
+
+/* Makes `*record` what the table knows of the peer `record->dst_ip`, in one step. `entry`, made for
+ * it by the caller, is filled and added where the address has none; it is the table's after
+ * tarv_hash_added only. Null: nothing is added; a caller who may not know whether an entry will be
+ * needed asks first. What refuses is used: its age is refreshed, and it is copied to `*record`
+ * unless the rule is to keep. */
+tarv_hash_entered_t tarv_hash_enter(tarv_arp_data_t* record, tarv_hash_rule_t rule,
+                                    tarv_hash_entry_t* entry) TA_EXCL(tarv_lock);
 
 /* Frees every entry. Always tarv_stat_ok. */
 tarv_stat_t tarv_hash_remove_all() TA_EXCL(tarv_lock);
@@ -129,7 +165,7 @@ tarv_stat_t tarv_get_local_pkey(gx_gid_t* sgid, gx_p_key_t* pkey) TA_EXCL(tarv_l
 void tarv_garbage_collector_timer_handler(unsigned long context) TA_EXCL(tarv_lock);
 void tarv_garbage_collector_start();
 
-/* Prints the table to the console. */
+/* Prints the table to the console. Process context. */
 void tarv_hash_dump() TA_EXCL(tarv_lock);
 
 /* Renders the table in the layout of the kernel's own ARP table into a new buffer: `*buffer` is the

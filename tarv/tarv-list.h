@@ -5,6 +5,7 @@
 // links.
 #pragma once
 
+#include "platform/bug.h"
 #include "platform/list.h"
 
 /* `Offset` is offsetof(T, links). The view owns nothing and costs nothing; make one where needed.
@@ -17,10 +18,23 @@ class list_of {
     bool empty() const { return list_empty(&head_); }
 
     /* Links `entry` in as the first. */
-    void push(T* entry) { list_add(links_of(entry), &head_); }
+    void push(T* entry) {
+        KASSERT(!is_linked(entry));
+        list_add(links_of(entry), &head_);
+    }
 
     /* Links `entry` in as the last. */
-    void push_back(T* entry) { list_add_tail(links_of(entry), &head_); }
+    void push_back(T* entry) {
+        KASSERT(!is_linked(entry));
+        list_add_tail(links_of(entry), &head_);
+    }
+
+    /* The first entry, or the one behind `entry`; null when there is none. */
+    T* first() const { return empty() ? nullptr : entry_of(head_.next); }
+    T* next(T* entry) const {
+        list_head* const links = links_of(entry)->next;
+        return links == &head_ ? nullptr : entry_of(links);
+    }
 
     /* Unlinks the first entry and returns it; null when there is none. */
     T* pop() {
@@ -31,8 +45,18 @@ class list_of {
         return entry;
     }
 
-    /* Takes `entry` off whatever list it is on through these links. */
-    static void unlink(T* entry) { list_del_init(links_of(entry)); }
+    /* Takes `entry` off the list that it is on through these links. */
+    static void unlink(T* entry) {
+        list_head* const links = links_of(entry);
+        KASSERT(is_linked(entry) && links->next->prev == links && links->prev->next == links);
+        list_del_init(links);
+    }
+
+    /* Whether `entry` is on a list through these links. Links that are zero-filled are on none. */
+    static bool is_linked(T* entry) {
+        const list_head* const links = links_of(entry);
+        return links->next && links->next != links;
+    }
 
     /* From first to last. The walk survives the unlinking of the entry that it stands on. */
     class iterator {

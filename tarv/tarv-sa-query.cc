@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // Path queries to the SA, and their answers.
+#include "platform/bug.h"
 #include "tarv/logger.h"
 #include "tarv/tarv-sa-private.h"
 #include "tarv/tarv-sa.h"
@@ -164,11 +165,13 @@ tarv_stat_t tarv_sa_query_path(u32 port_num, gx_gid_t* dst_gid) {
         const tarv_sa_port_data_t& port = tarv_sa_g.ports[port_num - 1];
         int code = 0;
         if (port.is_valid) {
+            // Counted before, since on another CPU the send may be completed before the post
+            // returns.
+            atomic_inc(&tarv_gsi_pending_cnt);
             code = gsi_post_send_dtgrm(port.gsi_class_handle, dtgrm);
-            if (code == 0) {
-                atomic_inc(&tarv_gsi_pending_cnt);
+            if (code == 0)
                 return tarv_stat_ok;
-            }
+            atomic_dec(&tarv_gsi_pending_cnt);
         }
         TARV_LOG(TARV_DEBUG,
                  "Invalid port object <is_valid:%d> or gsi_post_send_dtgrm() failed <%d>\n",
@@ -208,7 +211,8 @@ void tarv_sa_send_done_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
     TARV_LOG(TARV_FUNC, "Datagram <0x%p> send on port #%ld completed. Returning to pool ...\n",
              static_cast<void*>(dtgrm), reinterpret_cast<long>(context));
     gsi_dtgrm_pool_put(dtgrm);
-    atomic_dec(&tarv_gsi_pending_cnt);
+    const int pending = atomic_dec(&tarv_gsi_pending_cnt);
+    KASSERT(pending >= 0);
 }
 
 void tarv_sa_recv_done_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm) {

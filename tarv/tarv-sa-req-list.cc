@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // The requests that wait for SA path records.
-#include "platform/memory.h"
 #include "tarv/tarv-arp-hash.h"
 #include "tarv/tarv-pending.h"
 #include "tarv/tarv-req-list.h"
@@ -12,22 +11,39 @@ constexpr char tarv_unit[] = "tarv_sa_req_list";
 
 constexpr u32 sa_timeout = 3000;  // ticks
 
-constinit pending_places_t<14> places TA_GUARDED(tarv_sa_rl_lock) = {};
-constinit index_of<tarv_list_entry_t, offsetof(tarv_list_entry_t, by_dgid), 14> by_dgid
-    TA_GUARDED(tarv_sa_rl_lock) = {};
+struct dgid_key {
+    using type = gx_gid_t;
+    static const gx_gid_t& of(const tarv_list_entry_t* entry) { return entry->dgid; }
+    static u32 hash(const gx_gid_t& gid) { return tarv_gid_hash(gid); }
+};
+
+/* Here requests are found by the peer's GID as well. */
+struct sa_places_t : pending_places_t<14> {
+    groups_of<tarv_list_entry_t, &tarv_list_entry_t::by_dgid, dgid_key, 14> by_dgid;
+
+    void clear() {
+        pending_places_t::clear();
+        by_dgid.clear();
+    }
+    void enter(tarv_list_entry_t* entry) {
+        pending_places_t::enter(entry);
+        by_dgid.enter(entry);
+    }
+    void leave(tarv_list_entry_t* entry) {
+        pending_places_t::leave(entry);
+        by_dgid.remove(entry);
+    }
+};
+constinit sa_places_t places TA_GUARDED(tarv_sa_rl_lock) = {};
 
 bool nothing_waits() TA_NO_ANALYSIS {
     return read_once(sa_requests.count) == 0;
 }
 
-void put_back(tarv_list_entry_t* entry) TA_REQ(tarv_sa_rl_lock) {
-    pending_link(sa_requests, places, entry);
-    by_dgid.enter(entry, tarv_gid_hash(entry->dgid));
-}
-
 /* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
-void trace_due(tarv_found_list& timed_out) TA_REQ(tarv_sa_rl_lock) {
+void trace_due(tarv_found_list& timed_out) TA_EXCL(tarv_sa_rl_lock) {
     constexpr char handler[] = "tarv_sa_req_timer_handler";
+    const spin_guard guard(tarv_sa_rl_lock);
     for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
         const int busy = tarv_get_request_static_flag(entry);
         TARV_LOG_FROM(handler, TARV_FUNC, "Checking sa request entry: <0x%p>, static flag:%d\n",
@@ -35,9 +51,18 @@ void trace_due(tarv_found_list& timed_out) TA_REQ(tarv_sa_rl_lock) {
         if (busy || !pending_is_due(entry, sa_timeout))
             continue;
         TARV_LOG_FROM(handler, TARV_FUNC, "\t\t-> timeouted!\n");
-        pending_take(sa_requests, entry);
+        pending_take(sa_requests, places, entry);
         timed_out.push(entry);
     }
+}
+
+/* The same, oldest first, without the log. */
+void take_due(tarv_found_list& timed_out) TA_EXCL(tarv_sa_rl_lock) {
+    for (bool more = true; more;) {
+        const spin_guard guard(tarv_sa_rl_lock);
+        more = pending_take_due(sa_requests, places, sa_timeout, timed_out);
+    }
+    pending_sort(timed_out);
 }
 
 /* Takes the newest request off the list, passing over the busy ones unless they are wanted too;
@@ -47,7 +72,7 @@ tarv_list_entry_t* take_first(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
     for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
         if (!busy_too && tarv_get_request_static_flag(entry))
             continue;
-        pending_take(sa_requests, entry);
+        pending_take(sa_requests, places, entry);
         return entry;
     }
     return nullptr;
@@ -58,7 +83,7 @@ tarv_list_entry_t* take_first(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
 void give_last_words(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
     while (tarv_list_entry_t* entry = take_first(busy_too)) {
         tarv_retry_ib_data_request(entry, nullptr);
-        kfree(entry);
+        tarv_free_request(entry);
     }
 }
 
@@ -74,7 +99,6 @@ tarv_stat_t tarv_sa_req_list_init() {
     {
         const spin_guard guard(tarv_sa_rl_lock);
         pending_clear(sa_requests, places);
-        by_dgid.clear();
         list = &sa_requests;
     }
     pending_make_timer(&tarv_sa_req_timer, tarv_sa_req_timer_handler, list);
@@ -96,19 +120,18 @@ tarv_stat_t tarv_sa_add_request(tarv_list_entry_t* entry) {
     const spin_guard guard(tarv_sa_rl_lock);
     TARV_LOG(TARV_DEBUG, "Added SA req: %p\n", static_cast<void*>(entry));
     pending_push(sa_requests, places, entry);
-    by_dgid.enter(entry, tarv_gid_hash(entry->dgid));
     return tarv_stat_ok;
 }
 
 tarv_stat_t tarv_sa_remove_request(tarv_list_entry_t* entry) {
     const spin_guard guard(tarv_sa_rl_lock);
-    pending_take(sa_requests, entry);
+    pending_take(sa_requests, places, entry);
     return tarv_stat_ok;
 }
 
 int tarv_sa_num_identical_reqs(tarv_list_entry_t* entry) {
     const spin_guard guard(tarv_sa_rl_lock);
-    return pending_count_identical(places, entry);
+    return places.count_identical(entry);
 }
 
 tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path, int path_count,
@@ -117,10 +140,13 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
     tarv_found_list found(*found_list);
     {
         const spin_guard guard(tarv_sa_rl_lock);
-        for (tarv_list_entry_t* entry : by_dgid.with(tarv_gid_hash(new_path[0].dgid))) {
-            if (!(entry->dgid == new_path[0].dgid) || tarv_get_request_static_flag(entry))
+        tarv_list_entry_t* older = nullptr;
+        for (tarv_list_entry_t* entry = places.by_dgid.newest(new_path[0].dgid); entry;
+             entry = older) {
+            older = places.by_dgid.older(entry);
+            if (tarv_get_request_static_flag(entry))
                 continue;
-            pending_set_aside(sa_requests, entry);
+            pending_set_aside(sa_requests, places, entry);
             found.push(entry);
         }
     }
@@ -142,7 +168,7 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
             }
             tarv_found_list::unlink(entry);
             entry->not_valid = 0;
-            put_back(entry);
+            pending_link(sa_requests, places, entry);
         }
     }
     return found.empty() ? tarv_stat_not_found : tarv_stat_ok;
@@ -153,18 +179,15 @@ void tarv_sa_req_timer_handler(unsigned long) {
         list_head timed_out_head;
         INIT_LIST_HEAD(&timed_out_head);
         tarv_found_list timed_out(timed_out_head);
-        {
-            const spin_guard guard(tarv_sa_rl_lock);
-            if (tarv_log_enabled(TARV_FUNC))
-                trace_due(timed_out);
-            else
-                pending_take_due(sa_requests, places, sa_timeout, timed_out);
-        }
+        if (tarv_log_enabled(TARV_FUNC))
+            trace_due(timed_out);
+        else
+            take_due(timed_out);
         for (tarv_list_entry_t* entry : timed_out)
             tarv_retry_ib_data_request(entry, nullptr);
         while (tarv_list_entry_t* entry = timed_out.pop()) {
             TARV_LOG(TARV_FUNC, "found entry : 0x%p\n", static_cast<void*>(entry));
-            kfree(entry);
+            tarv_free_request(entry);
         }
     }
     if (!read_once(halted))
@@ -172,6 +195,8 @@ void tarv_sa_req_timer_handler(unsigned long) {
 }
 
 void tarv_sa_req_list_dump() {
-    const spin_guard guard(tarv_sa_rl_lock);
-    pending_dump(sa_requests, "sa");
+    pending_dump("sa", [](pending_page_t& page, bool is_first) {
+        const spin_guard guard(tarv_sa_rl_lock);
+        return pending_turn_page(sa_requests, places, page, is_first);
+    });
 }

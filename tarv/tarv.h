@@ -73,6 +73,25 @@ struct tarv_arp_data_t {
     void* context;                              // in an ARP request: the requesting caller's
 };
 
+/* Drivers and clients that were built by themselves go by this layout. */
+static_assert(offsetof(tarv_arp_data_t, mask) == 0);
+static_assert(offsetof(tarv_arp_data_t, arp_operation) == 4);
+static_assert(offsetof(tarv_arp_data_t, src_ip) == 8);
+static_assert(offsetof(tarv_arp_data_t, dst_ip) == 12);
+static_assert(offsetof(tarv_arp_data_t, gid) == 16);
+static_assert(offsetof(tarv_arp_data_t, qpn) == 32);
+static_assert(offsetof(tarv_arp_data_t, cap_flg) == 36);
+static_assert(offsetof(tarv_arp_data_t, lid) == 38);
+static_assert(offsetof(tarv_arp_data_t, qkey) == 40);
+static_assert(offsetof(tarv_arp_data_t, primary_path) == 48);
+static_assert(offsetof(tarv_arp_data_t, secondary_path) == 56);
+static_assert(offsetof(tarv_arp_data_t, local_port_num) == 64);
+static_assert(offsetof(tarv_arp_data_t, paths_count) == 68);
+static_assert(offsetof(tarv_arp_data_t, paths) == 72);
+static_assert(offsetof(tarv_arp_data_t, context) == 264);
+static_assert(sizeof(tarv_arp_data_t) == 272);
+static_assert(sizeof(tarv_stat_t) == 4 && sizeof(tarv_paths_t) == 4 && sizeof(gx_gid_t) == 16);
+
 /* Called once when a pending request ends, in the context of whatever ended it (driver receive, GSI
  * receive, timer, or the process that halts the module), with no lock of the module held. It must
  * not sleep. `record` is given with tarv_stat_ok only, belongs to the module and is valid during

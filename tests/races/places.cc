@@ -19,6 +19,7 @@ constexpr Place all_places[] = {
      drive_time_out_of_arp},
     {"time_out_of_paths", "the SA time-out pass and the completion reach for one request", 1,
      drive_time_out_of_paths},
+    {"enter_together", "two enter one new peer into the cache at once", 1, drive_enter_together},
     {"static_path", "ARP intake uses the static path while a command sets it", 1,
      drive_static_path},
     {"context_torn_down", "a port's SA context goes between a query's making and its posting", 1,

@@ -77,6 +77,7 @@ Tally drive_reply_beside_send(Site& site, unsigned rounds);
 Tally drive_driver_change(Site& site, unsigned rounds);
 Tally drive_time_out_of_arp(Site& site, unsigned rounds);
 Tally drive_time_out_of_paths(Site& site, unsigned rounds);
+Tally drive_enter_together(Site& site, unsigned rounds);
 Tally drive_static_path(Site& site, unsigned rounds);
 Tally drive_context_torn_down(Site& site, unsigned rounds);
 Tally drive_answer_before_send_ends(Site& site, unsigned rounds);

@@ -54,6 +54,7 @@ constexpr Silence in_a_load[] = {
     {"rep_notify_key_change", "", "the level stays as it was read"},
 };
 constexpr Silence anywhere[] = {
+    {"kmalloc", "IB-Arp Table entries: ", "the table is shown part by part"},
     {"copy_from_user", "", "what cannot be copied is no command"},
     {"gx_hca_open", "tarv_sa_get_sa_info", "the subnet manager is asked for where it was"},
     {"gx_port_query", "tarv_sa_get_sa_info", "the subnet manager is asked for where it was"},

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "host/services.h"
+#include "platform/bug.h"
 #include "platform/jiffies.h"
 #include "platform/memory.h"
 #include "platform/module.h"
@@ -82,6 +83,13 @@ const Rule context_rules[] = {
      [] { in_timer([] { kmalloc(8, GFP_KERNEL); }); }},
     {"AllocationUnderLock", "kmalloc\\(GFP_KERNEL\\): may sleep.*lock one held",
      [] { under_lock([] { kmalloc(8, GFP_KERNEL); }); }},
+    {"LargeAllocationAtOnce", "kmalloc\\(GFP_ATOMIC\\): 4097 bytes are more than a page",
+     [] { kmalloc(4097, GFP_ATOMIC); }},
+    {"LargeMemoryFreedInTimer", "kfree of more than a page: may sleep.*timer context",
+     [] {
+         static void* const memory = kmalloc(4097, GFP_KERNEL);
+         in_timer([] { kfree(memory); });
+     }},
     {"ScheduleInTimer", "schedule: may sleep.*timer", [] { in_timer([] { ::schedule(); }); }},
     {"ScheduleUnderLock", "schedule: may sleep.*lock one",
      [] { under_lock([] { ::schedule(); }); }},
@@ -121,6 +129,10 @@ const Rule context_rules[] = {
     {"SecondThread", "jiffies: called from a second thread",
      [] { std::thread([] { ::jiffies(); }).join(); }},
     {"SecondKernel", "a second one is made", [] { const Kernel another; }},
+    {"AssertionFails",
+     "host: bug at host_checks_test.cc line [0-9]+: spin_is_held\\(&two\\) does not hold "
+     "\\[process context, holding one\\]",
+     [] { under_lock([] { KASSERT(spin_is_held(&two)); }); }},
 };
 INSTANTIATE_TEST_SUITE_P(Context, BrokenRule, testing::ValuesIn(context_rules),
                          [](const auto& rule) { return rule.param.name; });
@@ -280,6 +292,28 @@ TEST(Checks, ALockMayBeMadeReadyAgainAndIsNamedWhileHeld) {
         const spin_guard guard(one);
         EXPECT_EQ(host::held_locks(), "one");
     }
+}
+
+TEST(Checks, WhoHoldsALockIsKnown) {
+    const Kernel kernel({.clock = Clock::real_time});
+    spin_lock_init(&one, "one");
+    rwlock_init(&rw, "rw");
+    const auto held = [] {
+        return (spin_is_held(&one) ? "s" : "") + std::string(read_is_held(&rw) ? "r" : "") +
+               (write_is_held(&rw) ? "w" : "");
+    };
+    EXPECT_EQ(held(), "");
+    {
+        const spin_guard guard(one);
+        EXPECT_EQ(held(), "s");
+    }
+    {
+        const read_guard guard(rw);
+        EXPECT_EQ(held(), "r");
+        std::thread([&] { EXPECT_EQ(held(), "") << "another thread's lock"; }).join();
+    }
+    const write_guard guard(rw);
+    EXPECT_EQ(held(), "rw");
 }
 
 TEST(Checks, FreshMemoryIsJunkAndTheAccountIsKept) {

@@ -71,6 +71,16 @@ INSTANTIATE_TEST_SUITE_P(
                (std::get<1>(row.param) == 1000 ? "" : "_at_the_wrap");
     });
 
+TEST_F(Ageing, NeverComesBeyondTheTickCounter) {
+    for (const unsigned long timeout : {~0ul, ~0ul / HZ + 1, ~0ul / HZ, (~0ul - 1000) / HZ}) {
+        arp_cache_timeout_sec = timeout;
+        add(record(1, 0));
+        kernel.advance(15000);
+        EXPECT_EQ(table().size, 1u) << timeout;
+        tarv_hash_remove_all();
+    }
+}
+
 TEST_F(Ageing, TracesEveryBucketAndEntry) {
     arp_cache_timeout_sec = 10;
     const tarv_hash_entry_t* stays = add(record(ip_in_bucket(1, 0), TARV_MASK_STATIC));

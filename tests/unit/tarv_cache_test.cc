@@ -112,6 +112,17 @@ TEST_F(Cache, TracesALookupByGid) {
     EXPECT_EQ(console().size(), 34u) << "32 buckets, 2 entries";
 }
 
+TEST_F(Cache, DumpsTheSameWithoutMemoryForAPicture) {
+    for (u32 n = 0; n < 300; n++)
+        add(record(n % 2 ? n : ip_in_bucket(3, static_cast<int>(n)), TARV_MASK_DST_IP));
+    tarv_hash_dump();
+    const Lines whole = console();
+    EXPECT_EQ(whole.size(), 5u + 300u + 2u);
+    host::fail_nth("kmalloc", 1);
+    tarv_hash_dump();
+    EXPECT_EQ(console(), whole);
+}
+
 // The text in the layout of the kernel's own ARP table.
 
 /// Renders, and checks the buffer's size.
@@ -155,6 +166,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         TextLine{"usual", "10.0.0.1", 0x21F, 5,
                  "10.0.0.1         0x1         0x21f       00:AA:00:00:00:05     *        ipoib\n"},
+        TextLine{"each_length_of_a_byte", "10.100.99.9", 0, 0,
+                 "10.100.99.9      0x1         0x0         00:AA:00:00:00:00     *        ipoib\n"},
         TextLine{"lid_without_mask", "192.168.1.20", 0, 0x1234,
                  "192.168.1.20     0x1         0x0         00:AA:00:00:12:34     *        ipoib\n"},
         TextLine{

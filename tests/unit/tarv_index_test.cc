@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The index and the sorting of lists, apart from their users: what is found and in which order, and
-// how hashes spread.
+// The indexes and the sorting of lists, apart from their users: what is found and in which order,
+// and how hashes spread.
 #include "tarv/tarv-index.h"
 
 #include <algorithm>
-#include <memory>
+#include <functional>
+#include <list>
+#include <random>
+#include <set>
 #include <vector>
 
 #include "tarv/tarv-list.h"
@@ -16,39 +19,113 @@ namespace {
 
 struct Item {
     int number;
-    index_links_t links;
+    u32 key;
+    Item* next;
+    group_links_t<Item> group;
+    order_links_t<Item> order;
     list_head list;
 };
 constexpr u32 bits = 4;
-using Index = index_of<Item, offsetof(Item, links), bits>;
 using List = list_of<Item, offsetof(Item, list)>;
 
-std::vector<int> found(const Index& index, u32 hash) {
-    std::vector<int> numbers;
-    for (const Item* item : index.with(hash))
-        numbers.push_back(item->number);
-    return numbers;
+/// Keys that differ by a multiple of 16 are under one head.
+struct Key {
+    using type = u32;
+    static u32 of(const Item* item) { return item->key; }
+    static u32 hash(u32 key) { return key; }
+};
+struct Order {
+    using key_t = u32;
+    static u32 key(const Item* item) { return item->key; }
+    static u32 hash(u32 key) { return key; }
+    static u64 rank(const Item* item) { return tarv_index_rank(static_cast<u64>(item->number)); }
+    static int compare(const Item* item, u32 key) {
+        return item->key == key ? 0 : item->key < key ? -1 : 1;
+    }
+    static bool before(const Item* one, const Item* other) {
+        return std::pair(one->key, -one->number) < std::pair(other->key, -other->number);
+    }
+};
+
+/// One index of each kind over the same entries, against a plain list, newest first.
+struct Indexes {
+    index_of<Item, &Item::next, bits> plain = {};
+    groups_of<Item, &Item::group, Key, bits> groups = {};
+    ordered_of<Item, &Item::order, Order, bits> ordered = {};
+    std::list<Item*> all;
+
+    void enter(Item* item) {
+        plain.enter(item, item->key);
+        groups.enter(item);
+        ordered.enter(item);
+        all.push_front(item);
+    }
+    void remove(Item* item) {
+        plain.remove(item, item->key);
+        groups.remove(item);
+        ordered.remove(item);
+        all.remove(item);
+    }
+    void compare(u32 key) const {
+        std::vector<const Item*> under, of_key, expected_under, expected;
+        for (const Item* item : all) {
+            if (item->key % (1 << bits) == key % (1 << bits))
+                expected_under.push_back(item);
+            if (item->key == key)
+                expected.push_back(item);
+        }
+        for (const Item* item : plain.under(key))
+            under.push_back(item);
+        for (const Item* item = groups.newest(key); item; item = groups.older(item))
+            of_key.push_back(item);
+        ASSERT_EQ(under, expected_under);
+        ASSERT_EQ(of_key, expected);
+        const auto first = std::ranges::max_element(expected, {}, &Item::number);
+        ASSERT_EQ(ordered.first(key), first == expected.end() ? nullptr : *first);
+    }
+};
+
+TEST(Indexes, FindWhatAWalkFinds) {
+    std::mt19937 random(1);
+    Indexes indexes;
+    std::vector<Item> items(60);
+    std::vector<Item*> outside;
+    for (Item& item : items)
+        outside.push_back(&item);
+    for (int step = 0; step < 20'000; step++) {
+        // Few heads and few keys, so that all of them are shared.
+        const u32 key = static_cast<u32>(random() % 3) + 16 * static_cast<u32>(random() % 4);
+        if (!outside.empty() && random() % 2) {
+            *outside.back() = {};
+            // Of one key, the later ones are not always those with the higher numbers.
+            outside.back()->number = step ^ 7;
+            outside.back()->key = key;
+            indexes.enter(outside.back());
+            outside.pop_back();
+        } else if (!indexes.all.empty()) {
+            outside.push_back(
+                *std::next(indexes.all.begin(), static_cast<long>(random() % indexes.all.size())));
+            indexes.remove(outside.back());
+        }
+        ASSERT_NO_FATAL_FAILURE(indexes.compare(key));
+    }
 }
 
-TEST(Index, TellsHashesUnderOneHeadApart) {
-    Index index = {};
-    std::vector<Item> items(6);
-    for (int i = 0; i < 6; i++)
-        index.enter(&(items[static_cast<std::size_t>(i)] = {i, {}, {}}),
-                    i % 2 ? 5 : 5 + (1 << bits));
-    EXPECT_EQ(found(index, 5), (std::vector{5, 3, 1})) << "the last one entered first";
-    EXPECT_EQ(found(index, 5 + (1 << bits)), (std::vector{4, 2, 0}));
-    EXPECT_EQ(found(index, 5 + (2 << bits)), std::vector<int>());
-    for (Item* item : index.with(5))
-        if (item->number != 3)
-            Index::remove(item);
-    EXPECT_EQ(found(index, 5), std::vector{3});
-    Index::remove(&items[5]);  // once more
-    index.enter(&items[5], 5);
-    EXPECT_EQ(found(index, 5), (std::vector{5, 3}));
-    EXPECT_EQ(found(index, 5 + (1 << bits)), (std::vector{4, 2, 0}));
-    index.clear();
-    EXPECT_EQ(found(index, 5), std::vector<int>());
+/// Many of one key, the worst order of entering; so many steps to any of them.
+TEST(Indexes, KeepTheirTreesLow) {
+    tarv_index_set(1);
+    ordered_of<Item, &Item::order, Order, bits> ordered = {};
+    std::vector<Item> items(50'000);
+    for (int i = 0; i < std::ssize(items); i++) {
+        items[static_cast<std::size_t>(i)].number = i;
+        ordered.enter(&items[static_cast<std::size_t>(i)]);
+    }
+    const std::function<int(const Item*)> height = [&](const Item* item) {
+        return item ? 1 + std::max(height(item->order.before), height(item->order.after)) : 0;
+    };
+    const auto root =
+        std::ranges::max_element(items, {}, [](const Item& i) { return Order::rank(&i); });
+    EXPECT_LE(height(&*root), 60);
 }
 
 TEST(List, SortsAndKeepsTheOrderOfEquals) {
@@ -73,27 +150,69 @@ TEST(List, SortsAndKeepsTheOrderOfEquals) {
     }
 }
 
-/// The most of those addresses that share a head.
-std::size_t most_under_one_head(u32 index_bits, const std::vector<u32>& addresses) {
+/// The most of those hashes that share a head.
+std::size_t most_under_one_head(u32 index_bits, const std::vector<u32>& hashes) {
     std::vector<std::size_t> heads(std::size_t{1} << index_bits);
-    for (const u32 address : addresses)
-        heads[tarv_address_hash(htonl(address)) % heads.size()]++;
+    for (const u32 hash : hashes)
+        heads[hash % heads.size()]++;
     return std::ranges::max(heads);
 }
 
-using Spreading = support::KernelTest;
-TEST_F(Spreading, GivesNeighboursHeadsOfTheirOwn) {
-    for (int draw = 0; draw < 20; draw++) {
+/// Hashes under numbers that were drawn once and are the same in every run.
+class Spreading : public testing::TestWithParam<u64> {
+  protected:
+    Spreading() { tarv_index_set(GetParam()); }
+};
+INSTANTIATE_TEST_SUITE_P(Draws, Spreading, testing::Range<u64>(1, 21));
+
+TEST_P(Spreading, GivesNeighboursHeadsOfTheirOwn) {
+    std::vector<u32> subnet, strided;
+    for (u32 n = 0; n < 1 << 14; n++) {
+        subnet.push_back(tarv_address_hash(htonl(0x0A010000 + n)));
+        strided.push_back(tarv_address_hash(htonl(0x0A010000 + (n << 16) + 77)));
+    }
+    EXPECT_EQ(most_under_one_head(14, subnet), 1u);
+    EXPECT_LE(most_under_one_head(14, strided), 64u) << "whatever was chosen";
+}
+
+gx_gid_t gid_of(u64 high, u64 low) {
+    gx_gid_t gid;
+    __builtin_memcpy(gid.raw + 8, &high, sizeof high);
+    __builtin_memcpy(gid.raw, &low, sizeof low);
+    return gid;
+}
+
+/// Whoever chooses GIDs knows every number in the source. Whatever is folded before a drawn number
+/// comes in can be undone: here for the multiplier of the golden ratio, for plain sums and for
+/// differences of the two halves, and for GIDs that differ in the same few bits.
+TEST_P(Spreading, CannotBeUndoneByWhoeverChoosesGids) {
+    constexpr u64 golden = 0x9E3779B97F4A7C15ull;
+    using Choice = std::pair<const char*, gx_gid_t (*)(u64 n)>;
+    for (const auto& [name, gid] :
+         {Choice{"golden", [](u64 n) { return gid_of(n, -((n ^ (n >> 32)) * golden)); }},
+          Choice{"sum", [](u64 n) { return gid_of(n << 32, -(n << 32)); }},
+          Choice{"difference", [](u64 n) { return gid_of(n * golden, n * golden); }},
+          Choice{"top_bits", [](u64 n) { return gid_of(0xFE80ull << 48, n << 48); }},
+          Choice{"low_bits", [](u64 n) { return gid_of(0xFE80ull << 48, n); }},
+          Choice{"prefix", [](u64 n) { return gid_of(n << 48, 1); }}}) {
+        std::vector<u32> hashes;
+        for (u64 n = 0; n < 1 << 14; n++)
+            hashes.push_back(tarv_gid_hash(gid(n)));
+        EXPECT_LE(most_under_one_head(14, hashes), 64u) << name;
+    }
+}
+
+using Drawing = support::KernelTest;
+TEST_F(Drawing, IsAnotherOneAtEveryLoad) {
+    std::set<u64> blocks, gids;
+    for (int load = 0; load < 10; load++) {
         kernel.advance(1);
         tarv_index_draw();
-        std::vector<u32> subnet, strided;
-        for (u32 n = 0; n < 1 << 14; n++) {
-            subnet.push_back(0x0A010000 + n);
-            strided.push_back(0x0A010000 + (n << 16) + 77);
-        }
-        EXPECT_EQ(most_under_one_head(14, subnet), 1u);
-        EXPECT_LE(most_under_one_head(14, strided), 64u) << "whatever was chosen";
+        blocks.insert(tarv_index_drawn.block);
+        gids.insert(tarv_index_drawn.gid[0]);
     }
+    EXPECT_EQ(blocks.size(), 10u);
+    EXPECT_EQ(gids.size(), 10u);
 }
 
 }  // namespace

@@ -157,6 +157,36 @@ TEST_P(BothLists, EmptyAndRestWhenHalted) {
     EXPECT_EQ(waiting(list), "d") << "the timer was not started again";
 }
 
+/// A long dump is made page by page; what goes meanwhile may be where it would go on.
+TEST_P(BothLists, KeepTheirPlaceInADump) {
+    Lines expected;
+    std::vector<tarv_list_entry_t*> entries;
+    for (u32 n = 0; n < 200; n++) {
+        entries.push_back(support::request(htonl(0x0A000000 + n)));
+        list.add(entries.back());
+        expected.insert(expected.begin(), host::kformat("010.000.000.%03u", n));
+    }
+    const auto dumped = [&](u32 going) {
+        Lines shown;
+        host::set_console([&](const host::LogLine& line) {
+            if (!line.text.starts_with("010."))
+                return;
+            shown.push_back(line.text.substr(0, 15));
+            // All that could be the first of the next page.
+            for (u32 n = 0; shown.size() == 64 && n < going; n++) {
+                list.remove(entries[135 - n]);
+                kfree(entries[135 - n]);
+            }
+        });
+        list.dump();
+        host::set_console({});
+        return shown;
+    };
+    EXPECT_EQ(dumped(0), expected);
+    expected.erase(expected.begin() + 64, expected.begin() + 67);
+    EXPECT_EQ(dumped(3), expected);
+}
+
 TEST_P(BothLists, TraceAddingAndTimingOut) {
     tarv_list_entry_t* due = request("a");
     trace(TARV_FUNC);
@@ -306,5 +336,26 @@ INSTANTIATE_TEST_SUITE_P(
                     Matching{"no_paths_wanted", "a1g1p0", 1, "a", "", 0},
                     Matching{"not_cached_any_more", "a1g1p1- b2g1p1", 1, "b", "a", 0}),
     support::row_name);
+
+/* Who is put back is as old as before, and stands at the head: the order in which both are told. */
+TEST_F(Requests, PutBackKeepTheirTimeAndHaveANewPlace) {
+    const unsigned long start = jiffies();
+    support::add(support::record(ip("10.0.0.1"), 0));
+    kernel.advance(1);
+    tarv_list_entry_t* entry = request("a", "10.0.0.1", tarv_paths_both);
+    entry->dgid = gid(1);
+    tarv_sa_add_request(entry);
+    kernel.advance(1);
+    tarv_sa_add_request(request("b", "10.0.0.2"));
+    ib_path_record_v2_t path = support::path(gid(1), gid(0x40), 7);
+    list_head found;
+    tarv_sa_find_and_move_requests_to_list(&path, 1, 1, &found);
+    EXPECT_EQ(waiting(sa_list), "ab");
+    kernel.advance(10000);
+    ASSERT_EQ(replies.size(), 2u);
+    EXPECT_EQ(replies[0].tick, start + 4000);
+    EXPECT_EQ(replies[1].tick, start + 4000);
+    EXPECT_EQ(answered(), "ba");
+}
 
 }  // namespace
