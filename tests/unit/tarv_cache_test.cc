@@ -2,6 +2,7 @@
 //
 // The address cache: what is logged, in which order it finds, and the text that it is rendered
 // into. What becomes of entries is compared with a model at every step of the simulation.
+#include "host/faults.h"
 #include "host/services.h"
 #include "tests/support/kernel_test.h"
 #include "tests/support/records.h"
