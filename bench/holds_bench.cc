@@ -113,11 +113,11 @@ void purge_from(gx_gid_t sgid) {
 
 void age(unsigned long idle_seconds) {
     arp_cache_timeout_sec = idle_seconds;
-    host::Kernel::current().advance(ageing_period);
+    pass_ticks(ageing_period);
 }
 
 void time_out(void (*handler)(unsigned long), timer_list& timer) {
-    host::Kernel::current().advance(3'000);
+    pass_ticks(3'000);
     longest = 0;
     handler(0);
     del_timing_sync(&timer);

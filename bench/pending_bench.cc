@@ -233,7 +233,7 @@ tarv_stat_t answer_interface(u32, gx_p_key_t* pkey, u32*, int*, int* loopback) {
 class WholeCall {
   public:
     WholeCall() {
-        spin_lock_init(&driver_lock, "driver_lock");
+        tarv_driver_start();
         write_once(enabled, 1);
         write_once(sa_queries_enabled, 1);
         tarv_hash_init();
@@ -305,7 +305,7 @@ void all_due(benchmark::State& state, u32 (*peer_of)(u32)) {
         calls.file(peer_of(n));
     replies = 0;
     for (auto _ : state) {
-        host::Kernel::current().advance(1000);
+        pass_ticks(1000);
         calls.run_timer();
     }
     require(replies == 0, "a request was given up");

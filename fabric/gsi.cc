@@ -210,6 +210,8 @@ int Gsi::post(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm) {
         die_of("gsi_post_send_dtgrm", slot, "was posted already");
     if (slot.block && slot.block->size() > mad_size - sa_offset)
         return gx_return_invalid_param;  // requests of one segment only
+    if (slot.record.mad[1] != owner.management_class || slot.record.mad[2] != owner.version)
+        return gx_return_invalid_param;
     forget_old();
     std::uint32_t transaction = next_transaction_++;
     Packet packet = make_packet(owner, slot, transaction);

@@ -3,6 +3,9 @@
 // The General Services Interface of our host: the waist's calls for classes, datagram pools and
 // datagrams, between the module and the wire.
 //
+// A MAD of another class or version than the one that it is posted on is refused: its answer would
+// be nobody's.
+//
 // Outward, a request is encoded when it is posted: the common header goes into network order, a
 // transaction ID is put in, the RMPP data block is placed behind the RMPP header. The module's own
 // MAD and block are never written to. It is sent, and its send completion is called, afterwards in
@@ -64,6 +67,8 @@ class Gsi {
     /// The next answer is reported with that size; a block with no more than it holds.
     void report_size_next(int size);
 
+    /// What is registered and made now, a line each: classes, then pools.
+    std::vector<std::string> registered() const;
     std::size_t open_classes() const;
     std::size_t pools() const;
     std::size_t datagrams_out() const;  ///< that are not in their pool, received ones included

@@ -73,6 +73,21 @@ std::size_t Gsi::datagrams_in_flight() const {
     return posted;
 }
 
+std::vector<std::string> Gsi::registered() const {
+    MutexLock lock(mutex_);
+    std::vector<std::string> lines;
+    for (const auto& [handle, made] : classes_)
+        if (made->open)
+            lines.push_back(
+                "class " + std::to_string(made->management_class) + " version " +
+                std::to_string(made->version) + " on port " + std::to_string(made->port) +
+                (made->is_server ? ", server" : ", client") + (made->uses_rmpp ? ", RMPP" : ""));
+    for (const auto& [handle, pool] : pools_)
+        lines.push_back("pool " + pool->name + " of " + std::to_string(pool->count));
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
 void Gsi::report(std::vector<std::string>& lines) const {
     if (std::size_t classes = open_classes())
         lines.push_back(std::to_string(classes) + " registered GSI class(es)");

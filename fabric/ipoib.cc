@@ -26,13 +26,13 @@ Function* module_function(const char* name) {
 }
 
 tarv_stat_t send_arp_data(tarv_arp_data_t* record, void* context, int media_reset) {
-    host::must_hold_no_lock("send_arp_data_fn");
+    const host::DriverCall call("send_arp_data_fn");
     return static_cast<Ipoib*>(context)->send_request(*record, media_reset);
 }
 
 /* The module gives no context here: the query is about the host, which has one driver. */
 tarv_stat_t get_if_info(u32 ip, gx_p_key_t* pkey, u32* unused, int* scratch, int* loopback) {
-    host::must_hold_no_lock("get_if_info_fn");
+    const host::DriverCall call("get_if_info_fn");
     if (unused != nullptr)
         *unused = 0;
     if (scratch != nullptr)

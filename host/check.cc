@@ -66,13 +66,24 @@ ContextScope::~ContextScope() {
     this_thread.context = before_;
 }
 
+DriverCall::DriverCall(const char* function) : outer_(this_thread.driver_call) {
+    must_hold_no_lock(function);
+    this_thread.driver_call = function;
+}
+
+DriverCall::~DriverCall() {
+    this_thread.driver_call = outer_;
+}
+
 bool may_sleep() {
-    return !is_atomic(this_thread.context) && !this_thread.held;
+    return !is_atomic(this_thread.context) && !this_thread.held && !this_thread.driver_call;
 }
 
 void must_sleep(const char* call) {
     if (is_atomic(this_thread.context))
         die("%s: may sleep, but was called in %s context", call, name_of(this_thread.context));
+    if (this_thread.driver_call)
+        die("%s: may sleep, but was called inside %s", call, this_thread.driver_call);
     if (this_thread.held)
         die("%s: may sleep, but was called with the lock %s held", call, this_thread.held_name);
 }

@@ -38,6 +38,20 @@ void must_sleep(const char* call);
 /// that calls into it: adapter calls, driver callbacks, reply callbacks, completions, timers.
 void must_hold_no_lock(const char* call);
 
+/// The module calls a function of its driver: no spin lock may be held, and for the scope nothing
+/// may sleep, whatever context the module was called in. So a driver that detaches itself from
+/// inside its own functions, and would wait for its own return, dies there.
+class DriverCall {
+  public:
+    explicit DriverCall(const char* function);
+    ~DriverCall();
+    DriverCall(const DriverCall&) = delete;
+    DriverCall& operator=(const DriverCall&) = delete;
+
+  private:
+    const char* const outer_;
+};
+
 /// Names of the spin locks that the calling thread holds, blank separated.
 std::string held_locks();
 

@@ -30,6 +30,7 @@ struct ThreadState {
     const char* held_name = nullptr;    ///< its name
     unsigned long flags = 0;            ///< the interrupt state that taking it returned
     unsigned long taken = 0;            ///< locks ever taken; makes each saved state another number
+    const char* driver_call = nullptr;  ///< the driver's function that the thread is inside of
     const timer_list* timer = nullptr;  ///< whose function the thread runs
     const void* proc_entry = nullptr;   ///< whose handler the thread runs
     const void* notification = nullptr;  ///< whose callback the thread runs

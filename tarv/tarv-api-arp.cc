@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The attached IPoIB driver, and the intake of the ARP packets that it receives.
+// The intake of the ARP packets that the IPoIB driver receives.
 #include "platform/atomic.h"
 #include "platform/bug.h"
 #include "platform/memory.h"
@@ -20,24 +20,6 @@ constexpr char intake[] = "tarv_process_arp_data";
 /* The verbs layer numbers ports with 8 bits; what does not fit is no port. */
 u8 port_number(u32 local_port_num) {
     return local_port_num <= 0xFF ? static_cast<u8>(local_port_num) : 0;
-}
-
-void set_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn, void* context)
-    TA_REQ(driver_lock) {
-    KASSERT(spin_is_held(&driver_lock));
-    write_once(send_arp_data_fn_context, context);
-    write_once(local_send_arp_data_fn, send_arp_data_fn);
-    write_once(local_get_if_info_fn, get_if_info_fn);
-}
-
-/* False when there is a driver already. */
-bool take_driver(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
-                 void* context) TA_EXCL(driver_lock) {
-    const spin_guard guard(driver_lock);
-    if (local_send_arp_data_fn || local_get_if_info_fn)
-        return false;
-    set_driver(get_if_info_fn, send_arp_data_fn, context);
-    return true;
 }
 
 /* Gives the peer in `record` the static path, its own ends filled in. The template is used by every
@@ -88,6 +70,8 @@ bool learn(tarv_arp_data_t* record, tarv_hash_entered_t* outcome) {
 /* Moves a request, which is the caller's, on to the SA: it waits there for paths to `dgid`. */
 tarv_stat_t request_paths(tarv_list_entry_t* request, const gx_gid_t& dgid, u32 local_port_num) {
     kptr<tarv_list_entry_t> owner(request);
+    tarv_maker_t maker;
+    owner->maker = &maker;
     owner->dgid = dgid;
     tarv_set_request_static_flag(request);
     owner->needed_paths_mask = owner->requested_paths == tarv_paths_both ? 3 : 1;
@@ -98,7 +82,7 @@ tarv_stat_t request_paths(tarv_list_entry_t* request, const gx_gid_t& dgid, u32 
         TARV_LOG_FROM(intake, TARV_ERROR, "Error initiating multipath record query.\n");
         tarv_sa_remove_request(request);
     } else {
-        tarv_clear_request_static_flag(owner.release());
+        tarv_sa_release_request(owner.release(), &maker, false);
         return tarv_stat_ok;
     }
     tarv_reply(request, tarv_stat_error, nullptr);
@@ -112,18 +96,23 @@ bool is_answered_by(const tarv_list_entry_t* request, const tarv_arp_data_t& rec
             tarv_mask_has_paths(record.mask, request->requested_paths));
 }
 
-/* Completes the requests that waited for the peer in `record`; `result` is the outcome so far. */
-tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
+/* Completes the requests that waited for the peer in `record`; `result` is the outcome so far. What
+ * an administrator's record leaves open about the way to the peer, the packet tells. */
+tarv_stat_t complete_requests(tarv_arp_data_t* record, const tarv_arp_data_t* packet,
+                              tarv_stat_t result) {
     list_head found_head;
     if (tarv_find_and_move_arp_requests_to_list(record->dst_ip, &found_head) != tarv_stat_ok)
         return result;
     tarv_found_list found(found_head);
+    const gx_gid_t& dgid = record->mask & TARV_MASK_GID ? record->gid : packet->gid;
+    const u32 local_port_num =
+        record->mask & TARV_MASK_LOCAL_PORT ? record->local_port_num : packet->local_port_num;
     while (tarv_list_entry_t* request = found.pop()) {
         if (is_answered_by(request, *record)) {
             tarv_reply(request, tarv_stat_ok, record);
             tarv_free_request(request);
         } else {
-            result = request_paths(request, record->gid, record->local_port_num);
+            result = request_paths(request, dgid, local_port_num);
         }
     }
     return result;
@@ -133,32 +122,8 @@ tarv_stat_t complete_requests(tarv_arp_data_t* record, tarv_stat_t result) {
 
 constinit u8 enabled = 0;
 constinit u8 statics_inv_enabled = 1;
-constinit spinlock_t driver_lock = {};
-constinit send_arp_data_fn_t local_send_arp_data_fn = nullptr;
-constinit get_if_info_fn_t local_get_if_info_fn = nullptr;
-constinit void* send_arp_data_fn_context = nullptr;
 constinit spinlock_t static_path_lock = {};
 constinit ib_path_record_v2_t static_path = {};
-
-tarv_stat_t tarv_attach(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
-                        void* context, void** handle) {
-    if (!take_driver(get_if_info_fn, send_arp_data_fn, context)) {
-        TARV_LOG(TARV_ERROR, "send_arp_data_fn OR get_if_info_fn allready registered.\n");
-        return tarv_stat_error;
-    }
-    *handle = TARV_ATTACH_HANDLE;
-    return tarv_stat_ok;
-}
-
-tarv_stat_t tarv_detach(void* handle) {
-    if (handle != TARV_ATTACH_HANDLE) {
-        TARV_LOG(TARV_ERROR, "Invalid handle.\n");
-        return tarv_stat_error;
-    }
-    const spin_guard guard(driver_lock);
-    set_driver(nullptr, nullptr, nullptr);
-    return tarv_stat_ok;
-}
 
 void swap_ips(u32* src_ip, u32* dst_ip) {
     const u32 ip = *src_ip;
@@ -201,5 +166,5 @@ tarv_stat_t tarv_process_arp_data(tarv_arp_data_t* arp_data) {
     if (outcome == tarv_hash_replaced)
         return tarv_stat_ok;
     // Where the entry is the administrator's and protected, it is the answer as well.
-    return complete_requests(record.get(), tarv_stat_ok);
+    return complete_requests(record.get(), arp_data, tarv_stat_ok);
 }

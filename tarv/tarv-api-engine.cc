@@ -57,10 +57,7 @@ void reset_state() {
     write_once(statics_inv_enabled, 1);
     write_once(get_data_retry, 3);
     write_once(tarv_media_reset, 1);
-    write_once(local_send_arp_data_fn, nullptr);
-    write_once(local_get_if_info_fn, nullptr);
-    write_once(send_arp_data_fn_context, nullptr);
-    spin_lock_init(&driver_lock, "driver_lock");
+    tarv_driver_start();
     spin_lock_init(&static_path_lock, "static_path_lock");
     const spin_guard guard(static_path_lock);
     static_path = {};
@@ -88,9 +85,11 @@ tarv_stat_t tarv_aync_ev_init() {
     return tarv_stat_ok;
 }
 
+/* An adapter that does not tell any more which GID the port had leaves it to what the SA client
+ * remembers. */
 void link_down(u8 port) {
     gx_gid_t gid;
-    if (port_num2base_gid(hca_h, port, &gid) == 0)
+    if (port_num2base_gid(hca_h, port, &gid) == 0 || tarv_sa_known_gid(port, &gid))
         tarv_hash_remove_entries_by_sgid(&gid);
     TARV_LOG_FROM(event, TARV_DEBUG, "Received link_down <port:%d>\n", port);
     tarv_sa_destroy(port);
@@ -150,8 +149,7 @@ void tarv_destroy() {
     tarv_sa_req_list_drain();
     tarv_aync_ev_destroy_cleanup();
     tarv_req_list_destroy();
-    // Until they were stopped, the SA's answers may have moved requests on. Nobody is busy with one
-    // any more.
+    // Nobody is busy with a request any more.
     tarv_sa_req_list_destroy();
     tarv_hash_destroy();
     printk("TARV: Unloaded.\n");

@@ -31,18 +31,6 @@ struct query_t {
     int retry_count;
 };
 
-/* The driver's function and what it is called with. */
-struct arp_sender_t {
-    send_arp_data_fn_t send;
-    void* context;
-};
-
-/* Of one and the same driver, also while one goes and another comes; `send` null: there is none. */
-arp_sender_t attached_sender() TA_EXCL(driver_lock) {
-    const spin_guard guard(driver_lock);
-    return {local_send_arp_data_fn, send_arp_data_fn_context};
-}
-
 /* Fills a new request; its maker is busy with it. */
 void fill_request(tarv_list_entry_t* entry, const query_t& query, const tarv_arp_data_t* record) {
     entry->reply_cb = reinterpret_cast<void*>(query.rep_cb);
@@ -83,27 +71,28 @@ tarv_stat_t request_paths(const query_t& query, const tarv_arp_data_t* record) {
     const int identical =
         query.paths == tarv_paths_primary ? tarv_sa_num_identical_reqs(owner.get()) : 0;
 
+    tarv_maker_t maker;
+    owner->maker = &maker;
     tarv_set_request_static_flag(owner.get());
     if (tarv_sa_add_request(owner.get()) != tarv_stat_ok) {
         TARV_LOG_FROM(decision, TARV_ERROR,
                       "Error adding the new sa request entry to the container.\n");
         return tarv_stat_error;
     }
-    // The list owns the request, but leaves it alone until the flag is cleared.
+    // The list owns the request, but leaves it alone until it is let go of.
     tarv_list_entry_t* entry = owner.release();
     if (identical > max_identical_requests) {
         TARV_LOG_FROM(decision, TARV_WARNING, "Many identical path query requests\n");
-        tarv_clear_request_static_flag(entry);
+        tarv_sa_release_request(entry, &maker, false);
         return tarv_stat_pending;
     }
     gx_gid_t dgid = record->gid;
     if (tarv_sa_query_path(record->local_port_num, &dgid) != tarv_stat_ok) {
         TARV_LOG_FROM(decision, TARV_ERROR, "Error initiating multipath record query.\n");
-        entry->reply_cb = nullptr;
-        tarv_clear_request_static_flag(entry);
+        tarv_sa_release_request(entry, &maker, true);
         return tarv_stat_error;
     }
-    tarv_clear_request_static_flag(entry);
+    tarv_sa_release_request(entry, &maker, false);
     return tarv_stat_pending;
 }
 
@@ -119,9 +108,9 @@ void build_arp_request(const query_t& query, tarv_arp_data_t* record) {
 /* Hands the ARP request in `record` to the driver, for a request that is already filed. From here
  * on an answer may take the request at any time, even before the driver returns. */
 tarv_stat_t send_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker,
-                             const arp_sender_t& sender, tarv_arp_data_t* record) {
+                             const driver_call& driver, tarv_arp_data_t* record) {
     const int media_reset = read_once(tarv_media_reset);
-    if (sender.send(record, sender.context, media_reset) != tarv_stat_ok) {
+    if (driver.send_arp_data(record, driver.context, media_reset) != tarv_stat_ok) {
         TARV_LOG_FROM(decision, TARV_ERROR, "send_arp_data_fn() failed.\n");
         // A request that was answered in spite of the failure has had, or gets, its callback: its
         // caller is told to expect that, and not of a failure as well.
@@ -137,8 +126,8 @@ tarv_stat_t send_arp_request(tarv_list_entry_t* entry, const tarv_maker_t* maker
 
 /* The peer is not known: files a request and asks for it by ARP, using the caller's record. */
 tarv_stat_t request_address(const query_t& query, tarv_arp_data_t* record) {
-    const arp_sender_t sender = attached_sender();
-    if (!sender.send) {
+    const driver_call driver;
+    if (!driver.send_arp_data) {
         TARV_LOG_FROM(decision, TARV_ERROR,
                       "No send_arp_data() registered - can't send ARP request.(hint: call "
                       "tarv_attach())\n");
@@ -152,7 +141,7 @@ tarv_stat_t request_address(const query_t& query, tarv_arp_data_t* record) {
     fill_request(owner.get(), query, record);
     const int identical = tarv_num_identical_reqs(owner.get());
 
-    tarv_maker_t maker = {};
+    tarv_maker_t maker;
     owner->maker = &maker;
     tarv_set_request_static_flag(owner.get());
     if (tarv_add_arp_request(owner.get()) != tarv_stat_ok) {
@@ -168,7 +157,7 @@ tarv_stat_t request_address(const query_t& query, tarv_arp_data_t* record) {
         tarv_release_arp_request(entry, &maker, false);
         return tarv_stat_pending;
     }
-    return send_arp_request(entry, &maker, sender, record);
+    return send_arp_request(entry, &maker, driver, record);
 }
 
 }  // namespace

@@ -26,12 +26,30 @@ extern u8 statics_inv_enabled;  // 1; 0: static entries are neither replaced nor
 extern int get_data_retry;      // 3; re-issues of a request before it times out
 extern int tarv_media_reset;    // 1; what the next ARP request tells the driver
 
-/* The attached driver; null while there is none. The lock keeps a driver's function and its context
- * together: who calls the one with the other takes both under it. */
+/* The attached driver; null while there is none. Written under the lock. */
 extern spinlock_t driver_lock;
 extern send_arp_data_fn_t local_send_arp_data_fn;
 extern get_if_info_fn_t local_get_if_info_fn;
 extern void* send_arp_data_fn_context;
+
+/* A visit to the attached driver: its functions and their context, all of one and the same driver,
+ * to be called during the scope. It is counted, and tarv_detach waits for its end: nothing in it
+ * may wait. Context: any; no lock held. */
+class [[nodiscard]] driver_call {
+  public:
+    driver_call() TA_EXCL(driver_lock);
+    ~driver_call() TA_EXCL(driver_lock);
+    driver_call(const driver_call&) = delete;
+    driver_call& operator=(const driver_call&) = delete;
+
+    /* Null: no driver is attached, or it has no such function. */
+    send_arp_data_fn_t send_arp_data;
+    get_if_info_fn_t get_if_info;
+    void* context;
+};
+
+/* Makes the attachment ready, with no driver. Process context; nobody else is at it. */
+void tarv_driver_start() TA_EXCL(driver_lock);
 
 /* The open adapter; null while the engine is stopped. */
 extern gx_hca_h_t hca_h;
@@ -73,11 +91,16 @@ tarv_stat_t __tarv_get_ib_data(u32 req_ip, u32 src_ip, tarv_paths_t path_records
 int tarv_retry_ib_data_request(tarv_list_entry_t* entry, tarv_arp_data_t* arp_data);
 
 /* Attaches the one IPoIB driver. `context` is given back to `send_arp_data_fn`. `*handle` receives
- * the handle for tarv_detach. tarv_stat_error when one is attached. Process context. */
+ * the handle for tarv_detach. tarv_stat_error when one is attached. While one is being detached,
+ * waits for its end. Process context. */
 tarv_stat_t tarv_attach(get_if_info_fn_t get_if_info_fn, send_arp_data_fn_t send_arp_data_fn,
                         void* context, void** handle);
 
-/* Detaches it; requests that wait go on waiting. tarv_stat_error for a wrong handle. */
+/* Detaches it; requests that wait go on waiting. tarv_stat_error for a wrong handle. When it
+ * returns, none of the driver's functions is running or will be called, so that the driver may go.
+ * For that it waits until those that run have returned. Process context; may sleep. It must not be
+ * called from inside one of these functions, nor from a callback or any other call that is made in
+ * the course of one, nor with something held that they wait for: it would wait for itself. */
 tarv_stat_t tarv_detach(void* handle);
 
 /* Takes in an ARP packet that the driver received, request or reply: learns its sender and
@@ -90,6 +113,11 @@ void swap_ips(u32* src_ip, u32* dst_ip);
 /* Takes in the `path_count` (1 to 3) records of an SA answer, all towards the first one's DGID, and
  * completes the requests that they satisfy. GSI receive context; never sleeps; no lock held. */
 void tarv_process_path_rec_data(ib_path_record_v2_t* new_path, int path_count, u32 local_port_num);
+
+/* Answers a request from an SA answer that came while its maker, the caller, was busy with it, and
+ * frees it. False: the answer was not what it wants, or there is no memory; it is still its
+ * maker's. Never sleeps; no lock held. */
+bool tarv_answer_request(tarv_list_entry_t* request, tarv_path_answer_t* answer);
 
 /* Starts the engine; what a failing step leaves is undone. Stops it. Process context. */
 tarv_stat_t tarv_init();

@@ -2,7 +2,6 @@
 //
 // The P_Key that this host uses towards a peer, written into path records. All of it runs without a
 // lock of the module: it asks the driver and the adapter.
-#include "platform/atomic.h"
 #include "tarv/logger.h"
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-arp-hash.h"
@@ -12,8 +11,26 @@ namespace {
 
 constexpr char tarv_unit[] = "tarv_arp_hash";
 
+/* The rewrite is one function to whoever reads the log. */
+constexpr char rewrite[] = "tarv_change_path_pkey";
+
 /* Entries of a port's P_Key table that are looked at. */
 constexpr int scanned_pkeys = 5;
+
+/* Asks the attached driver about the interface that serves the address. */
+bool ask_interface(u32 ip, gx_p_key_t* pkey, int* loopback) {
+    const driver_call driver;
+    if (!driver.get_if_info) {
+        TARV_LOG_FROM(rewrite, TARV_WARNING, "local_get_if_info_fn is not attached\n");
+        return false;
+    }
+    int scratch = 0;
+    if (driver.get_if_info(ip, pkey, nullptr, &scratch, loopback) != tarv_stat_ok) {
+        TARV_LOG_FROM(rewrite, TARV_WARNING, "local_get_if_info_fn failed\n");
+        return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -46,17 +63,9 @@ tarv_stat_t tarv_get_local_pkey(gx_gid_t* sgid, gx_p_key_t* pkey) {
 }
 
 void tarv_change_path_pkey(u32 req_ip, ib_path_record_v2_t* paths, int path_count) {
-    const get_if_info_fn_t get_if_info = read_once(local_get_if_info_fn);
-    if (!get_if_info) {
-        TARV_LOG(TARV_WARNING, "local_get_if_info_fn is not attached\n");
-        TARV_LOG(TARV_WARNING, "change pkey of path(s) from SA was skipped\n");
-        return;
-    }
     gx_p_key_t pkey = 0;
-    int scratch = 0;
     int loopback = 0;
-    if (get_if_info(req_ip, &pkey, nullptr, &scratch, &loopback) != tarv_stat_ok) {
-        TARV_LOG(TARV_WARNING, "local_get_if_info_fn failed\n");
+    if (!ask_interface(req_ip, &pkey, &loopback)) {
         TARV_LOG(TARV_WARNING, "change pkey of path(s) from SA was skipped\n");
         return;
     }

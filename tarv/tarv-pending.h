@@ -113,7 +113,8 @@ void pending_push(tarv_list_t& list, Places& places, tarv_list_entry_t* entry) {
     pending_link(list, places, entry);
 }
 
-/* Takes the request off the list, to be put back or let go: it keeps its place by age. */
+/* Takes the request off the list, to be put back or let go: it keeps its place by age. Its maker,
+ * if it is busy, is told, and is not busy with it any more. */
 template <class Places>
 void pending_set_aside(tarv_list_t& list, Places& places, tarv_list_entry_t* entry) {
     KASSERT(list.count > 0);
@@ -125,6 +126,7 @@ void pending_set_aside(tarv_list_t& list, Places& places, tarv_list_entry_t* ent
     if (entry->maker)
         entry->maker->taken = true;
     entry->maker = nullptr;
+    tarv_clear_request_static_flag(entry);
 }
 
 /* The end of having been set aside for a request that does not come back. */
@@ -136,6 +138,53 @@ template <class Places>
 void pending_take(tarv_list_t& list, Places& places, tarv_list_entry_t* entry) {
     pending_set_aside(list, places, entry);
     pending_let_go(entry);
+}
+
+/* The last word for a request that was taken. No lock held. */
+inline void pending_give_last_word(tarv_list_entry_t* entry) {
+    tarv_retry_ib_data_request(entry, nullptr);
+    tarv_free_request(entry);
+}
+
+/* What its maker has to do with a request that it lets go of. */
+enum class pending_release_t : u8 {
+    nothing,      // it waits
+    was_taken,    // nothing either: it may be gone
+    give_answer,  // it is still busy, and an answer has come
+    give_last_word,
+};
+
+/* Answers are better than last words, and nobody is left to wait in a halted module. */
+template <class Places>
+pending_release_t pending_release(tarv_list_t& list, Places& places, tarv_list_entry_t* entry,
+                                  const tarv_maker_t* maker, bool drop_reply) {
+    if (maker->taken)
+        return pending_release_t::was_taken;
+    if (drop_reply)
+        entry->reply_cb = nullptr;
+    if (maker->answer.count > 0 && entry->reply_cb)
+        return pending_release_t::give_answer;
+    if (read_once(halted)) {
+        pending_take(list, places, entry);
+        return pending_release_t::give_last_word;
+    }
+    entry->maker = nullptr;
+    tarv_clear_request_static_flag(entry);
+    return pending_release_t::nothing;
+}
+
+/* Whether the timer has to look at the list: read without the lock, except in a halted module.
+ * There a request that is filed beside this look would be found by neither the timer nor, if it
+ * does not see the halt yet, its maker. */
+inline bool pending_is_worth_a_look(const tarv_list_t& list) TA_NO_ANALYSIS {
+    return read_once(list.count) != 0 || read_once(halted);
+}
+
+/* By who answers or ends requests in the order of their coming: neither its maker is busy with it
+ * nor somebody else trying an answer on it. */
+inline bool pending_may_be_taken(const tarv_list_entry_t* entry) {
+    const tarv_request_state_t state = tarv_request_state(entry);
+    return state == tarv_request_state_t::waiting || state == tarv_request_state_t::silent;
 }
 
 /* The request has waited for `limit` ticks, or nobody may wait any more. Ticks are counted modulo
@@ -153,8 +202,7 @@ bool pending_take_due(tarv_list_t& list, Places& places, u32 limit, tarv_found_l
     for (tarv_list_entry_t* entry : pending_by_age(places.by_age)) {
         if (!pending_is_due(entry, limit))
             break;
-        const bool is_aside = list_empty(&entry->list_struct);
-        if (is_aside || tarv_get_request_static_flag(entry))
+        if (!pending_may_be_taken(entry))
             continue;
         pending_take(list, places, entry);
         found.push_back(entry);

@@ -36,19 +36,14 @@ struct sa_places_t : pending_places_t<14> {
 };
 constinit sa_places_t places TA_GUARDED(tarv_sa_rl_lock) = {};
 
-bool nothing_waits() TA_NO_ANALYSIS {
-    return read_once(sa_requests.count) == 0;
-}
-
 /* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
 void trace_due(tarv_found_list& timed_out) TA_EXCL(tarv_sa_rl_lock) {
     constexpr char handler[] = "tarv_sa_req_timer_handler";
     const spin_guard guard(tarv_sa_rl_lock);
     for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
-        const int busy = tarv_get_request_static_flag(entry);
         TARV_LOG_FROM(handler, TARV_FUNC, "Checking sa request entry: <0x%p>, static flag:%d\n",
-                      static_cast<void*>(entry), busy);
-        if (busy || !pending_is_due(entry, sa_timeout))
+                      static_cast<void*>(entry), tarv_get_request_static_flag(entry));
+        if (!pending_may_be_taken(entry) || !pending_is_due(entry, sa_timeout))
             continue;
         TARV_LOG_FROM(handler, TARV_FUNC, "\t\t-> timeouted!\n");
         pending_take(sa_requests, places, entry);
@@ -70,7 +65,7 @@ void take_due(tarv_found_list& timed_out) TA_EXCL(tarv_sa_rl_lock) {
 tarv_list_entry_t* take_first(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
     const spin_guard guard(tarv_sa_rl_lock);
     for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
-        if (!busy_too && tarv_get_request_static_flag(entry))
+        if (!busy_too && !pending_may_be_taken(entry))
             continue;
         pending_take(sa_requests, places, entry);
         return entry;
@@ -81,9 +76,53 @@ tarv_list_entry_t* take_first(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
 /* A last word may be a re-issue, which comes onto the list too: it has one retry less left, so this
  * ends. */
 void give_last_words(bool busy_too) TA_EXCL(tarv_sa_rl_lock) {
-    while (tarv_list_entry_t* entry = take_first(busy_too)) {
-        tarv_retry_ib_data_request(entry, nullptr);
-        tarv_free_request(entry);
+    while (tarv_list_entry_t* entry = take_first(busy_too))
+        pending_give_last_word(entry);
+}
+
+/* Leaves an answer with the maker of a busy request; of two answers the one with more paths. */
+void leave_answer(tarv_maker_t* maker, const ib_path_record_v2_t* paths, int path_count)
+    TA_REQ(tarv_sa_rl_lock) {
+    KASSERT(spin_is_held(&tarv_sa_rl_lock));
+    if (!maker || path_count < maker->answer.count)
+        return;
+    maker->answer.count = path_count;
+    for (int i = 0; i < path_count; i++)
+        maker->answer.paths[i] = paths[i];
+}
+
+/* Sets the requests for the answer's GID aside, the oldest first. */
+void set_aside_for(const ib_path_record_v2_t* paths, int path_count, tarv_found_list& found)
+    TA_REQ(tarv_sa_rl_lock) {
+    tarv_list_entry_t* older = nullptr;
+    for (tarv_list_entry_t* entry = places.by_dgid.newest(paths[0].dgid); entry; entry = older) {
+        older = places.by_dgid.older(entry);
+        if (tarv_request_state(entry) == tarv_request_state_t::busy) {
+            leave_answer(entry->maker, paths, path_count);
+            continue;
+        }
+        pending_set_aside(sa_requests, places, entry);
+        found.push(entry);
+    }
+}
+
+/* Ends the setting aside: those that the answer did not satisfy go back to the list, or to
+ * `unanswered`, for their last word, when nobody may wait any more. */
+void put_back_unsatisfied(tarv_found_list& found, tarv_found_list& unanswered)
+    TA_REQ(tarv_sa_rl_lock) {
+    for (tarv_list_entry_t* entry : found) {
+        if (!entry->not_valid) {
+            pending_let_go(entry);
+            continue;
+        }
+        tarv_found_list::unlink(entry);
+        entry->not_valid = 0;
+        if (!read_once(halted)) {
+            pending_link(sa_requests, places, entry);
+            continue;
+        }
+        pending_let_go(entry);
+        unanswered.push_back(entry);
     }
 }
 
@@ -129,6 +168,22 @@ tarv_stat_t tarv_sa_remove_request(tarv_list_entry_t* entry) {
     return tarv_stat_ok;
 }
 
+/* While an answer is tried on it the request stays busy, so that the next one is kept as well. */
+void tarv_sa_release_request(tarv_list_entry_t* entry, tarv_maker_t* maker, bool drop_reply) {
+    pending_release_t release;
+    tarv_path_answer_t answer;
+    do {
+        const spin_guard guard(tarv_sa_rl_lock);
+        release = pending_release(sa_requests, places, entry, maker, drop_reply);
+        if (release == pending_release_t::give_answer) {
+            answer = maker->answer;
+            maker->answer.count = 0;
+        }
+    } while (release == pending_release_t::give_answer && !tarv_answer_request(entry, &answer));
+    if (release == pending_release_t::give_last_word)
+        pending_give_last_word(entry);
+}
+
 int tarv_sa_num_identical_reqs(tarv_list_entry_t* entry) {
     const spin_guard guard(tarv_sa_rl_lock);
     return places.count_identical(entry);
@@ -140,15 +195,7 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
     tarv_found_list found(*found_list);
     {
         const spin_guard guard(tarv_sa_rl_lock);
-        tarv_list_entry_t* older = nullptr;
-        for (tarv_list_entry_t* entry = places.by_dgid.newest(new_path[0].dgid); entry;
-             entry = older) {
-            older = places.by_dgid.older(entry);
-            if (tarv_get_request_static_flag(entry))
-                continue;
-            pending_set_aside(sa_requests, places, entry);
-            found.push(entry);
-        }
+        set_aside_for(new_path, path_count, found);
     }
     for (tarv_list_entry_t* entry : found) {
         const tarv_stat_t status = tarv_hash_update_paths(entry->req_ip, new_path, path_count,
@@ -159,23 +206,20 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
         if (status != tarv_stat_not_found)
             TARV_LOG(TARV_ERROR, "tarv_hash_update_paths() failed. returned %d\n", status);
     }
+    list_head unanswered_head;
+    INIT_LIST_HEAD(&unanswered_head);
+    tarv_found_list unanswered(unanswered_head);
     {
         const spin_guard guard(tarv_sa_rl_lock);
-        for (tarv_list_entry_t* entry : found) {
-            if (!entry->not_valid) {
-                pending_let_go(entry);
-                continue;
-            }
-            tarv_found_list::unlink(entry);
-            entry->not_valid = 0;
-            pending_link(sa_requests, places, entry);
-        }
+        put_back_unsatisfied(found, unanswered);
     }
+    while (tarv_list_entry_t* entry = unanswered.pop())
+        pending_give_last_word(entry);
     return found.empty() ? tarv_stat_not_found : tarv_stat_ok;
 }
 
 void tarv_sa_req_timer_handler(unsigned long) {
-    if (!nothing_waits()) {
+    if (pending_is_worth_a_look(sa_requests)) {
         list_head timed_out_head;
         INIT_LIST_HEAD(&timed_out_head);
         tarv_found_list timed_out(timed_out_head);

@@ -68,10 +68,18 @@ tarv_stat_t tarv_sa_get_port_gid_and_pkey(int port_num, setup_t* setup) {
         TARV_LOG(TARV_DEBUG, "gx_get_port_gid_tbl() failed <%d>\n", code);
         return tarv_stat_error;
     }
+    if (size == 0) {
+        TARV_LOG(TARV_DEBUG, "Port #%d has no GID.\n", port_num);
+        return tarv_stat_error;
+    }
     size = 1;
     code = gx_get_port_partition_tbl(hca.handle(), static_cast<u8>(port_num), &size, &setup->p_key);
     if (code != gx_return_ok) {
         TARV_LOG(TARV_DEBUG, "gx_get_port_partition_tbl() failed <%d>\n", code);
+        return tarv_stat_error;
+    }
+    if (size == 0) {
+        TARV_LOG(TARV_DEBUG, "Port #%d has no P_Key.\n", port_num);
         return tarv_stat_error;
     }
     TARV_LOG(TARV_FUNC, "Port #%d Partition key is 0x%X.\n", port_num, setup->p_key);
@@ -246,21 +254,32 @@ tarv_stat_t tarv_sa_update_sa_info(int port_num) {
     return tarv_stat_ok;
 }
 
+bool tarv_sa_known_gid(int port_num, gx_gid_t* gid) {
+    constexpr gx_gid_t none = {};
+    if (!sa_port_in_range(port_num))
+        return false;
+    *gid = sa_read_gid(port_data(port_num));
+    return !(*gid == none);
+}
+
 void tarv_sa_destroy(int port_num) {
     if (sa_port_in_range(port_num))
         tarv_sa_dereg_frm_gsi(port_num);
 }
 
+/* All ports that there are records for: an adapter may have come to report fewer than were set up.
+ */
 void tarv_sa_cleanup() {
     const int port_count = read_once(tarv_sa_g.port_count);
     TARV_LOG(TARV_DEBUG, "Port count is %d.\n", port_count);
-    for (int port_num = 1; port_num <= port_count; port_num++) {
-        TARV_LOG(TARV_DEBUG, "Trying to release port %d ...\n", port_num);
+    for (int port_num = 1; port_num <= TARV_SA_MAX_PORTS; port_num++) {
+        if (port_num <= port_count)
+            TARV_LOG(TARV_DEBUG, "Trying to release port %d ...\n", port_num);
         tarv_sa_dereg_frm_gsi(port_num);
     }
     // A callback on one port's answer may be making a query on another. Only when no answer is
     // being taken in any more is every datagram back.
-    for (int port_num = 1; port_num <= port_count; port_num++)
+    for (int port_num = 1; port_num <= TARV_SA_MAX_PORTS; port_num++)
         release_pool(port_num);
 }
 

@@ -30,7 +30,8 @@ extern atomic_t tarv_gsi_pending_cnt;
 void tarv_sa_start();
 
 /* Sets a port's context up; answers go to `new_path_cb` from now on, for all ports, also when the
- * set-up fails. tarv_stat_error when the port is set up already, or cannot be. Event context. */
+ * set-up fails. tarv_stat_error when the port is set up already, or cannot be: without a GID or a
+ * P_Key, for one. Event context. */
 tarv_stat_t tarv_sa_init(tarv_sa_new_path_cb_t new_path_cb, int port_num);
 
 /* Reads the port's subnet manager anew. tarv_stat_error when that fails or the port is not set up.
@@ -39,6 +40,10 @@ tarv_stat_t tarv_sa_update_sa_info(int port_num);
 
 /* Asks the adapter for the address of the port's subnet manager. Event context. */
 tarv_stat_t tarv_sa_get_sa_info(int port_num, gx_lid_t* sm_lid, gx_service_level_t* sm_sl);
+
+/* The GID that the port had when it was set up last, or was given since. False: it never was. No
+ * lock; any context. */
+bool tarv_sa_known_gid(int port_num, gx_gid_t* gid);
 
 /* Takes a port's context down, keeping its pool; waits until the GSI service lets go. Event
  * context. */

@@ -48,7 +48,7 @@ class Driver {
     enum How : std::uint8_t { fails = 1, answers = 2, knows_nothing = 4, ours = 8, odd_code = 16 };
 
     static tarv_stat_t send(tarv_arp_data_t* record, void* context, int) {
-        host::must_hold_no_lock("send_arp_data_fn");
+        const host::DriverCall call("send_arp_data_fn");
         const std::uint8_t how = static_cast<const Driver*>(context)->how_;
         tarv_arp_data_t answer = *record;
         std::swap(answer.src_ip, answer.dst_ip);
@@ -71,7 +71,7 @@ class Driver {
 std::optional<Driver> the_driver;
 
 tarv_stat_t Driver::interface(u32, gx_p_key_t* pkey, u32*, int*, int* loopback) {
-    host::must_hold_no_lock("get_if_info_fn");
+    const host::DriverCall call("get_if_info_fn");
     if (the_driver->how_ & knows_nothing)
         return tarv_stat_not_found;
     *pkey = the_driver->pkey_;

@@ -13,6 +13,7 @@
 #include "platform/gsi.h"
 #include "platform/jiffies.h"
 #include "platform/proc.h"
+#include "platform/semaphore.h"
 #include "platform/spinlock.h"
 #include "platform/timer.h"
 
@@ -141,6 +142,8 @@ int real_deregister_class(gsi_class_handle_t handle) BEHIND_DOOR(gsi_deregister_
 int door_deregister_class(gsi_class_handle_t handle) DOOR(gsi_deregister_class);
 void real_remove_proc(const char* name, proc_dir_entry* parent) BEHIND_DOOR(remove_proc_entry);
 void door_remove_proc(const char* name, proc_dir_entry* parent) DOOR(remove_proc_entry);
+void real_schedule() BEHIND_DOOR(schedule);
+void door_schedule() DOOR(schedule);
 
 unsigned long door_jiffies() {
     return real_jiffies() * stress::clock_speed.load(std::memory_order_relaxed) +
@@ -205,4 +208,9 @@ int door_deregister_class(gsi_class_handle_t handle) {
 void door_remove_proc(const char* name, proc_dir_entry* parent) {
     visit(Door::file_removal, name);
     real_remove_proc(name, parent);
+}
+
+void door_schedule() {
+    visit(Door::idle, nullptr);
+    real_schedule();
 }

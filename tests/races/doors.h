@@ -23,8 +23,9 @@ enum class Door : std::uint8_t {
     timer_stopped,     ///< after that; the object is the timer, as before
     class_still_busy,  ///< the GSI service has refused to end a registration
     file_removal,      ///< before a file is removed and its handlers are waited for
+    idle,              ///< before a thread that waits for others gives its processor away
 };
-inline constexpr std::size_t door_count = 8;
+inline constexpr std::size_t door_count = 9;
 
 /// `object` is what the call is about.
 using Visitor = std::function<void(const void* object)>;

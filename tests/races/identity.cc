@@ -64,7 +64,7 @@ u16 command_lid(u32 number) {
 }  // namespace
 
 u32 address_of(unsigned peer) {
-    return 10u | 1u << 16 | peer << 24;  // 10.0.1.PEER
+    return 10u | (1 + (peer >> 8)) << 16 | peer << 24;  // 10.0.1.PEER and on
 }
 u32 our_address() {
     return 10u | 1u << 24;

@@ -18,7 +18,7 @@ namespace stress {
 inline constexpr unsigned peer_count = 48;
 inline constexpr unsigned first_static_peer = 40;  ///< from here on an administrator speaks of them
 
-/// The address of a peer, and our own, in network order.
+/// The address of a peer, or with a higher number of nobody, and our own, in network order.
 u32 address_of(unsigned peer);
 u32 our_address();
 std::string text_of(u32 address);

@@ -14,7 +14,7 @@ constexpr Place all_places[] = {
      drive_reply_inside_send},
     {"reply_beside_send", "the ARP reply comes on another thread while the driver sends", 1,
      drive_reply_beside_send},
-    {"driver_change", "the driver is exchanged while a request is made", 1, drive_driver_change},
+    {"driver_change", "the driver is exchanged while it is called", 1, drive_driver_change},
     {"time_out_of_arp", "the ARP time-out pass and the completion reach for one request", 1,
      drive_time_out_of_arp},
     {"time_out_of_paths", "the SA time-out pass and the completion reach for one request", 1,
@@ -34,6 +34,10 @@ constexpr Place all_places[] = {
      drive_unload_during_query},
     {"halt_during_filing", "a halt passes the lists while a request is being filed", 4,
      drive_halt_during_filing},
+    {"halt_during_reissue", "a halt comes while the timer issues 2000 requests anew", 80,
+     drive_halt_during_reissue},
+    {"halt_during_query", "a halt comes while a query is made, or an answer tried", 4,
+     drive_halt_during_query},
 };
 
 void drive_place(Site& site, const Place& place, unsigned rounds) {

@@ -85,5 +85,7 @@ Tally drive_event_during_query(Site& site, unsigned rounds);
 Tally drive_unload_during_callback(Site& site, unsigned rounds);
 Tally drive_unload_during_query(Site& site, unsigned rounds);
 Tally drive_halt_during_filing(Site& site, unsigned rounds);
+Tally drive_halt_during_reissue(Site& site, unsigned rounds);
+Tally drive_halt_during_query(Site& site, unsigned rounds);
 
 }  // namespace stress

@@ -7,8 +7,9 @@
 
 #include "host/check.h"
 #include "platform/atomic.h"
+#include "platform/jiffies.h"
 #include "tarv/tarv-api.h"
-#include "tarv/tarv-pending.h"
+#include "tarv/tarv-arp-hash.h"
 #include "tests/races/doors.h"
 #include "tests/races/places.h"
 
@@ -29,8 +30,10 @@ void hear(const Site& site, unsigned peer, unsigned generation) {
     site.driver.deliver(site.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
 }
 
-/* A callback that is inside the module until somebody lets it go. */
+/* A callback that is inside the module until somebody lets it go; unless it runs on the thread that
+ * made the request, since the answer came before that was done. */
 struct Inside {
+    const std::thread::id asker = std::this_thread::get_id();
     std::atomic<bool> entered = false;
     std::atomic<host::Context> context = host::Context::process;
     std::atomic<bool> let_go = false;
@@ -38,7 +41,8 @@ struct Inside {
     OnReply on_reply = [this](Request&, tarv_stat_t) {
         context = host::current_context();
         entered = true;
-        wait_until("the unload comes to a callback", [this] { return let_go.load(); });
+        if (std::this_thread::get_id() != asker)
+            wait_until("the unload comes to a callback", [this] { return let_go.load(); });
         left = true;
     };
 };
@@ -166,14 +170,19 @@ constexpr QueryMaker query_makers[] = {
 /* The query's maker has a datagram, and is held until the unload comes to where it waits for it. */
 Tally drive_unload_during_query(Site& site, unsigned rounds) {
     Tally tally;
+    const std::thread::id me = std::this_thread::get_id();
+    std::atomic<bool> making = false;
+    std::atomic<bool> let_go = false;
     const OnReply ask_again = [&](Request&, tarv_stat_t) {
         new_request().ask(site.client, 0, tarv_paths_both, false);
+        // On the thread that is to unload the module there is nobody to hold.
+        if (std::this_thread::get_id() == me)
+            making = true;
     };
     for (unsigned round = 0; round < rounds; round++) {
         const QueryMaker& maker = query_makers[round % std::size(query_makers)];
-        const std::thread::id me = std::this_thread::get_id();
-        std::atomic<bool> making = false;
-        std::atomic<bool> let_go = false;
+        making = false;
+        let_go = false;
         site.wait_for_ports();
         {
             const AtDoor buffer(Door::query_buffer, [&](const void*) {
@@ -199,8 +208,8 @@ Tally drive_unload_during_query(Site& site, unsigned rounds) {
     return tally;
 }
 
-/* In even rounds the halt comes while the driver sends: it passes over the busy request. In odd
- * rounds halt and maker come to the list at the same time. */
+/* In even rounds the halt comes while the driver sends: it passes over the busy request, whose
+ * maker gives it its last word. In odd rounds halt and maker come to the list at the same time. */
 Tally drive_halt_during_filing(Site& site, unsigned rounds) {
     Tally tally;
     Meeting under_way, passed, locks;  // under way: past the test for a halted module
@@ -258,8 +267,97 @@ Tally drive_halt_during_filing(Site& site, unsigned rounds) {
             told += request->replies() != 0;
             site.load();
         });
-    tally.note = std::to_string(told) + " timed out, " + std::to_string(rounds - told) +
-                 " waiting at the end";
+    tally.note =
+        std::to_string(told) + " timed out, " + std::to_string(rounds - told) + " were refused";
+    return tally;
+}
+
+/* The ARP timer is issuing many requests anew, and is inside the driver with one of them. */
+Tally drive_halt_during_reissue(Site& site, unsigned rounds) {
+    constexpr unsigned waiting = 2000;
+    Tally tally;
+    Meeting sending, passed;
+    unsigned until_met = 0;
+    const DriverDoes does(site, [&, me = std::this_thread::get_id()](const tarv_arp_data_t&) {
+        if (std::this_thread::get_id() != me && --until_met == 0) {
+            sending.arrive();
+            passed.arrive();
+        }
+        return tarv_stat_ok;
+    });
+    for (unsigned round = 0; round < rounds; round++) {
+        fire_after(tarv_req_timer, [&] {
+            for (unsigned i = 0; i < waiting; i++)
+                new_request().ask(site.client, peer_count + i, tarv_paths_none, false);
+            skip_ticks(1000);
+            until_met = 1 + round * 37 % waiting;
+        });
+        sending.arrive();
+        Site::command("halt\n");
+        tally.met++;
+        passed.arrive();
+        site.unload();
+        site.load();
+    }
+    tally.note = std::to_string(waiting) + " waited each time";
+    return tally;
+}
+
+/* In even rounds the maker of a query is held until the halt has passed over its request. In odd
+ * rounds the halt comes while one path is tried on a request for two, which would wait on. */
+Tally drive_halt_during_query(Site& site, unsigned rounds) {
+    Tally tally;
+    site.fabric.sa().faults().drop_all();
+    {
+        Meeting busy, passed;
+        Request* request = nullptr;
+        const auto hold = [&] {
+            busy.arrive();
+            passed.arrive();
+        };
+        const auto ask = [&](unsigned round) {
+            request->ask(site.client, round % peer_count, tarv_paths_both, false);
+        };
+        in_step(
+            rounds,
+            [&](unsigned round) {
+                site.wait_for_ports();
+                hear(site, round % peer_count, round);
+                request = &new_request();
+                if (round % 2 == 1)
+                    ask(round);
+            },
+            [&](unsigned round) {
+                if (round % 2 == 0) {
+                    const AtMyDoor door(Door::query_buffer, [&](const void*) { hold(); });
+                    ask(round);
+                    return;
+                }
+                const host::ContextScope scope(host::Context::gsi);
+                const AtMyDoor door(Door::lock, [&, met = false](const void* lock) mutable {
+                    if (lock != &tarv_lock || met)
+                        return;
+                    met = true;
+                    hold();
+                });
+                ib_path_record_v2_t paths[2];
+                site.identities.paths_to(round % peer_count, round, paths);
+                tarv_process_path_rec_data(paths, 1, 1);
+            },
+            [&](unsigned) {
+                busy.arrive();
+                Site::command("halt\n");
+                tally.met++;
+                passed.arrive();
+            },
+            [&](unsigned) {
+                if (request->replies() != 1)
+                    violation("lost answer: a client of a halted module has %d",
+                              request->replies());
+                site.reload();
+            });
+    }
+    site.fabric.sa().clear();
     return tally;
 }
 

@@ -3,6 +3,7 @@
 // Places around requests that wait for ARP: their maker, and those who take them off the list.
 #include <array>
 #include <atomic>
+#include <functional>
 
 #include "host/check.h"
 #include "platform/atomic.h"
@@ -134,64 +135,130 @@ Tally drive_reply_beside_send(Site& site, unsigned rounds) {
 
 namespace {
 
-/* A driver that knows its own context. */
+/* What the thread that makes a request does inside the driver's functions. */
+std::function<void()> inside_driver;
+std::thread::id maker;
+
+/* A driver that knows its own context, and when it may be called no more. */
 template <int Number>
 struct NumberedDriver {
     static inline const int context = Number;
+    static inline std::atomic<bool> gone = true;
 
+    static void be_called(const char* function) {
+        const host::DriverCall call(function);
+        if (gone.load(std::memory_order_relaxed))
+            violation("%s was entered after tarv_detach had returned", function);
+        if (std::this_thread::get_id() == maker)
+            inside_driver();
+        if (gone.load(std::memory_order_relaxed))
+            violation("%s was still running when tarv_detach returned", function);
+    }
     static tarv_stat_t send(tarv_arp_data_t*, void* given, int) {
         if (given != &context)
             violation("torn driver: the send function of one driver got the context of another");
+        be_called("send_arp_data_fn");
         return tarv_stat_ok;
     }
-    static tarv_stat_t info(u32, gx_p_key_t*, u32*, int*, int*) { return tarv_stat_error; }
+    static tarv_stat_t info(u32, gx_p_key_t*, u32*, int*, int*) {
+        be_called("get_if_info_fn");
+        return tarv_stat_error;
+    }
     static void attach() {
+        gone.store(false, std::memory_order_relaxed);
         void* handle = nullptr;
         if (tarv_attach(info, send, const_cast<int*>(&context), &handle) != tarv_stat_ok)
             violation("a driver cannot be attached though there is none");
+    }
+    static void detach() {
+        tarv_detach(TARV_ATTACH_HANDLE);
+        gone.store(true, std::memory_order_relaxed);
     }
 };
 
 void attach_numbered(unsigned number) {
     number % 2 == 0 ? NumberedDriver<0>::attach() : NumberedDriver<1>::attach();
 }
+void detach_numbered(unsigned number) {
+    number % 2 == 0 ? NumberedDriver<0>::detach() : NumberedDriver<1>::detach();
+}
+
+/* Where the one who calls the driver is when it goes: about to call it, inside one of its
+ * functions, or at the attachment at the same time. */
+enum class Calling { soon, send, info, at_once };
+
+Calling calling_in(unsigned round) {
+    return static_cast<Calling>(round % 4);
+}
 
 }  // namespace
 
-/* A request knows that there is a driver, and files itself, when the driver goes and another one
- * comes. In every third round the two reach for the attachment at the same time. */
+/* The driver goes and another one comes while a request is made or a packet taken in. The caller is
+ * held until the detaching has come to wait for it, or has not waited. */
 Tally drive_driver_change(Site& site, unsigned rounds) {
     Tally tally;
     Meeting held;
-    Meeting changed;
+    Meeting leaving;
+    Meeting lock_of_driver;
+    Calling calling = Calling::soon;
+    const auto hold = [&] {
+        held.arrive();
+        leaving.arrive();
+    };
+    maker = std::this_thread::get_id();
+    inside_driver = [&] {
+        if (calling == Calling::send || calling == Calling::info)
+            hold();
+        calling = Calling::at_once;  // once is enough
+    };
     site.driver.detach();
     attach_numbered(0);
+    Site::command("sa_queries off\n");
     in_step(
-        rounds, [](unsigned) {},
+        rounds, [&](unsigned round) { calling = calling_in(round); },
         [&](unsigned round) {
-            const void* const meet_at = round % 3 == 2 ? &driver_lock : &tarv_rl_lock;
             bool met = false;
             const AtMyDoor door(Door::lock, [&](const void* lock) {
-                if (lock != meet_at || met)
+                const bool soon = calling_in(round) == Calling::soon && lock == &tarv_rl_lock;
+                const bool at_once = calling_in(round) == Calling::at_once && lock == &driver_lock;
+                if (met || (!soon && !at_once))
                     return;
                 met = true;
-                held.arrive();
-                if (round % 3 != 2)
-                    changed.arrive();
+                soon ? hold() : lock_of_driver.arrive();
             });
-            new_request().ask(site.client, round % peer_count, tarv_paths_none, true);
+            if (calling_in(round) == Calling::info)
+                hear(site, round % peer_count, round);
+            else
+                new_request().ask(site.client, round % peer_count, tarv_paths_none, true);
         },
         [&](unsigned round) {
-            held.arrive();
-            tarv_detach(TARV_ATTACH_HANDLE);
-            attach_numbered(round + 1);
+            bool waits = calling_in(round) == Calling::at_once;
+            const AtMyDoor lock(Door::lock, [&, met = false](const void* object) mutable {
+                if (calling_in(round) != Calling::at_once || object != &driver_lock || met)
+                    return;
+                met = true;
+                lock_of_driver.arrive();
+            });
+            const AtMyDoor door(Door::idle, [&](const void*) {
+                if (waits)
+                    return;
+                waits = true;
+                leaving.arrive();
+            });
+            if (!waits)
+                held.arrive();
+            detach_numbered(round);
             tally.met++;
-            if (round % 3 != 2)
-                changed.arrive();
+            if (!waits)
+                leaving.arrive();
+            attach_numbered(round + 1);
         },
         // Among many identical requests nothing would be sent.
-        [&](unsigned round) { hear(site, round % peer_count, round); });
-    tarv_detach(TARV_ATTACH_HANDLE);
+        [&](unsigned round) {
+            calling = Calling::at_once;
+            hear(site, round % peer_count, round);
+        });
+    detach_numbered(rounds);
     site.driver.attach();
     return tally;
 }

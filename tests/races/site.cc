@@ -21,8 +21,31 @@ unsigned long first_jiffy(unsigned long speed) {
     return (1ul << 32) / speed - 3000;
 }
 
+/* For the scope the module is inside one of the driver's functions, so the driver has to be there.
+ */
+class Visit {
+  public:
+    Visit(const Driver& driver, const char* function)
+        : driver_(driver), function_(function), call_(function) {
+        look("entered");
+    }
+    ~Visit() { look("left"); }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+  private:
+    void look(const char* what) const {
+        if (driver_.gone.load(std::memory_order_relaxed))
+            violation("%s was %s after tarv_detach had returned", function_, what);
+    }
+
+    const Driver& driver_;
+    const char* const function_;
+    const host::DriverCall call_;
+};
+
 tarv_stat_t send_arp(tarv_arp_data_t* record, void* context, int) {
-    host::must_hold_no_lock("send_arp_data_fn");
+    const Visit visit(*static_cast<Driver*>(context), "send_arp_data_fn");
     counted.arp_sent++;
     if (record->mask != 0x403 || record->arp_operation != TARV_ARP_OP_REQUEST)
         violation("torn record: the driver was handed an ARP request with mask 0x%x", record->mask);
@@ -33,9 +56,10 @@ tarv_stat_t send_arp(tarv_arp_data_t* record, void* context, int) {
 std::atomic<Driver*> the_driver = nullptr;
 
 tarv_stat_t interface_info(u32, gx_p_key_t* pkey, u32*, int*, int* loopback) {
-    host::must_hold_no_lock("get_if_info_fn");
+    const Driver& driver = *the_driver.load();
+    const Visit visit(driver, "get_if_info_fn");
     *loopback = 0;
-    return the_driver.load()->on_interface_info(pkey);
+    return driver.on_interface_info(pkey);
 }
 
 /* What the driver does by default. */
@@ -88,6 +112,7 @@ void Entrance::open() {
 }
 
 void Driver::attach() {
+    gone.store(false, std::memory_order_relaxed);
     auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
     if (!attach_fn || attach_fn(interface_info, send_arp, this, &handle_) != tarv_stat_ok)
         host::die("the driver cannot be attached");
@@ -98,6 +123,7 @@ void Driver::detach() {
     entrance.close();
     if (module_function<tarv_detach_fn_t>("tarv_detach_fn")(handle_) != tarv_stat_ok)
         violation("the driver cannot be detached");
+    gone.store(true, std::memory_order_relaxed);
 }
 
 tarv_stat_t Driver::deliver(tarv_arp_data_t packet) const {
@@ -136,9 +162,12 @@ void Site::load() {
     command("sa_queries on");
 }
 
-/* Whoever waits for ARP when the ARP timer has been stopped for the last time is told nothing. */
+/* Whoever waits for ARP when the ARP timer has been stopped for the last time is told nothing. In a
+ * halted module nobody waits. */
 void Site::unload() {
     driver.detach();
+    const bool was_halted = read_once(halted);
+    const unsigned long silent = counted.silent.value();
     {
         const AtMyDoor door(Door::timer_stopped, [](const void* timer) {
             if (timer == &tarv_req_timer)
@@ -150,6 +179,9 @@ void Site::unload() {
     counted.reloads++;
     look_at_remains();
     settle_ledgers();
+    if (was_halted && counted.silent.value() != silent)
+        violation("lost answer: %lu requests were waiting for ARP when a halted module went",
+                  counted.silent.value() - silent);
     host::clear_console();
 }
 

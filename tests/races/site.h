@@ -53,6 +53,9 @@ class Driver {
     void attach();
     void detach();  ///< waits for packets that are being handed over
 
+    /// Its functions must not be called, nor run any more.
+    std::atomic<bool> gone = true;
+
     /// Hands a packet over, on a driver's thread. Only while the driver is attached.
     tarv_stat_t deliver(tarv_arp_data_t packet) const;
 

@@ -244,17 +244,20 @@ tarv_stat_t Model::arp(const tarv_arp_data_t& packet) {
     if (Cached* const entry = find(record.dst_ip)) {
         entry->stamp = jiffies();
         tally_.note(Outcome::kept_static);
-        complete(tarv_arp_data_t(entry->record));
+        complete(tarv_arp_data_t(entry->record), packet);
         return tarv_stat_ok;
     }
     record.mask |= TARV_MASK_SRC_IP;
     add(record);
     tally_.note(Outcome::learned);
-    complete(record);
+    complete(record, packet);
     return tarv_stat_ok;
 }
 
-void Model::complete(const tarv_arp_data_t& record) {
+void Model::complete(const tarv_arp_data_t& record, const tarv_arp_data_t& packet) {
+    const auto known_by = [&](std::uint32_t bit) -> const tarv_arp_data_t& {
+        return record.mask & bit ? record : packet;
+    };
     const auto is_for = [&](const Waiting& waiting) { return waiting.ip == record.dst_ip; };
     Requests taken;
     std::copy_if(arp_.begin(), arp_.end(), std::back_inserter(taken), is_for);
@@ -266,11 +269,11 @@ void Model::complete(const tarv_arp_data_t& record) {
             reply(waiting, tarv_stat_ok, &record);
             continue;
         }
-        if (!query(record.local_port_num)) {
+        if (!query(known_by(TARV_MASK_LOCAL_PORT).local_port_num)) {
             reply(waiting, tarv_stat_error, nullptr);
             continue;
         }
-        waiting.dgid = record.gid;
+        waiting.dgid = known_by(TARV_MASK_GID).gid;
         waiting.stamp = now32();
         sa_.push_back(waiting);
     }

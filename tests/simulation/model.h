@@ -157,7 +157,8 @@ class Model {
     tarv_stat_t ask_sa(const Question& question, int retries, const tarv_arp_data_t& cached);
     void reissue(const Waiting& waiting);
     void time_out(Requests& list, std::uint32_t limit, bool arp);
-    void complete(const tarv_arp_data_t& record);
+    /// Whoever waits for that peer; `packet` told of it.
+    void complete(const tarv_arp_data_t& record, const tarv_arp_data_t& packet);
     void reply(const Waiting& waiting, tarv_stat_t status, const tarv_arp_data_t* record);
     bool query(std::uint32_t port);
     void give_static_path(tarv_arp_data_t& record);

@@ -67,6 +67,7 @@ class KernelTest : public testing::Test {
     explicit KernelTest(unsigned long first_jiffy = 1000)
         : kernel(host::Options{host::Clock::virtual_time, first_jiffy}) {
         trace(TARV_PANIC);
+        tarv_driver_start();
         write_once(halted, 0);
         write_once(enabled, 0);
         write_once(sa_queries_enabled, 0);

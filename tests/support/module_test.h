@@ -43,7 +43,7 @@ struct StandInDriver {
     std::function<tarv_stat_t(tarv_arp_data_t& record, int media_reset)> send;
 
     static tarv_stat_t send_arp(tarv_arp_data_t* record, void* context, int media_reset) {
-        host::must_hold_no_lock("send_arp_data_fn");
+        const host::DriverCall call("send_arp_data_fn");
         return static_cast<StandInDriver*>(context)->send(*record, media_reset);
     }
     static tarv_stat_t interface(u32, gx_p_key_t* pkey, u32*, int*, int* loopback) {
@@ -184,9 +184,14 @@ class SiteTest : public FabricTest {
     }
 
     /// The entry that `host` has when it was learned from ARP, with further bits of the mask, under
-    /// its own or another address.
-    void know(int host, u32 more = 0, u32 address = 0) {
+    /// its own or another address. What `lacking` names of GID and port is not known.
+    void know(int host, u32 more = 0, u32 address = 0, u32 lacking = 0) {
         tarv_arp_data_t data = heard(host);
+        data.mask &= ~lacking;
+        if (lacking & TARV_MASK_GID)
+            data.gid = {};
+        if (lacking & TARV_MASK_LOCAL_PORT)
+            data.local_port_num = 0;
         data.src_ip = host_ip(1);
         data.dst_ip = address ? address : host_ip(host);
         data.mask |= TARV_MASK_SRC_IP | more;

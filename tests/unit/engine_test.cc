@@ -13,6 +13,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
+constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
 
 struct EngineTest : SiteTest {
     void raise(u32 type, int port) {
@@ -75,6 +76,52 @@ TEST_F(EngineTest, NamesAreWithdrawnInTheirOrder) {
             },
             std::string("nobody registered the name ") + order[i] + " ");
 }
+
+struct LinkDown {
+    const char* name;
+    int port;
+    std::vector<u32> kept;  // masks of the entries that stay
+    bool adapter_tells = true;
+};
+struct LinkDownTest : EngineTest, testing::WithParamInterface<LinkDown> {};
+
+TEST_P(LinkDownTest, PurgesExactlyThatPortsPaths) {
+    const LinkDown& row = GetParam();
+    const std::vector<u32> masks = {0,
+                                    primary,
+                                    secondary,
+                                    primary | secondary,
+                                    primary | TARV_MASK_STATIC,
+                                    secondary | TARV_MASK_STATIC};
+    for (u32 n = 0; n < masks.size(); n++)
+        know(2, masks[n], host_ip(100) + (n << 24));
+    trace(TARV_DEBUG);
+    host::clear_faults();
+    if (!row.adapter_tells)
+        host::fail_nth("port_num2base_gid", 1);
+    set_link(row.port, false);
+    EXPECT_THAT(masked(),
+                ElementsAre("D tarv_api/tarv_async_event_cb: Received link_down <port:" +
+                            std::to_string(row.port) + ">"));
+    std::vector<u32> kept;
+    for (u32 n = 0; n < masks.size(); n++)
+        if (knows(host_ip(100) + (n << 24)))
+            kept.push_back(masks[n]);
+    EXPECT_EQ(kept, row.kept);
+    EXPECT_EQ(table().size, row.kept.size());
+    EXPECT_EQ(fabric.gsi().open_classes(), 1u);
+    EXPECT_EQ(fabric.gsi().pools(), 2u) << "it serves the next set-up";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, LinkDownTest,
+    testing::Values(LinkDown{"port_1", 1, {0, secondary, secondary | TARV_MASK_STATIC}},
+                    LinkDown{"port_2", 2, {0, primary, primary | TARV_MASK_STATIC}},
+                    LinkDown{"port_2_whose_gid_is_only_remembered",
+                             2,
+                             {0, primary, primary | TARV_MASK_STATIC},
+                             false}),
+    row_name);
 
 struct Refused {
     const char* name;

@@ -128,6 +128,43 @@ INSTANTIATE_TEST_SUITE_P(Site, StaticPathTest,
                                          StaticPath{"no_interface", 1, "get_if_info", 0xFFFF}),
                          row_name);
 
+struct Protected {
+    const char* name;
+    u32 cached;
+    tarv_paths_t wanted;
+    std::size_t queries;
+    u32 lacking = 0;
+};
+struct ProtectedTest : IntakeTest, testing::WithParamInterface<Protected> {};
+
+TEST_P(ProtectedTest, AStaticEntryStaysTheOnlyOneAndAnswers) {
+    const Protected& row = GetParam();
+    wait_for_2({row.wanted});
+    know(2, TARV_MASK_STATIC | row.cached, 0, row.lacking);
+    write_once(statics_inv_enabled, 0);
+    tarv_arp_data_t forged = heard(2);
+    forged.lid = 999;
+    EXPECT_EQ(hear(forged), tarv_stat_ok);
+    EXPECT_EQ(table().size, 1u);
+    kernel.advance(10);
+    EXPECT_EQ(queries(), row.queries);
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].status, tarv_stat_ok);
+    EXPECT_EQ(replies[0].record.lid, heard(2).lid);
+    EXPECT_TRUE(replies[0].record.mask & TARV_MASK_STATIC);
+    EXPECT_TRUE(tarv_mask_has_paths(replies[0].record.mask, row.wanted));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Site, ProtectedTest,
+    testing::Values(Protected{"no_paths_wanted", 0, tarv_paths_none, 0},
+                    Protected{"all_paths_there", both, tarv_paths_both, 0},
+                    Protected{"primary_there", TARV_MASK_PRIMARY_PATH, tarv_paths_primary, 0},
+                    Protected{"secondary_missing", TARV_MASK_PRIMARY_PATH, tarv_paths_both, 1},
+                    Protected{"no_gid", 0, tarv_paths_primary, 1, TARV_MASK_GID},
+                    Protected{"no_port", 0, tarv_paths_both, 1, TARV_MASK_LOCAL_PORT}),
+    row_name);
+
 struct Inside {
     const char* name;
     tarv_paths_t wanted;
@@ -163,6 +200,12 @@ INSTANTIATE_TEST_SUITE_P(Site, InsideTest, testing::Values(
     Inside{"sent_paths_wanted", tarv_paths_both, tarv_stat_ok, "+2 client told 0 with 10.0.0.2"},
     Inside{"failed_paths_wanted", tarv_paths_both, tarv_stat_error, "+2 client told 0 with 10.0.0.2"}), row_name);
 // clang-format on
+TEST_F(IntakeTest, ADriverThatDetachesItselfWhileItIsCalledIsStopped) {
+    StandInDriver driver{[&](tarv_arp_data_t&, int) { return tarv_detach(TARV_ATTACH_HANDLE); }};
+    use(driver);
+    EXPECT_DEATH(ask(host_ip(2)), "down: may sleep, but was called inside send_arp_data_fn");
+}
+
 
 struct PathIntakeTest : IntakeTest {};
 

@@ -21,7 +21,7 @@ constexpr gx_p_key_t interface_pkey = 0x8123;
 
 tarv_stat_t interface_info(u32 address, gx_p_key_t* pkey, u32* unused, int* scratch,
                            int* loopback) {
-    host::must_hold_no_lock("get_if_info");
+    const host::DriverCall call("get_if_info");
     EXPECT_EQ(unused, nullptr);
     *scratch = 1;
     driver.asked.push_back(address);

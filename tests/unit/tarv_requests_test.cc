@@ -196,6 +196,8 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
                                                        : "D tarv_sa_add_request: Added SA req: %p",
                                                    due)});
     trace(TARV_PANIC);
+    tarv_list_entry_t* next = request("c");
+    list.add(next);
     kernel.advance(list.limit - 1);
     tarv_list_entry_t* busy = request("b");
     tarv_set_request_static_flag(busy);
@@ -206,17 +208,21 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
     const std::string checking = fn + (arp ? "Checking request entry: <0x%p>"
                                            : "Checking sa request entry: <0x%p>, static flag:%d");
     const std::string found = fn + host::kformat("found entry : 0x%p", due);
+    const std::string found_next = fn + host::kformat("found entry : 0x%p", next);
     const std::string retried =
         "D tarv_api/tarv_retry_ib_data_request: "
         "maximum number of retries. stopped trying.";
     Lines expected = {host::kformat(checking.c_str(), busy, 1),
+                      host::kformat(checking.c_str(), next, 0), fn + "\t\t-> timeouted!",
                       host::kformat(checking.c_str(), due, 0), fn + "\t\t-> timeouted!"};
-    // An ARP request is announced before its retry, an SA request is freed after all retries.
+    // An ARP request is announced before its retry; no SA request is freed before all have been
+    // told.
+    const std::string processed = fn + "All the timeouted requests processed.";
     for (const std::string& line :
-         arp ? Lines{fn + "All the timeouted requests processed.",
+         arp ? Lines{processed, processed,
                      "D tarv_req_timer_handler: *** At least one timeout found resetting media ***",
-                     found, retried}
-             : Lines{retried, found})
+                     found, retried, found_next, retried}
+             : Lines{retried, retried, found, found_next})
         expected.push_back(line);
     EXPECT_EQ(told(list.unit), expected);
 }

@@ -2,6 +2,7 @@
 //
 // The ports' SA contexts: what a set-up asks for and logs, what each of its failures leaves, and
 // how contexts come and go.
+#include "tarv/tarv-sa-private.h"
 #include "tests/support/module_test.h"
 
 namespace {
@@ -70,6 +71,8 @@ TEST_F(SaContext, IsSetUpStepByStep) {
             "D tarv_sa_init: gid:0xFE80000000000000,0x1002, p_key:8005, sm_lid:11,",
             "gsi_class_handle:P, gsi_pool_handle:P"}));
     EXPECT_EQ(open(), (Open{0, 1, 1}));
+    EXPECT_EQ(fabric.gsi().registered(),
+              (Lines{"class 3 version 2 on port 2, client, RMPP", "pool tarv of 1000"}));
     EXPECT_EQ(shown(),
               (Lines{"err: param: 0, port: 0, get: 0, dgram: 0, gsi err: 0, 0", "port num: 2",
                      nothing_set_up,
@@ -134,6 +137,15 @@ INSTANTIATE_TEST_SUITE_P(
                         "D Creating new GSI datagram pool\nE Can't allocate GSI datagram pool\n",
                         no_gsi, "0, 2"}),
     support::row_name);
+
+TEST_F(SaContext, NeedsAPKey) {
+    fabric.set_pkeys(1, {});
+    trace(TARV_DEBUG);
+    EXPECT_EQ(set_up(1), tarv_stat_error);
+    EXPECT_EQ(told("tarv_sa"), (Lines{std::string("D ") + gid_fn + ": Port #1 has no P_Key.",
+                                      "E tarv_sa_init: Cannot get port #1 gid and pkey"}));
+    EXPECT_EQ(open(), (Open{0, 0, 0}));
+}
 
 TEST_F(SaContext, KeepsItsPoolFromLinkDownToLinkUp) {
     ASSERT_EQ(set_up(1), tarv_stat_ok);
@@ -229,6 +241,10 @@ TEST_P(ManyPorts, AreServedUpToEight) {
     }
     EXPECT_EQ(shown()[1], too_many ? "port num: 0" : "port num: 8");
     EXPECT_EQ(open(), too_many ? (Open{0, 0, 0}) : (Open{0, 2, 2}));
+    // As after a set-up on an adapter that reports fewer.
+    tarv_sa_g.port_count = 1;
+    tarv_sa_cleanup();
+    EXPECT_EQ(open(), (Open{0, 0, 0}));
 }
 INSTANTIATE_TEST_SUITE_P(Adapters, ManyPorts, testing::Values(8, 9));
 

@@ -304,10 +304,13 @@ TEST_P(AnswerSizes, DecideHowManyPathsCount) {
         fabric.sa().answer_over_rmpp();
     trace(TARV_DEBUG);
     ask();
-    const std::string parse = told_by("tarv_sa_parse_path_rec_query_mad_reply", "tarv_sa");
     ASSERT_EQ(deliveries.size(), row.delivered ? 1u : 0u);
-    if (!row.delivered)
+    if (!row.delivered) {
+        EXPECT_EQ(told_by("tarv_sa_recv_done_cb", "tarv_sa"),
+                  "D Error processing the incoming MAD\n");
         return;
+    }
+    const std::string parse = told_by("tarv_sa_parse_path_rec_query_mad_reply", "tarv_sa");
     EXPECT_TRUE(row.records == 1 || row.cut != 0 ||
                 (parse.find("D RMPP reply") != std::string::npos) ==
                     (in_segments || row.records > 3));
