@@ -37,7 +37,8 @@ inline bool tarv_log_enabled(tarv_log_level_t level) {
     return read_once(logger_trace_level) >= level && read_once(TARV_trace_level) >= level;
 }
 
-/* A line of the function `name`: for helpers that do a part of its work. */
+/* A line of the function `name`, for helpers that do a part of its work. A file names such a
+ * function once, as it does its unit, and gives that constant here. */
 #define TARV_LOG_FROM(name, level, format, ...)                                            \
     do {                                                                                   \
         if (tarv_log_enabled(level))                                                       \

@@ -16,6 +16,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
+constexpr char reading[] = "tarv_proc_read";
 
 /* Held for a whole write, so that the buffers and the commands have one user at a time. */
 constinit semaphore tarv_proc_write_cmd = {};
@@ -110,7 +111,7 @@ int end_of_file(char** start, int* eof, int length) {
 bool begin_pass(char* page, char** start, int* eof, int* result) TA_REQ(tarv_proc_read_cmd) {
     if (arp_string_buff) {
         __builtin_memcpy(page, busy_text, sizeof busy_text);
-        TARV_LOG_FROM("tarv_proc_read", TARV_DEBUG, "%s", busy_text);
+        TARV_LOG_FROM(reading, TARV_DEBUG, "%s", busy_text);
         *result = end_of_file(start, eof, sizeof busy_text - 1);
         return false;
     }
@@ -120,7 +121,7 @@ bool begin_pass(char* page, char** start, int* eof, int* result) TA_REQ(tarv_pro
         return false;
     }
     next_off = 0;
-    TARV_LOG_FROM("tarv_proc_read", TARV_DEBUG, "arp_string_buff = %p, buf_len = %d\n",
+    TARV_LOG_FROM(reading, TARV_DEBUG, "arp_string_buff = %p, buf_len = %d\n",
                   static_cast<void*>(arp_string_buff), buf_len);
     return true;
 }
@@ -131,9 +132,9 @@ int hand_out_chunk(char* page, char** start, off_t off, int count) TA_REQ(tarv_p
     long chunk = left;
     if (left > count) {
         chunk = count;
-        TARV_LOG_FROM("tarv_proc_read", TARV_DEBUG, "Current chunk size is %d\n", count);
+        TARV_LOG_FROM(reading, TARV_DEBUG, "Current chunk size is %d\n", count);
     } else {
-        TARV_LOG_FROM("tarv_proc_read", TARV_DEBUG, "Current chunk size is %ld\n", left);
+        TARV_LOG_FROM(reading, TARV_DEBUG, "Current chunk size is %ld\n", left);
     }
     __builtin_memcpy(page, arp_string_buff + off, static_cast<size_t>(chunk));
     // A small number here is no address: it says by how much the offset of the next call advances.

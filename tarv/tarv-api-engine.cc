@@ -10,6 +10,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
+constexpr char event[] = "tarv_async_event_cb";
 
 /* What other modules find by name. */
 struct api_name_t {
@@ -90,9 +91,23 @@ void link_down(u8 port) {
     gx_gid_t gid;
     if (port_num2base_gid(hca_h, port, &gid) == 0 || tarv_sa_known_gid(port, &gid))
         tarv_hash_remove_entries_by_sgid(&gid);
-    TARV_LOG_FROM("tarv_async_event_cb", TARV_DEBUG, "Received link_down <port:%d>\n", port);
+    TARV_LOG_FROM(event, TARV_DEBUG, "Received link_down <port:%d>\n", port);
     tarv_sa_destroy(port);
 }
+
+/* The steps of a start, in their order. What a start that fails has done is undone in the reverse
+ * order; a stop has an order of its own, because there requests may be under way. */
+struct start_step_t {
+    const char* name;  // in the log
+    tarv_stat_t (*start)();
+    void (*undo)();
+};
+const start_step_t start_steps[] = {
+    {"ibarp hash table", tarv_hash_init, tarv_hash_destroy},
+    {"requests list", tarv_req_list_init, tarv_req_list_destroy},
+    {"async events registration", tarv_aync_ev_init, tarv_aync_ev_destroy_cleanup},
+    {"SA requests list", tarv_sa_req_list_init, tarv_sa_req_list_destroy},
+};
 
 }  // namespace
 
@@ -102,30 +117,13 @@ tarv_stat_t tarv_init() {
     reset_state();
     tarv_sa_start();
 
-    tarv_stat_t status = tarv_hash_init();
-    if (status != tarv_stat_ok) {
-        TARV_LOG(TARV_ERROR, "Error initializing ibarp hash table<%d>.\n", status);
-        return status;
-    }
-    status = tarv_req_list_init();
-    if (status != tarv_stat_ok) {
-        TARV_LOG(TARV_ERROR, "Error initializing requests list<%d>.\n", status);
-        tarv_hash_destroy();
-        return status;
-    }
-    status = tarv_aync_ev_init();
-    if (status != tarv_stat_ok) {
-        TARV_LOG(TARV_ERROR, "Error initializing async events registration<%d>.\n", status);
-        tarv_req_list_destroy();
-        tarv_hash_destroy();
-        return status;
-    }
-    status = tarv_sa_req_list_init();
-    if (status != tarv_stat_ok) {
-        TARV_LOG(TARV_ERROR, "Error initializing SA requests list<%d>.\n", status);
-        tarv_aync_ev_destroy_cleanup();
-        tarv_req_list_destroy();
-        tarv_hash_destroy();
+    for (u32 done = 0; done < sizeof start_steps / sizeof start_steps[0]; done++) {
+        const tarv_stat_t status = start_steps[done].start();
+        if (status == tarv_stat_ok)
+            continue;
+        TARV_LOG(TARV_ERROR, "Error initializing %s<%d>.\n", start_steps[done].name, status);
+        while (done-- > 0)
+            start_steps[done].undo();
         return status;
     }
     register_api();

@@ -1,190 +1,294 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // The child plays and judges, and writes what it found line by line into a pipe, which also has its
-// standard error; the parent reads until the child is gone or its time is over.
+// standard error; the parent reads until the child is gone.
 #include "tests/simulation/failures_run.h"
 
-#include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <map>
 #include <stdexcept>
 
+#include "app/script.h"
+#include "app/script_text.h"
+#include "host/check.h"
 #include "host/faults.h"
-#include "tests/simulation/failures_places.h"
+#include "tarv/logger.h"
+#include "tarv/tarv-api.h"
+#include "tarv/tarv-req-list.h"
 
 namespace soak {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+/* Longer than a request can take that is re-issued ten times on both lists. */
+constexpr unsigned long patience = 60'000;
 
-/* A run takes milliseconds, with a sanitizer some more. */
-constexpr std::chrono::seconds time_limit{60};
+/* Seconds. A run takes milliseconds, with a sanitizer some more. */
+constexpr unsigned time_limit = 60;
 
 /* In front of the child's own lines. */
 constexpr char mark_of_report = '\x01';
 
-void report(const char* what, const std::string& text) {
+void tell(const char* what, const std::string& text) {
     std::fprintf(stderr, "%c%s %s\n", mark_of_report, what, text.c_str());
 }
 
-/* What the module did about the fault, against the table of places. Null when it is not there. */
-const Place* judge_place(World& world, const std::string& service) {
-    const Mark& mark = *world.mark();
-    const Place* place = find_place(service, mark, world.timeline());
-    if (place)
-        return place;
-    const auto followed = mark.line < world.timeline().size() ? world.timeline()[mark.line] : "";
-    world.violations.push_back(std::string("a failure that is not in its place (") +
-                               name_of(mark.where) + "), followed by: " + followed);
-    for (const std::string& line : expected_at(service, mark.where))
-        world.violations.push_back("   expected: " + line);
-    return nullptr;
-}
+/* Failures that no ERROR or WARNING tells of. */
+struct Silence {
+    const char* service;
+    const char* says;  ///< a part of the line that tells of it instead; empty: there is none
+    const char* why;
+};
+constexpr Silence in_a_load[] = {
+    {"kmalloc", "", "the version file may be missing"},
+    {"proc_mkdir", "", "the version file may be missing"},
+    {"create_proc_entry", "", "the version file may be missing"},
+    {"rep_open_key", "rep_open_key failed", "a module without its key logs nothing"},
+    {"rep_get_value", "rep_get_value failed", "a module without its key logs nothing"},
+    {"rep_notify_key_change", "", "the level stays as it was read"},
+};
+constexpr Silence anywhere[] = {
+    {"kmalloc", "IB-Arp Table entries: ", "the table is shown part by part"},
+    {"copy_from_user", "", "what cannot be copied is no command"},
+    {"gx_hca_open", "tarv_sa_get_sa_info", "the subnet manager is asked for where it was"},
+    {"gx_port_query", "tarv_sa_get_sa_info", "the subnet manager is asked for where it was"},
+    {"port_num2base_gid", "", "a purge or a field of the static path is left out"},
+    {"port_num2base_lid", "", "the static path keeps that field"},
+    {"gsi_deregister_class", "", "it is called again until it succeeds"},
+};
 
-bool has_line_after_mark(const World& world, const std::string& line) {
-    const auto& timeline = world.timeline();
-    return std::find(timeline.begin() + static_cast<std::ptrdiff_t>(world.mark()->line),
-                     timeline.end(), line) != timeline.end();
-}
-
-/* A load is refused only because of the failure, with its code, and says so. */
-void judge_loads(World& world, const Place* place) {
-    for (const int result : world.load_results()) {
-        if (result == 0)
-            continue;
-        const char* line =
-            result == -1 ? "ERROR tarv_module/tarv_module_init: Error initializing tarv module."
-                         : "ERROR tarv_module/tarv_module_init: Error creating /proc entry.";
-        if (!place || result != place->rule.load_result)
-            world.violations.push_back("a load returned " + std::to_string(result));
-        else if (!has_line_after_mark(world, line))
-            world.violations.push_back(std::string("a refused load did not log: ") + line);
+/* A script's host that keeps an eye on its clients, its log and the failure. */
+class Play final : public app::ScriptHost {
+  public:
+    Play(const app::Script& script, const app::Site& site, const Fault& fault,
+         std::ostream& nowhere)
+        : ScriptHost(site, script.first_jiffy, nowhere, nowhere), site_(site), fault_(fault) {
+        host::watch_faults([this](const char*) { strike(); });
+        if (fault.n != 0)
+            host::fail_nth(fault.service, fault.n);
     }
+    ~Play() override { host::watch_faults({}); }
+
+    void step(const app::ScriptStep& step);
+    void wait();
+    void resolve_one_more();
+    void judge_clients();
+
+    /// What the failure brought about, in a few words.
+    std::string outcome;
+    bool struck = false;
+
+  private:
+    void say(const std::string& text) override;
+    void fail(const std::string& place, const std::string& message) override;
+    int enter_load(const std::vector<std::string>& parameters) override;
+    app::Departure enter_unload() override;
+    tarv_stat_t enter_request(app::ScriptReply& made, tarv_arp_data_t& record) override;
+
+    struct Line {
+        std::string text;
+        unsigned long tick;
+    };
+
+    void strike();
+    void judge_log();
+    bool says(const std::string& words) const;
+    const Silence* find_silence() const;
+    void take_links(bool up);
+
+    const app::Site& site_;
+    const Fault fault_;
+    std::vector<Line> log_;
+    std::size_t struck_before_line_ = 0;
+    unsigned long struck_at_ = 0;
+    bool loading_ = false, struck_in_a_load_ = false, judged_ = false, expecting_ = false;
+    std::map<const app::ScriptReply*, tarv_stat_t> told_at_once_;
+    unsigned may_end_silently_ = 0;
+};
+
+/* The module takes its level over at the end of a load, and scripts change it. The variable is
+ * exported: what it logs of the failure is made visible. */
+void Play::strike() {
+    struck = true;
+    tell("struck", "");
+    struck_before_line_ = log_.size();
+    struck_at_ = kernel().jiffies();
+    struck_in_a_load_ = loading_;
+    write_once(TARV_trace_level, static_cast<int>(TARV_DEBUG));
 }
 
-void judge_silent_ends(World& world, const Place* place) {
-    const unsigned may = world.dropped_at_unload() + (place && place->rule.ends != SilentEnd::none);
-    if (world.unanswered() != may)
-        world.violations.push_back(std::to_string(world.unanswered()) +
-                                   " request(s) without an answer, " + std::to_string(may) +
-                                   " of them for a reason");
+void Play::say(const std::string& text) {
+    log_.push_back({text, kernel().jiffies()});
+    ScriptHost::say(text);
+    if (text.starts_with("remains: "))
+        tell("violation", "left behind: " + text.substr(9));
+    if (text.find("Not enough memory to allocate a temp_arp_data") != text.npos)
+        ++may_end_silently_;
 }
 
-void judge_counters(World& world, const Place* place) {
-    const FailureCounts& counts = world.counts();
-    const Counter counted = place ? place->rule.counted : Counter::none;
-    if (counts.gsi_reg != (counted == Counter::gsi_reg) ||
-        counts.gsi_pool_create != (counted == Counter::gsi_pool_create) ||
-        counts.pool_get != (counted == Counter::pool_get))
-        world.violations.push_back("the SA client counted " + std::to_string(counts.gsi_reg) +
-                                   " refused registrations, " +
-                                   std::to_string(counts.gsi_pool_create) + " pools not made, " +
-                                   std::to_string(counts.pool_get) + " datagrams not given");
+/* With a failure little goes as the script expects. */
+void Play::fail(const std::string& place, const std::string& message) {
+    if (fault_.n == 0)
+        tell("violation", place + ": " + message);
 }
 
-std::string describe(const World& world, const Place* place) {
-    std::string text = "nothing fails";
-    if (place && place->rule.silence != Silence::none)
-        text = std::string("silent: ") + reason_of(place->rule.silence);
-    else if (place)
-        text = world.timeline()[world.mark()->line];
-    const int last_load = world.load_results().empty() ? 0 : world.load_results().back();
-    for (const int result : world.load_results())
-        if (result != 0 && last_load == 0)
-            text += "; load " + std::to_string(result);
-    if (const std::string ends = world.ends(); !ends.empty())
-        text += "; " + ends;
-    if (place && place->rule.ends != SilentEnd::none)
-        text += std::string(" (") + reason_of(place->rule.ends) + ")";
-    if (world.dropped_at_unload())
-        text += std::string(" (") + reason_of(SilentEnd::waiting_for_arp_at_unload) + ")";
-    return text;
+int Play::enter_load(const std::vector<std::string>& parameters) {
+    loading_ = true;
+    const int result = ScriptHost::enter_load(parameters);
+    loading_ = false;
+    if (result != 0 && !struck)
+        tell("violation", "a load returned " + std::to_string(result));
+    return result;
 }
 
-void play(const Scenario& scenario, const Fault& fault) {
-    World world(fault);
+app::Departure Play::enter_unload() TA_NO_ANALYSIS {
+    for (const tarv_list_entry_t* entry : tarv_request_list(::requests.head))
+        may_end_silently_ += entry->reply_cb != nullptr;
+    return ScriptHost::enter_unload();
+}
+
+tarv_stat_t Play::enter_request(app::ScriptReply& made, tarv_arp_data_t& record) {
+    return told_at_once_[&made] = ScriptHost::enter_request(made, record);
+}
+
+void Play::step(const app::ScriptStep& step) {
+    if (expecting_ && !step.expects)
+        forget_lines();
+    expecting_ = step.expects;
     try {
-        scenario.play(world);
-    } catch (const Refused&) {
-        // The end of the scenario, not of the run.
+        play_step(step, *this);
+    } catch (const std::exception& failed) {
+        fail(step.place, failed.what());
     }
-    world.wait_for_answers();
-    for (const std::string& service : host::services_that_fail())
-        report("calls", service + " " + std::to_string(host::calls_of(service)));
-    if (world.mark())
-        report("hit", name_of(world.mark()->where));
-    const Place* place = world.mark() ? judge_place(world, fault.service) : nullptr;
-    if (place)
-        report("place", std::to_string(number_of(*place)));
-    judge_loads(world, place);
-    world.follow_up(place && place->rule.until_link_up);
-    world.end();
-    judge_silent_ends(world, place);
-    judge_counters(world, place);
-    for (const std::string& violation : world.violations)
-        report("violation", violation);
-    report("outcome", describe(world, place));
+    if (const std::string held = host::held_locks(); !held.empty())
+        tell("violation", "the lock " + held + " is held after " + step.place);
+    judge_log();
 }
 
-[[noreturn]] void be_child(const Scenario& scenario, const Fault& fault, int out) {
+/* Lets what waits come to its end. */
+void Play::wait() {
+    if (loaded())
+        kernel().advance(patience);
+    judge_log();
+}
+
+/* Whether a line of the failure's own tick has those words. */
+bool Play::says(const std::string& words) const {
+    return words.empty() ||
+           std::any_of(log_.begin() + static_cast<std::ptrdiff_t>(struck_before_line_), log_.end(),
+                       [&](const Line& line) {
+                           return line.tick == struck_at_ && line.text.find(words) != words.npos;
+                       });
+}
+
+const Silence* Play::find_silence() const {
+    const auto find = [&](const auto& table) -> const Silence* {
+        const auto row = std::ranges::find_if(table, [&](const Silence& silence) {
+            return fault_.service == silence.service && says(silence.says);
+        });
+        return row == std::end(table) ? nullptr : &*row;
+    };
+    const Silence* const silence = struck_in_a_load_ ? find(in_a_load) : nullptr;
+    return silence ? silence : find(anywhere);
+}
+
+/* After the step in which the failure struck: what else is logged may have other reasons. */
+void Play::judge_log() {
+    if (!struck || judged_)
+        return;
+    judged_ = true;
+    for (std::size_t i = struck_before_line_; i < log_.size() && outcome.empty(); ++i)
+        if (log_[i].tick == struck_at_ &&
+            (log_[i].text.starts_with("ERROR  ") || log_[i].text.starts_with("WARNING")))
+            outcome = log_[i].text;
+    if (!outcome.empty())
+        return;
+    if (const Silence* const silence = find_silence())
+        outcome = std::string("silent: ") + silence->why;
+    else
+        tell("violation", "the failure is not logged");
+}
+
+void Play::take_links(bool up) {
+    for (int port = 1; port <= fabric().adapter().ports(); ++port)
+        fabric().set_link(port, up);
+    kernel().settle();
+}
+
+/* The last host of the fabric is the one that no script asks for. */
+void Play::resolve_one_more() {
+    calm();
+    // A module that was halted stays so until it is unloaded.
+    if (loaded() && read_once(halted))
+        unload_module();
+    if (!loaded())
+        load_module({});
+    if (!fabric().ipoib().attached())
+        attach_driver();
+    // A port whose SA context could not be made gets it when its link comes up once more.
+    take_links(false);
+    take_links(true);
+    for (const char* line : {"enable\n", "sa_queries on\n", "set_retry_cnt 3\n"})
+        write_control(line);
+    resolve(
+        {.ip = site_.hosts.back().ip, .from = site_.our_host().ip, .paths = tarv_paths_primary});
+    kernel().advance(patience);
+    if (requests().back().status != tarv_stat_ok)
+        tell("violation",
+             "afterwards a host cannot be resolved: " + app::status_name(requests().back().status));
+    unload_module();
+}
+
+void Play::judge_clients() {
+    unsigned silent = 0;
+    for (const app::ScriptReply& made : requests()) {
+        const auto told = told_at_once_.find(&made);
+        if (told == told_at_once_.end() || !made.request.callback)
+            continue;
+        const unsigned due = told->second == tarv_stat_pending;
+        if (made.callbacks > due)
+            tell("violation", "request " + std::to_string(made.number) + " was answered " +
+                                  app::status_name(told->second) + " and then told " +
+                                  std::to_string(made.callbacks) + " times");
+        silent += made.callbacks < due;
+    }
+    if (silent > may_end_silently_)
+        tell("violation", std::to_string(silent) + " request(s) without an answer, " +
+                              std::to_string(may_end_silently_) + " of them for a reason");
+}
+
+void play(const std::string& path, const Fault& fault) {
+    std::ifstream in(path);
+    const app::Site usual = app::read_site({});
+    const app::Script script = app::read_script(in, path, usual);
+    std::ostream nowhere(nullptr);
+    Play play(script, script.made_site ? *script.made_site : usual, fault, nowhere);
+    for (const app::ScriptStep& step : script.steps)
+        play.step(step);
+    play.wait();
+    play.resolve_one_more();
+    play.judge_clients();
+    tell("outcome", play.outcome);
+}
+
+[[noreturn]] void be_child(const std::string& script, const Fault& fault, int out) {
     const rlimit no_core = {0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
+    alarm(time_limit);
     dup2(out, STDERR_FILENO);
-    std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
     try {
-        play(scenario, fault);
-        report("end", "");
+        play(script, fault);
     } catch (const std::exception& error) {
-        report("violation", std::string("the run ended with: ") + error.what());
-        report("end", "");
+        tell("violation", std::string("the run ended with: ") + error.what());
     }
-    std::fflush(stderr);
+    tell("end", "");
     _exit(0);
-}
-
-/* All that the child says until it is gone. False when it had to be ended. */
-bool read_all(int in, pid_t child, std::string& text) {
-    const auto deadline = Clock::now() + time_limit;
-    char buffer[4096];
-    for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        pollfd wait = {in, POLLIN, 0};
-        if (left.count() <= 0 || poll(&wait, 1, static_cast<int>(left.count())) == 0) {
-            kill(child, SIGKILL);
-            return false;
-        }
-        const ssize_t got = ::read(in, buffer, sizeof buffer);
-        if (got == 0)
-            return true;
-        if (got > 0)
-            text.append(buffer, static_cast<std::size_t>(got));
-    }
-}
-
-void take_report(Run& run, const std::string& line) {
-    const std::size_t blank = line.find(' ');
-    const std::string what = line.substr(0, blank);
-    const std::string text = line.substr(blank + 1);
-    if (what == "hit") {
-        run.hit = true;
-        run.where = text;
-    } else if (what == "outcome") {
-        run.outcome = text;
-    } else if (what == "place") {
-        run.place = std::stoul(text);
-    } else if (what == "violation") {
-        run.violations.push_back(text);
-    } else if (what == "calls") {
-        run.calls[text.substr(0, text.find(' '))] = std::stoul(text.substr(text.find(' ') + 1));
-    }
 }
 
 /* The line that names why the program stopped, among what else a run time prints. */
@@ -196,37 +300,40 @@ std::string last_words(const std::vector<std::string>& lines) {
     return lines.empty() ? "no word" : lines.back();
 }
 
-std::string way_of_ending(int status) {
-    return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
-                               : "exit status " + std::to_string(WEXITSTATUS(status));
+void take_report(Run& run, const std::string& line) {
+    const std::size_t blank = line.find(' ');
+    const std::string what = line.substr(1, blank - 1);
+    if (what == "struck")
+        run.struck = true;
+    else if (what == "outcome")
+        run.outcome = line.substr(blank + 1);
+    else if (what == "violation")
+        run.violations.push_back(line.substr(blank + 1));
+    else
+        run.ended = what == "end";
 }
 
-Run take_all(const std::string& text, bool in_time, int status) {
+Run take_all(std::FILE* from) {
     Run run;
     std::vector<std::string> others;
-    bool ended = false;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = std::min(text.find('\n', at), text.size());
-        const std::string line = text.substr(at, end - at);
-        at = end + 1;
-        if (line.empty() || line[0] != mark_of_report)
-            others.push_back(line);
-        else if (line.starts_with(std::string(1, mark_of_report) + "end"))
-            ended = true;
+    char* line = nullptr;
+    std::size_t room = 0;
+    for (ssize_t size; (size = getline(&line, &room, from)) > 0;) {
+        const std::string text(line, static_cast<std::size_t>(size) - (line[size - 1] == '\n'));
+        if (text.starts_with(mark_of_report))
+            take_report(run, text);
         else
-            take_report(run, line.substr(1));
+            others.push_back(text);
     }
-    if (!in_time)
-        run.violations.push_back("it did not end");
-    else if (!ended || status != 0)
-        run.violations.push_back("it died: " + last_words(others) + " (" + way_of_ending(status) +
-                                 ")");
+    std::free(line);
+    if (!run.ended)
+        run.violations.push_back("it died or did not end: " + last_words(others));
     return run;
 }
 
 }  // namespace
 
-Run run_apart(const Scenario& scenario, const Fault& fault) {
+Run run_apart(const std::string& script, const Fault& fault) {
     int ends[2];
     std::fflush(nullptr);
     if (pipe(ends) != 0)
@@ -236,15 +343,14 @@ Run run_apart(const Scenario& scenario, const Fault& fault) {
         throw std::runtime_error("no process for the run");
     if (child == 0) {
         close(ends[0]);
-        be_child(scenario, fault, ends[1]);
+        be_child(script, fault, ends[1]);
     }
     close(ends[1]);
-    std::string text;
-    const bool in_time = read_all(ends[0], child, text);
-    close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return take_all(text, in_time, status);
+    std::FILE* const from = fdopen(ends[0], "r");
+    const Run run = take_all(from);
+    std::fclose(from);
+    waitpid(child, nullptr, 0);
+    return run;
 }
 
 }  // namespace soak

@@ -13,6 +13,5 @@ enum class SilentEnd : std::uint8_t {
     no_memory_for_the_reissue,
     waiting_for_arp_at_unload,
 };
-const char* reason_of(SilentEnd end);
 
 }  // namespace soak

@@ -164,12 +164,15 @@ app::Action declare_soak(CLI::App& verb) {
                     "Write the shortest script of a violation there as well")
         ->type_name("FILE");
     auto* const failures = verb.add_flag("--failures", options->failures,
-                                         "Make every service of the kernel fail in turn instead");
+                                         "Make every service of the kernel fail in turn in each script instead");
     failures->excludes(replay);
     verb.add_flag("--brief", options->of_failures.brief, "A short table of the failures")
         ->needs(failures);
-    verb.add_option("--scenario", options->of_failures.scenario, "The one to make fail")
+    verb.add_option("--scenario", options->of_failures.scenario, "Those scripts only that have this in their names")
         ->type_name("NAME")
+        ->needs(failures);
+    verb.add_option("--scripts", options->of_failures.scripts, "The directory of the scripts")
+        ->type_name("DIR")
         ->needs(failures);
     return [options] { return run(*options); };
 }

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <string>
 #include <vector>
 
@@ -24,19 +23,47 @@ namespace support {
 
 using Lines = std::vector<std::string>;
 
+inline Lines operator+(Lines lines, const Lines& more) {
+    lines.insert(lines.end(), more.begin(), more.end());
+    return lines;
+}
+
 /// A time before the low half of the tick counter starts from 0 again, such that the request timers
 /// run once more shortly before it does.
 inline constexpr unsigned long before_wrap = (1ul << 32) - 1200;
 
-/// How many random steps a test takes; fewer where each of them costs ten times as much.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr int random_steps = 40'000;
-#else
-inline constexpr int random_steps = 400'000;
-#endif
+/// A line of the module's log as "D tarv_api/tarv_get_ib_data: message", its level's letter, unit
+/// and function in front; any other line as it is.
+inline std::string brief(const std::string& line) {
+    const std::string tag = " : TARV : ";
+    const std::size_t function = line.find(tag), unit = line.find(":("), message = line.find("):");
+    for (const char* level : qdlog_levels)
+        if (function == 7 && line.rfind(level, 0) == 0 && unit < message && message != line.npos)
+            return line.substr(0, 1) + " " + line.substr(unit + 2, message - unit - 2) + "/" +
+                   line.substr(7 + tag.size(), unit - 7 - tag.size()) + ": " +
+                   line.substr(message + 2);
+    return line;
+}
+
+/// The line with every pointer, 16 small hexadecimal digits, as "P" or "null".
+inline std::string without_pointers(const std::string& line) {
+    std::string result;
+    for (std::size_t at = 0; at < line.size();) {
+        const std::size_t end =
+            std::min(line.find_first_not_of("0123456789abcdefABCDEF", at), line.size());
+        const std::string run = line.substr(at, end - at);
+        if (run.size() != 16 || run.find_first_of("ABCDEF") != std::string::npos)
+            result += run;
+        else
+            result += run.find_first_not_of('0') == std::string::npos ? "null" : "P";
+        result += line.substr(end, 1);
+        at = end + 1;
+    }
+    return result;
+}
 
 class KernelTest : public testing::Test {
-  protected:
+  public:
     explicit KernelTest(unsigned long first_jiffy = 1000)
         : kernel(host::Options{host::Clock::virtual_time, first_jiffy}) {
         trace(TARV_PANIC);
@@ -58,36 +85,42 @@ class KernelTest : public testing::Test {
     }
 
     /// What the module logs from now on, with the rest of the host logging everything.
-    void trace(tarv_log_level_t level) {
+    static void trace(tarv_log_level_t level) {
         host::set_logger_level(TARV_FUNC);
         write_once(TARV_trace_level, level);
     }
 
-    /// The console's lines since the last call, without their priorities. A line of the module's
-    /// log has priority 6, whatever its level.
-    Lines console() {
+    /// The console's lines since the last call, brief and without their priorities. A line of the
+    /// module's log has priority 6, whatever its level.
+    static Lines console() {
         Lines texts;
         for (const host::LogLine& line : host::console_lines()) {
             const bool is_log_line = line.text.find(" : TARV : ") != std::string::npos;
             EXPECT_TRUE(!is_log_line || line.priority == 6) << line.text;
-            texts.push_back(line.text);
+            texts.push_back(brief(line.text));
         }
         host::clear_console();
         return texts;
     }
 
-    /// The same, with the lines of that unit shortened to their level's letter, function and
-    /// message: "D tarv_hash_get_entry: IP: 0100000A found."
-    Lines told(const std::string& unit) {
+    /// The same without pointers.
+    static Lines masked() {
         Lines lines = console();
-        for (std::string& line : lines)
-            line = shortened(line, unit);
+        std::ranges::transform(lines, lines.begin(), without_pointers);
         return lines;
     }
 
-    /// What one function of that unit logged, and nothing else: a level's letter, a blank, the
-    /// message and a line end for each line.
-    std::string told_by(const std::string& function, const std::string& unit) {
+    /// console() or masked(), the lines of that unit without its name: "D tarv_init: message".
+    static Lines told(const std::string& unit, Lines lines = console()) {
+        for (std::string& line : lines)
+            if (line.find(" " + unit + "/") == 1)
+                line.erase(2, unit.size() + 1);
+        return lines;
+    }
+
+    /// What one function logged, and nothing else: a level's letter, a blank, the message and a
+    /// line end for each line.
+    static std::string told_by(const std::string& function, const std::string& unit) {
         std::string text;
         for (const std::string& line : told(unit))
             if (line.find(" " + function + ": ") == 1)
@@ -96,20 +129,6 @@ class KernelTest : public testing::Test {
     }
 
     host::Kernel kernel;
-
-  private:
-    static std::string shortened(const std::string& line, const std::string& unit) {
-        constexpr std::array levels = {"PANIC  ", "ERROR  ", "WARNING",
-                                       "INFO   ", "DEBUG  ", "FUNC   "};
-        const std::string between = " : TARV : ";
-        const std::size_t function = 7 + between.size();
-        const std::size_t end = line.find(":(" + unit + "):");
-        if (end == std::string::npos || line.compare(7, between.size(), between) != 0 ||
-            std::find(levels.begin(), levels.end(), line.substr(0, 7)) == levels.end())
-            return line;
-        return line.substr(0, 1) + " " + line.substr(function, end - function) + ": " +
-               line.substr(end + unit.size() + 4);
-    }
 };
 
 /// Names a test of a parameter table by its row's `name`.

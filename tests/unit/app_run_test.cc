@@ -2,19 +2,16 @@
 //
 // The program as its user meets it, and the passes and reports that it is made of.
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "app/machine.h"
 #include "app/report.h"
 #include "app/resolve.h"
 #include "platform/memory.h"
+#include "tests/support/program.h"
 
 namespace {
 
+using support::read_file, support::Result, support::shell, support::temporary;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -37,34 +34,9 @@ Ca	1 "H-4"		# "delta HCA-1"
 )";
 constexpr const char* three_addresses = "10.1.0.1 alpha\n10.1.0.2 beta\n10.1.0.3 gamma\n";
 
-std::string temporary(const std::string& name) {
-    const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
-    std::string path = std::string(test->test_suite_name()) + "." + test->name() + "." + name;
-    std::ranges::replace(path, '/', '.');
-    return testing::TempDir() + path;
-}
-
 std::string write_file(const std::string& name, const std::string& content) {
     std::ofstream(temporary(name)) << content;
     return temporary(name);
-}
-
-std::string read_file(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
-
-struct Result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Result shell(const std::string& command) {
-    const std::string out = temporary("out"), err = temporary("err");
-    const int status = std::system(("{ " + command + "; } >" + out + " 2>" + err).c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out), read_file(err)};
 }
 
 /* Arguments may name the two files above as FABRIC and HOSTS. */
@@ -135,24 +107,11 @@ TEST(Run, ResolvesAllPeersAndLeavesNothing) {
     EXPECT_GT(read_file(capture).size(), 6 * 256u);  // two answers with their questions
 }
 
-TEST(Run, AsksForTheOnePathOfAOnePortHost) {
-    const Result result = tarv_host("run --resolve-all --fabric FABRIC --hosts HOSTS --as gamma");
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.out, AllOf(HasSubstr("11 <- 15  10 Gb/s"), HasSubstr("13 <- 15  10 Gb/s"),
-                                  Not(HasSubstr("port 2")), HasSubstr("all resolved")));
-}
-
 TEST(Run, NamesWhomItCouldNotResolveInTime) {
     const Result result = tarv_host("run --resolve-all --fabric FABRIC --for 0.1");
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, AllOf(HasSubstr("Not resolved:\n  10.0.0.4  delta  the time was up\n"),
                                   HasSubstr("1 not resolved"), HasSubstr("nothing remains")));
-}
-
-TEST(Run, UnloadsInOrderWhenItsTimeIsUp) {
-    const Result result = tarv_host("run --for 0.01");
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.out, HasSubstr("TARV: Unloaded.\nUnloaded; nothing remains"));
 }
 
 TEST(Run, UnloadsInOrderWhenToldToStop) {
@@ -178,7 +137,7 @@ app::Site small_site() {
 /* A machine in virtual time. */
 struct Started : app::Machine {
     explicit Started(app::Site site, const app::HostOptions& options = {})
-        : Machine(std::move(site), options, host::Clock::virtual_time, {}) {
+        : Machine(std::move(site), options, host::Options{}) {
         start();
         switch_on();
     }
@@ -237,19 +196,6 @@ INSTANTIATE_TEST_SUITE_P(
          [](Fabric& f, Options& o) { f.sa().faults().drop_all(), o.silence = 500; }},
     }),
     [](const auto& row) { return row.param.name; });
-
-TEST(Resolver, NamesNobodyThatItDidNotAskFor) {
-    Started machine(small_site());
-    Options options;
-    options.outstanding = 1;
-    options.stop = yes;
-    app::Resolver resolver(machine, app::peers_of(machine), options);
-    resolver.run();
-    EXPECT_EQ(app::format_unresolved(machine, resolver.peers()),
-              "Not resolved:\n"
-              "  10.0.0.2  beta  the run was interrupted\n"
-              "  2 peers not asked for: the run was interrupted\n");
-}
 
 TEST(Resolver, LearnsAThousandHostsWithOneQuestionEach) {
     Started machine(site_of(fabric::make_fabric({.hosts = 1000})));

@@ -4,10 +4,10 @@
 #include "app/console.h"
 
 #include <gmock/gmock.h>
-#include <stdio.h>
-#include <sys/wait.h>
 
 #include <string>
+
+#include "tests/support/program.h"
 
 namespace {
 
@@ -16,22 +16,9 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-struct Session {
-    int status;
-    std::string out;  // and what went to standard error, in between
-};
-
-Session converse(const std::string& lines, const std::string& options = "") {
-    const std::string command =
-        "printf '%s' '" + lines + "' | " TARV_HOST " console " + options + " 2>&1";
-    FILE* const pipe = popen(command.c_str(), "r");
-    Session session{-1, ""};
-    for (int c; pipe && (c = fgetc(pipe)) != EOF;)
-        session.out += static_cast<char>(c);
-    const int status = pipe ? pclose(pipe) : -1;
-    if (WIFEXITED(status))
-        session.status = WEXITSTATUS(status);
-    return session;
+/* What went to standard error stands in between. */
+support::Result converse(const std::string& lines) {
+    return support::shell("printf '%s' '" + lines + "' | " TARV_HOST " console 2>&1");
 }
 
 constexpr const char* loaded = R"(tarv-module.cc,v 1.37 2005/05/25 08:15:38
@@ -42,7 +29,7 @@ constexpr const char* gone = "\nno timer armed, no datagram out, no name registe
 
 // The first request waits for the wire, and the line behind it finds what was learned.
 TEST(Console, AnswersAPipeLineByLineWithoutAPrompt) {
-    const Session session = converse(R"(
+    const support::Result session = converse(R"(
 # Blank lines and those that begin like this one do nothing.
 add 10.0.0.1 10.9.0.2 5
   show 10.9.0.2
@@ -78,7 +65,7 @@ fly)");
 }
 
 TEST(Console, ShowsTheKernelLogAsItIsTold) {
-    const Session session =
+    const support::Result session =
         converse("dmesg -C\ndmesg -D\nshow 10.1.1.1\ndmesg -E\nshow 10.2.2.2\ndmesg");
     EXPECT_EQ(session.status, 0);
     const std::string first = "Looking for IP: 10.1.1.1.\n", second = "Looking for IP: 10.2.2.2.\n";
@@ -90,20 +77,6 @@ TEST(Console, ShowsTheKernelLogAsItIsTold) {
     EXPECT_GT(session.out.find(first), stamped);
     EXPECT_GT(session.out.rfind(second), session.out.find(first));
     EXPECT_EQ(session.out.find("TARV: Initialized.", stamped), std::string::npos);
-}
-
-// The peer's first answer is lost, so that it takes a second request to hear of it.
-TEST(Console, ActsOnTheFabric) {
-    const Session session = converse(
-        "event link_down port 2\nfabric show\nfabric node03 drop 1\nlevel module 4\n"
-        "resolve 10.0.0.3\nlevel module 0\nhalt\nresolve 10.0.0.4\n");
-    EXPECT_EQ(session.status, 0);
-    EXPECT_THAT(session.out, HasSubstr("port 2 LID 31 (down)\nnode02  10.0.0.2   LID 12\n"));
-    EXPECT_THAT(session.out, HasSubstr("node16  10.0.0.16  LID 26\n"));
-    const std::size_t asked = session.out.find("resolve 1: pending\n");
-    const std::size_t again = session.out.find("trying again after 0 of retries", asked);
-    EXPECT_LT(again, session.out.find("reply 1: ok\nip 10.0.0.3 ", asked));
-    EXPECT_THAT(session.out, HasSubstr("resolve 2: error\nTARV: Unloaded.\n"));
 }
 
 TEST(Console, HelpListsItsOwnWordsAndTheControlFiles) {
@@ -122,7 +95,7 @@ struct BadLine {
 class BadLines : public testing::TestWithParam<BadLine> {};
 
 TEST_P(BadLines, AreToldWithTheirNumberAndTheSessionGoesOn) {
-    const Session session = converse("\n" + GetParam().line + "\ncat version\n");
+    const support::Result session = converse("\n" + GetParam().line + "\ncat version\n");
     EXPECT_EQ(session.status, 1);
     EXPECT_THAT(session.out,
                 StartsWith(loaded + ("console:2: " + GetParam().message) + "\ntarv 1.21 "));
@@ -157,7 +130,7 @@ class Completion : public testing::Test {
     app::Site site_ = app::read_site({});
     app::HostOptions options_;
     app::Terminal terminal_{"", {}};
-    app::Machine machine_{site_, options_, host::Clock::virtual_time, {}};
+    app::Machine machine_{site_, options_, {}};
     app::Console console_{machine_, site_, terminal_};
 };
 

@@ -2,11 +2,8 @@
 //
 // Both sides of the control file: how written bytes become words, what is said to a word that is no
 // command, and how the table's text is handed out.
-#include <gmock/gmock.h>
-
 #include "platform/memory.h"
-#include "tests/support/control.h"
-#include "tests/support/records.h"
+#include "tests/support/module_test.h"
 
 using namespace support;
 using testing::ElementsAre;
@@ -137,50 +134,6 @@ class ControlRead : public ControlTest {
     }
 };
 
-TEST_F(ControlRead, RendersTheTable) {
-    EXPECT_EQ(read_all(), header);
-    command("add 10.0.0.1 10.0.0.1 0x1234");
-    command("addibarp 10.0.0.1 192.168.1.20 0x1");
-    command("addibarp 10.0.0.1 255.255.255.255 0x1 0xABCD");
-    // The buckets' order: 10.0.0.1 is in 10, 192.168.1.20 in 18, 255.255.255.255 in 0.
-    EXPECT_EQ(
-        read_all(),
-        std::string(header) +
-            "255.255.255.255  0x1         0x8217      00:AA:00:00:AB:CD     *        ipoib\n"
-            "10.0.0.1         0x1         0x8213      00:AA:00:00:12:34     *        ipoib\n"
-            "192.168.1.20     0x1         0x8207      00:AA:00:00:00:00     *        ipoib\n");
-}
-
-TEST_F(ControlRead, TakesTheNewestOfABucketFirst) {
-    const std::string older = fabric::format_ip(ip_in_bucket(10, 0));
-    const std::string newer = fabric::format_ip(ip_in_bucket(10, 1));
-    command("add 10.0.0.1 " + older + " 1");
-    command("add 10.0.0.1 " + newer + " 2");
-    const std::string text = read_all();
-    EXPECT_LT(text.find(newer + " "), text.find(older + " "));
-}
-
-TEST_F(ControlRead, TakesNoMoreRoomThanItSays) {
-    fill(3);
-    const host::MemoryUse before = host::memory_use();
-    host::ProcFile file(control_path);
-    file.read(1);
-    EXPECT_EQ(host::memory_use().bytes - before.bytes, 80u * 4);
-    EXPECT_EQ(file.read(1000).size(), 79u + 3 * 78 - 1);
-    EXPECT_EQ(host::memory_use().bytes, before.bytes);
-}
-
-/* Entries that come between the look at the size and the walk are left out. */
-TEST_F(ControlRead, NeverOverrunsItsBuffer) {
-    fill(5);
-    for (const u32 claimed : {0u, 1u, 4u}) {
-        write_once(table().size, claimed);
-        EXPECT_EQ(read_all().size(), 79u + 78 * claimed);
-    }
-    write_once(table().size, 5u);
-    EXPECT_EQ(read_all().size(), 79u + 78 * 5);
-}
-
 class ControlChunks : public ControlRead, public testing::WithParamInterface<std::size_t> {};
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ControlChunks, testing::Values(1, 78, 79, 4096));
@@ -212,16 +165,15 @@ TEST_F(ControlRead, LogsAPass) {
     host::ProcFile file(control_path);
     console();
     file.read(78);
-    EXPECT_EQ(masked_console(),
-              (Lines{call("0", "4E"), debug(read, "arp_string_buff = P, buf_len = 79"),
-                     debug(read, "Current chunk size is 78")}));
+    EXPECT_EQ(masked(), (Lines{call("0", "4E"), debug(read, "arp_string_buff = P, buf_len = 79"),
+                               debug(read, "Current chunk size is 78")}));
     host::ProcFile(control_path).read(10);
-    EXPECT_EQ(masked_console(),
+    EXPECT_EQ(masked(),
               (Lines{call("0", "A"), debug(read, "Another call is pending please try later ...")}));
     file.read(78);
-    EXPECT_EQ(masked_console(), (Lines{call("78", "4E"), debug(read, "Current chunk size is 1"),
-                                       call("79", "4D"), debug(read, "Current chunk size is 0"),
-                                       debug(read, "Last iteration reached !!!")}));
+    EXPECT_EQ(masked(), (Lines{call("78", "4E"), debug(read, "Current chunk size is 1"),
+                               call("79", "4D"), debug(read, "Current chunk size is 0"),
+                               debug(read, "Last iteration reached !!!")}));
 }
 
 TEST_F(ControlRead, KeepsASecondReaderOutOfTheFirstOnesText) {
@@ -239,13 +191,6 @@ TEST_F(ControlRead, KeepsASecondReaderOutOfTheFirstOnesText) {
     text += first.read(4096);
     EXPECT_EQ(text, whole);
     EXPECT_EQ(host::ProcFile(control_path).read(4096), whole);
-}
-
-TEST_F(ControlRead, IsFreeAgainWhenAReaderStopsEarly) {
-    fill(3);
-    const std::string whole = read_all();
-    EXPECT_EQ(host::ProcFile(control_path).read(10), whole.substr(0, 10));
-    EXPECT_EQ(read_all(), whole);
 }
 
 /* Where a reader goes who does not read on, before it closes the file. */

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // What every command says, to right words and to wrong ones, letter by letter.
-#include <gmock/gmock.h>
-
 #include "tarv/tarv-api-parse.h"
-#include "tests/support/control.h"
-#include "tests/support/records.h"
+#include "tests/support/module_test.h"
 
 using namespace support;
 using testing::IsEmpty;
@@ -41,7 +38,7 @@ TEST_P(ControlSays, WhatCameOfTheCommand) {
 }
 
 constexpr char entry[] = "add 10.0.0.1 10.0.0.2 5";
-const std::string found_it = found("tarv_hash_get_entry", "0200000A");
+const std::string found_it = debug("tarv_hash_get_entry", "IP: 0200000A found.", "tarv_arp_hash");
 const std::string no_memory = ": Not enough memory to allocate new ib-arp entry.";
 const std::string gid_length = "E parsegidstr: The gid string is too long or too short";
 const std::string gid_start = "E parsegidstr: The gid string should start with 0x";
@@ -138,7 +135,7 @@ SAYINGS(Tunables,
 #define FIELDS " 0 0 64 0 0xffff 0 2 4 2 3 2 18"
 const std::string bad = "D add_path: Could not parse ";
 const std::string bad_static = "D set_static_path: Could not parse ";
-const std::string path_to = found("tarv_hash_set_paths", "0200000A");
+const std::string path_to = debug("tarv_hash_set_paths", "IP: 0200000A found.", "tarv_arp_hash");
 
 SAYINGS(Paths,
     Row{"too_few", "", "addpath 10.0.0.2 p 0x1 0x2 5 7 0 0 64 0 0xffff 0 2 4 2 3 2", {"D add_path: Wrong usage. <18>"}},

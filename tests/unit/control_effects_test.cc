@@ -2,11 +2,8 @@
 //
 // What the commands do, beyond what they say: entries, paths, switches, pending requests; and the
 // module's state as the inspecting commands print it.
-#include <gmock/gmock.h>
-
 #include "tarv/tarv-sa-private.h"
-#include "tests/support/control.h"
-#include "tests/support/records.h"
+#include "tests/support/module_test.h"
 
 using namespace support;
 using testing::ElementsAre;
@@ -140,29 +137,6 @@ TEST_F(ControlShow, PrintsThreePathsAtMost) {
     const Lines lines = said("show_paths 10.0.0.2");
     EXPECT_EQ(lines.size(), 1u + 3 * (2 + 17));
     EXPECT_EQ(lines[1 + 2 * (2 + 17)], block(3)[0]);
-}
-
-TEST_F(ControlShow, KeepsWhatItShowsFromAgeing) {
-    for (const char* address : {"10.0.0.2", "10.0.0.3", "10.0.0.4"})
-        add(record(ip(address), TARV_MASK_DST_IP));
-    for (int i = 0; i < 4; i++) {
-        kernel.advance(200'000);
-        command("show 10.0.0.2");
-        command("show_paths 10.0.0.3");
-    }
-    EXPECT_EQ(table().size, 2u);
-    kernel.advance(320'000);
-    EXPECT_EQ(table().size, 0u);
-}
-
-TEST_F(FrameTest, ShowsStatisticsBeforeAPortIsUp) {
-    fabric.set_link(1, false);
-    fabric.set_link(2, false);
-    ASSERT_EQ(load(), 0);
-    kernel.advance(10);
-    const Lines nothing = {"err: param: 0, port: 0, get: 0, dgram: 0, gsi err: 0, 0",
-                           "port num: 0"};
-    EXPECT_EQ(said("show_stat and more"), nothing);
 }
 
 TEST_F(ControlEffects, SetsTheLocalPkeysThatStatisticsShow) {
@@ -334,18 +308,6 @@ TEST_F(ControlPending, IsDumpedToTheConsole) {
     EXPECT_EQ(said("dump"), requests_now + table_now);
 }
 
-TEST_F(ControlPending, IsAnsweredByAHaltThatNothingUndoes) {
-    leave_some_pending();
-    command("halt");
-    EXPECT_THAT(replies, ElementsAre("10.0.0.8 -254", "10.0.0.9 -254", "10.0.0.3 -254"));
-    command("enable");
-    EXPECT_EQ(ask("10.0.0.2"), tarv_stat_error);
-    kernel.advance(20'000);
-    EXPECT_EQ(replies.size(), 3u);
-    command("halt");
-    EXPECT_EQ(replies.size(), 3u);
-}
-
 TEST_F(ControlPending, IsTriedAgainAsOftenAsTheRetryCountSays) {
     for (const auto& [line, sends] : {std::pair{"set_retry_cnt 11", 4},
                                       {"set_retry_cnt 1", 2},
@@ -364,22 +326,6 @@ TEST_F(ControlPending, IsTriedAgainAsOftenAsTheRetryCountSays) {
     kernel.advance(30'000);
     EXPECT_EQ(fabric.ipoib().requests().size(), 2u);
     EXPECT_EQ(replies.size(), 5u);
-}
-
-TEST_F(ControlEffects, TakesArpDataInOnlyWhileEnabled) {
-    fabric.ipoib().attach();
-    const auto entries_after_announcement = [&] {
-        fabric.peer_announces(ip("10.0.0.2"));
-        kernel.advance(10);
-        const u32 size = table().size;
-        command("flush");
-        return size;
-    };
-    EXPECT_EQ(entries_after_announcement(), 0u);
-    command("enable");
-    EXPECT_EQ(entries_after_announcement(), 1u);
-    command("disable");
-    EXPECT_EQ(entries_after_announcement(), 0u);
 }
 
 /* An invalidated address is resolved anew; the console hears how that ended. */

@@ -70,25 +70,6 @@ TEST_F(AdapterTest, ShowsItsAttributes) {
     EXPECT_NE(gx_hca_open("hca1", 0, &other), gx_return_ok);
 }
 
-TEST_F(AdapterTest, ServesAddresses) {
-    gx_gid_t base{};
-    EXPECT_EQ(port_num2base_gid(hca, 1, &base), 0);
-    EXPECT_EQ(base, held(gid(0x1001)));
-    gx_lid_t lid = 0;
-    EXPECT_EQ(port_num2base_lid(hca, 1, &lid), 0);
-    EXPECT_EQ(lid, 11);
-    int port = 0;
-    EXPECT_EQ(base_gid2port_num(hca, &base, &port), 0);
-    EXPECT_EQ(port, 1);
-    gx_gid_t bob = held(gid(0x2001));
-    EXPECT_NE(base_gid2port_num(hca, &bob, &port), 0);
-    gx_p_key_t pkey = 0;
-    EXPECT_EQ(pkey_index2pkey(hca, 1, 0, &pkey), 0);
-    EXPECT_EQ(pkey, 0xFFFF);
-    EXPECT_NE(pkey_index2pkey(hca, 1, 1, &pkey), 0);
-    EXPECT_NE(port_num2base_lid(hca, 0, &lid), 0);
-}
-
 TEST_F(AdapterTest, TellsOfPortsThatAreUpAndOfWhatHappensToThem) {
     fabric.set_link(2, false);
     ASSERT_EQ(register_callback(), gx_return_ok);
@@ -134,18 +115,6 @@ TEST_F(AdapterTest, DeliversOneEventAtATimeAndNoneAfterTheEnd) {
     EXPECT_THAT(kernel.remains(), ElementsAre("1 open adapter(s)"));
     EXPECT_EQ(gx_hca_close(hca), gx_return_ok);
     EXPECT_THAT(kernel.remains(), IsEmpty());
-}
-
-TEST_F(AdapterTest, FailsWhereItIsToldTo) {
-    gx_hca_attrib_t adapter;
-    host::fail_nth("gx_hca_query", 2);
-    EXPECT_EQ(gx_hca_query(hca, &adapter), gx_return_ok);
-    EXPECT_NE(gx_hca_query(hca, &adapter), gx_return_ok);
-    host::fail_nth("gx_set_sleepable_async_event_cb", 1);
-    EXPECT_NE(register_callback(), gx_return_ok);
-    gx_hca_h_t other;
-    host::fail_nth("gx_hca_open", 1);
-    EXPECT_NE(gx_hca_open(gx_default_hca_name(), 0, &other), gx_return_ok);
 }
 
 using AdapterDeathTest = AdapterTest;
@@ -218,13 +187,6 @@ TEST(SubnetManagerTest, KeepsGivenLidsAndGivesTheMissingOnes) {
         }
         EXPECT_EQ(subnet.manager().lid, c.expected.at(0xA0));
     }
-}
-
-TEST(SubnetManagerTest, SitsWhereItIsPut) {
-    Topology topology = read(site);
-    Subnet subnet(topology, {.sm_node = 2, .sm_sl = 3});
-    EXPECT_EQ(subnet.manager().lid, 21);
-    EXPECT_EQ(subnet.manager().sl, 3);
 }
 
 }  // namespace

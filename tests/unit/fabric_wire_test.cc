@@ -11,53 +11,6 @@ using namespace fabric_testing;
 
 namespace {
 
-/* Fields whose place a peer of another make depends on: format, name, byte, first bit in it from
- * the most significant, width. */
-struct Place {
-    std::vector<FieldPlace> (*format)();
-    const char* name;
-    unsigned byte, bit, width;
-};
-const Place known_places[] = {
-    {places<MadHeader>, "method", 3, 0, 8},
-    {places<MadHeader>, "transaction", 8, 0, 64},
-    {places<MadHeader>, "modifier", 20, 0, 32},
-    {places<RmppHeader>, "flags", 2, 0, 8},
-    {places<RmppHeader>, "length", 8, 0, 32},
-    {places<SaHeader>, "attribute_offset", 8, 0, 16},
-    {places<SaHeader>, "component_mask", 12, 0, 64},
-    {places<MultiPathRecord>, "flow_label", 0, 4, 20},
-    {places<MultiPathRecord>, "numb_path", 5, 1, 7},
-    {places<MultiPathRecord>, "sl", 9, 4, 4},
-    {places<MultiPathRecord>, "independence", 14, 0, 2},
-    {places<MultiPathRecord>, "dgid_count", 16, 0, 8},
-    {places<PathRecord>, "hop_limit", 47, 0, 8},
-    {places<PathRecord>, "pkey", 50, 0, 16},
-    {places<PathRecord>, "sl", 53, 4, 4},
-    {places<PathRecord>, "mtu", 54, 2, 6},
-    {places<PathRecord>, "rate_selector", 55, 0, 2},
-    {places<ArpPacket>, "sender_qpn", 13, 0, 24},
-    {places<ArpPacket>, "target_ip", 56, 0, 32},
-    {places<LocalRouteHeader>, "length", 4, 5, 11},
-    {places<BaseTransportHeader>, "dest_qp", 5, 0, 24},
-    {places<DatagramHeader>, "src_qp", 5, 0, 24},
-};
-
-TEST(Wire, FieldsStandWhereOthersLookForThem) {
-    for (const Place& place : known_places) {
-        SCOPED_TRACE(place.name);
-        bool found = false;
-        for (const FieldPlace& field : place.format()) {
-            if (std::strcmp(field.name, place.name) != 0)
-                continue;
-            found = true;
-            EXPECT_EQ(field.bit, place.byte * 8 + place.bit);
-            EXPECT_EQ(field.width, place.width);
-        }
-        EXPECT_TRUE(found);
-    }
-}
-
 /* Every bit that a format names survives the way in and out again, every other is cleared. */
 template <class T>
 class WireFormat : public testing::Test {};

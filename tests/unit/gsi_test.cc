@@ -107,35 +107,6 @@ TEST_F(GsiTest, LosesWhatCrossesAPortThatIsDown) {
     EXPECT_THAT(client.answers, SizeIs(1)) << "nor does an answer arrive that is under way";
 }
 
-TEST_F(GsiTest, FindsTheManagerWhereItMovedTo) {
-    GsiClient client;
-    fabric.move_sm(31, 4);
-    client.ask(0x2001);
-    EXPECT_THAT(client.answers, IsEmpty());
-    gsi_post_send_dtgrm(client.handle, client.query({gid(0x1001)}, gid(0x2001), 31));
-    kernel.advance(2);
-    EXPECT_THAT(client.answers, SizeIs(1));
-}
-
-TEST_F(GsiTest, FailsWhereItIsToldToFail) {
-    GsiClient client;
-    gsi_dtgrm_t* dtgrm = client.query({gid(0x1001)}, gid(0x2001));
-    host::fail_nth("gsi_post_send_dtgrm", 1);
-    EXPECT_NE(gsi_post_send_dtgrm(client.handle, dtgrm), 0);
-    gsi_dtgrm_pool_put(dtgrm);
-    host::fail_nth("gsi_dtgrm_pool_get", 1);
-    EXPECT_NE(gsi_dtgrm_pool_get(client.pool, &dtgrm), 0);
-    dtgrm = client.get();
-    host::fail_nth("gsi_dtgrm_alloc_rmpp_buf", 1);
-    EXPECT_EQ(gsi_dtgrm_alloc_rmpp_buf(dtgrm, 220), nullptr);
-    gsi_dtgrm_pool_put(dtgrm);
-    host::fail_nth("gsi_register_class", 1);
-    gsi_class_handle_t handle;
-    EXPECT_NE(gsi_register_class(3, 2, "hca0", 1, 0, 1, nullptr, nullptr, nullptr, &handle), 0);
-    EXPECT_NE(gsi_register_class(3, 2, "hca0", 3, 0, 1, nullptr, nullptr, nullptr, &handle), 0);
-    EXPECT_NE(gsi_register_class(3, 2, "hca9", 1, 0, 1, nullptr, nullptr, nullptr, &handle), 0);
-}
-
 TEST_F(GsiTest, ReportsWhatIsLeftOpen) {
     GsiClient client;
     gsi_dtgrm_t* dtgrm = client.get();

@@ -140,24 +140,4 @@ TEST_F(ConsoleTest, KeepsTheLastLinesOnly) {
     EXPECT_TRUE(host::console_lines().empty());
 }
 
-TEST(RealConsole, NeverMixesTheLinesOfOneCall) {
-    host::Kernel kernel({.clock = host::Clock::real_time});
-    static spinlock_t lock;
-    spin_lock_init(&lock, "lock");
-    for (const auto context : {host::Context::timer, host::Context::gsi, host::Context::driver})
-        for (int i = 0; i < 100; ++i)
-            kernel.schedule(context, 0, [context] {
-                const spin_guard guard(lock);
-                const int id = static_cast<int>(context);
-                printk("%d begin\n%d end\n", id, id);
-            });
-    kernel.settle();
-    const auto lines = host::console_lines();
-    ASSERT_EQ(lines.size(), 600u);
-    for (std::size_t i = 0; i < lines.size(); i += 2) {
-        EXPECT_EQ(lines[i].text, lines[i].text.substr(0, 1) + " begin");
-        EXPECT_EQ(lines[i + 1].text, lines[i].text.substr(0, 1) + " end");
-    }
-}
-
 }  // namespace

@@ -86,13 +86,6 @@ TEST_P(VirtualKernel, RunsInOrderOfDueTickThenAge) {
     EXPECT_EQ(kernel_.next_due(), ~0ul);
 }
 
-TEST_P(VirtualKernel, RunsWhatIsDueAtTheLastTickAndNotBeyond) {
-    at(4, "inside");
-    at(5, "outside");
-    kernel_.advance(4);
-    EXPECT_THAT(log_, ElementsAre("inside@4"));
-}
-
 TEST_P(VirtualKernel, RunsWorkOfNoDelayInTheSameTickButNeverAtOnce) {
     kernel_.schedule(Context::driver, 2, [this] {
         at(0, "inner");
@@ -177,32 +170,6 @@ TEST_P(VirtualKernel, ReportsWhatAnArmedTimerAndAWatcherLeave) {
     EXPECT_THAT(kernel_.remains(), ElementsAre());
 }
 
-TEST(RealKernel, RunsEveryContextOnAThreadOfItsOwn) {
-    Kernel kernel({.clock = Clock::real_time});
-    std::mutex mutex;
-    std::set<std::thread::id> threads{std::this_thread::get_id()};
-    for (const Context context : {Context::event, Context::timer, Context::gsi, Context::driver})
-        kernel.schedule(context, 0, [&, context] {
-            EXPECT_EQ(host::current_context(), context);
-            const std::lock_guard guard(mutex);
-            threads.insert(std::this_thread::get_id());
-        });
-    kernel.settle();
-    EXPECT_EQ(threads.size(), 5u);
-}
-
-TEST(RealKernel, SettlesAChainThatGoesThroughAllContexts) {
-    Kernel kernel({.clock = Clock::real_time});
-    std::atomic<int> left = 200;
-    std::function<void()> step = [&] {
-        if (--left > 0)
-            kernel.schedule(static_cast<Context>(left % 5), 0, step);
-    };
-    kernel.schedule(Context::gsi, 0, step);
-    kernel.settle();
-    EXPECT_EQ(left, 0);
-}
-
 TEST(RealKernel, FiresATimerNotBeforeItsExpiry) {
     Kernel kernel({.clock = Clock::real_time});
     static semaphore fired;
@@ -238,33 +205,6 @@ TEST(RealKernel, StopsATimerThatKeepsStartingItself) {
     }
 }
 
-TEST(RealKernel, LocksExcludeAndReadersShare) {
-    Kernel kernel({.clock = Clock::real_time});
-    static spinlock_t spin;
-    static rwlock_t rw;
-    spin_lock_init(&spin, "spin");
-    rwlock_init(&rw, "rw");
-    int spun = 0;
-    int written = 0;
-    for (const Context context : {Context::event, Context::timer, Context::gsi, Context::driver})
-        for (int i = 0; i < 500; ++i)
-            kernel.schedule(context, 0, [&] {
-                {
-                    const spin_guard guard(spin);
-                    ++spun;
-                }
-                {
-                    const write_guard guard(rw);
-                    ++written;
-                }
-                const read_guard guard(rw);
-                EXPECT_GT(written, 0);
-            });
-    kernel.settle();
-    EXPECT_EQ(spun, 2000);
-    EXPECT_EQ(written, 2000);
-}
-
 TEST(RealKernel, ManyMoreReadersThanCpusKeepWritersOut) {
     const Kernel kernel({.clock = Clock::real_time});
     static rwlock_t rw;
@@ -285,15 +225,6 @@ TEST(RealKernel, ManyMoreReadersThanCpusKeepWritersOut) {
         const write_guard guard(rw);
         EXPECT_EQ(reading, 0);
     }
-}
-
-TEST(RealKernel, DropsWhatIsNotYetDueWhenItEnds) {
-    bool ran = false;
-    {
-        Kernel kernel({.clock = Clock::real_time});
-        kernel.schedule(Context::timer, 1'000'000, [&] { ran = true; });
-    }
-    EXPECT_FALSE(ran);
 }
 
 }  // namespace

@@ -132,15 +132,6 @@ TEST_F(ProcTest, CallsTheHandlerAgainWithWhatIsLeftToRead) {
     EXPECT_THAT(counts, ElementsAre(3072, 928, 3072, 3072));
 }
 
-TEST_F(ProcTest, LeavesAFinishedPassAlone) {
-    text = letters(100);
-    make("file", read_told);
-    { host::ProcFile file("file"); }
-    EXPECT_THAT(offsets, IsEmpty());
-    { EXPECT_EQ(host::ProcFile("file").read(100), text); }
-    EXPECT_THAT(offsets, ElementsAre(0));
-}
-
 TEST_F(ProcTest, FinishesThePassWhereTheHandlerStoppedWhateverTheSeeks) {
     text = letters(5000);
     make("file", read_told);
@@ -171,13 +162,6 @@ TEST_F(ProcTest, WritesOnceWithBytesOfTheProcess) {
     EXPECT_EQ(host::ProcFile("silent").write("x"), -EACCES);
 }
 
-TEST_F(ProcTest, TheProcessesMemoryCannotBeReadDirectly) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    make("file", nullptr, 0644)->write_proc = [](struct file*, const char* buffer, unsigned long,
-                                                 void*) { return static_cast<int>(*buffer); };
-    EXPECT_DEATH(host::ProcFile("file").write("x"), "");
-}
-
 TEST_F(ProcTest, KeepsATree) {
     EXPECT_EQ(create_proc_entry("a/b", 0, nullptr), nullptr);
     EXPECT_EQ(proc_mkdir("a/b", nullptr), nullptr);
@@ -198,21 +182,6 @@ TEST_F(ProcTest, KeepsATree) {
     EXPECT_THAT(host::proc_entries(), ElementsAre("a/"));
 }
 
-TEST_F(ProcTest, RefusesToOpenWhatIsNoFile) {
-    proc_mkdir("a", nullptr);
-    const auto error_of = [](const std::string& path) {
-        try {
-            host::ProcFile file(path);
-        } catch (const std::system_error& error) {
-            return error.code().value();
-        }
-        return 0;
-    };
-    EXPECT_EQ(error_of("b"), ENOENT);
-    EXPECT_EQ(error_of("a/b"), ENOENT);
-    EXPECT_EQ(error_of("a"), EISDIR);
-}
-
 TEST_F(ProcTest, AnOpenFileOutlivesItsEntry) {
     text = letters(5000);
     make("file", read_told, 0644);
@@ -222,28 +191,6 @@ TEST_F(ProcTest, AnOpenFileOutlivesItsEntry) {
     EXPECT_EQ(file.read(10), "");
     EXPECT_EQ(file.write("x"), -EIO);
     EXPECT_THAT(offsets, ElementsAre(0));
-}
-
-TEST(RealProc, RemovalWaitsForARunningHandler) {
-    host::Kernel kernel({.clock = host::Clock::real_time});
-    static semaphore entered;
-    static std::atomic<bool> removing, returned;
-    removing = returned = false;
-    sema_init(&entered, 0, "entered");
-    create_proc_entry("file", 0, nullptr)->read_proc = [](char*, char**, off_t, int, int*, void*) {
-        up(&entered);
-        while (!removing)
-            ::schedule();
-        host::Kernel::current().advance(2);
-        returned = true;
-        return 0;
-    };
-    std::thread reader([] { host::ProcFile("file").read(1); });
-    down(&entered);
-    removing = true;
-    remove_proc_entry("file", nullptr);
-    EXPECT_TRUE(returned);
-    reader.join();
 }
 
 }  // namespace

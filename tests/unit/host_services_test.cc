@@ -70,15 +70,6 @@ TEST_F(Services, LoadsAModuleWithParametersAndForgetsThemAtTheNextLoad) {
     host::unload_module(test_module);
 }
 
-TEST_F(Services, AModuleWhoseInitFailsIsNotLoaded) {
-    init_result = -12;
-    EXPECT_EQ(host::load_module(test_module), -12);
-    EXPECT_EQ(this_module(), nullptr);
-    init_result = 0;
-    EXPECT_EQ(host::load_module(test_module), 0);
-    host::unload_module(test_module);
-}
-
 TEST_F(Services, UnusableParametersCallNothing) {
     for (const char* parameter : {"other=1", "byte", "byte=", "byte=256", "byte=-1", "byte=1x",
                                   "byte= 1", "byte=08", "ulong=18446744073709551616", "=1"}) {
@@ -154,52 +145,6 @@ TEST(Faults, HitTheCallTheyWereSetForOnce) {
     void* const memory = kmalloc(1, GFP_ATOMIC);
     EXPECT_NE(memory, nullptr);
     kfree(memory);
-}
-
-TEST(Faults, EveryServiceIsReachableByItsNameAndNoOther) {
-    const host::Kernel kernel;
-    for (const std::string& service : host::services_that_fail()) {
-        host::fail_nth(service, 2);
-        EXPECT_FALSE(host::fails_now(service.c_str())) << service;
-        EXPECT_TRUE(host::fails_now(service.c_str())) << service;
-        EXPECT_FALSE(host::fails_now(service.c_str())) << service;
-    }
-    EXPECT_THROW(host::fail_nth("kfree", 1), std::invalid_argument);
-    EXPECT_THROW(host::calls_of("kfree"), std::invalid_argument);
-}
-
-TEST(Faults, StopTheServicesThatTheyName) {
-    const host::Kernel kernel;
-    host::set_repository_value("a/", "v", 1);
-    rep_key_t key = nullptr;
-    ASSERT_EQ(rep_open_key(rep_get_root(), "a/", 0, &key), 0);
-    for (const char* service : {"create_proc_entry", "proc_mkdir", "rep_open_key", "rep_get_value",
-                                "rep_notify_key_change"})
-        host::fail_nth(service, 1);
-    EXPECT_EQ(create_proc_entry("x", 0, nullptr), nullptr);
-    EXPECT_EQ(proc_mkdir("x", nullptr), nullptr);
-    rep_key_t second = nullptr;
-    EXPECT_NE(rep_open_key(rep_get_root(), "a/", 0, &second), 0);
-    u64 value = 0;
-    u32 size = sizeof value;
-    EXPECT_NE(rep_get_value(key, "v", 0, &value, &size), 0);
-    rep_notify_t handle = nullptr;
-    EXPECT_NE(rep_notify_key_change(key, 0, 2, trace_lvl_change_cb, &size, &handle), 0);
-    rep_close_key(key);
-    EXPECT_THAT(kernel.remains(), IsEmpty());
-}
-
-TEST(RealServices, MemoryIsAccountedAcrossThreads) {
-    host::Kernel kernel({.clock = host::Clock::real_time});
-    for (const auto context : {host::Context::timer, host::Context::gsi, host::Context::driver})
-        kernel.schedule(context, 0, [] {
-            for (int i = 0; i < 1000; ++i)
-                kfree(kmalloc(static_cast<size_t>(i), GFP_ATOMIC));
-        });
-    kernel.settle();
-    EXPECT_EQ(host::memory_use().allocations, 3000u);
-    EXPECT_EQ(host::memory_use().blocks, 0u);
-    EXPECT_EQ(host::memory_use().bytes, 0u);
 }
 
 TEST(RealServices, EndingANotificationWaitsForItsCallback) {

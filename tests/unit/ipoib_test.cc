@@ -171,39 +171,6 @@ TEST_F(IpoibTest, LeavesAPortThatIsDownAndReturnsOnAMediaReset) {
     EXPECT_THAT(fabric.ipoib().requests(), SizeIs(4));
 }
 
-TEST_F(IpoibTest, RecordsWhatTheModuleAskedFor) {
-    kernel.advance(7);
-    ask(4, 1);
-    std::vector<SentRequest> requests = fabric.ipoib().requests();
-    ASSERT_THAT(requests, SizeIs(1));
-    EXPECT_EQ(requests[0].jiffies, 1007u);
-    EXPECT_EQ(requests[0].target_ip, ip(4));
-    EXPECT_EQ(requests[0].media_reset, 1);
-    EXPECT_EQ(requests[0].record.mask, 0x403u);
-    host::fail_nth("send_arp", 1);
-    EXPECT_EQ(ask(4), tarv_stat_error);
-}
-
-TEST_F(IpoibTest, FollowsAPeerThatChanges) {
-    fabric.change_peer(ip(2), {.qpn = 0x00ABCDEF, .gid = gid(0x2077), .flags = 0x40});
-    ask(2);
-    kernel.advance(2);
-    ASSERT_THAT(given.heard, SizeIs(1));
-    EXPECT_EQ(given.heard[0].qpn, 0xABCDEFu);
-    EXPECT_EQ(given.heard[0].gid, held(gid(0x2077)));
-    EXPECT_EQ(given.heard[0].cap_flg, 0x40);
-
-    fabric.set_peer_link(ip(2), false);
-    ask(2);
-    kernel.advance(5);
-    EXPECT_THAT(given.heard, SizeIs(1));
-    fabric.set_peer_link(ip(2), true);
-    ask(2);
-    kernel.advance(2);
-    EXPECT_THAT(given.heard, SizeIs(2));
-    EXPECT_THROW(fabric.change_peer(ip(9), {}), std::invalid_argument);
-}
-
 /* A fault of the peer's packets, and the ticks after the first request at which answers to three
  * requests, sent at ticks 0, 10 and 20, arrive. */
 struct FaultCase {
@@ -244,19 +211,6 @@ TEST_F(IpoibTest, MeetsScriptedFaults) {
         fabric.port(2).clear();
         fabric.network().set_delays({});
     }
-}
-
-TEST_F(IpoibTest, KeepsPartitionsApart) {
-    fabric.ipoib().set_pkey(0x8002);
-    ask(2);
-    kernel.advance(3);
-    EXPECT_THAT(given.heard, IsEmpty()) << "nobody is in that partition";
-    fabric.subnet().set_pkeys(fabric.peers().station(ip(2)).at, {0xFFFF, 0x0002});
-    fabric.set_pkeys(1, {0x8002});
-    ask(2);
-    kernel.advance(2);
-    EXPECT_THAT(given.heard, SizeIs(1));
-    EXPECT_EQ(fabric.peers().requests_heard(), 1u);
 }
 
 }  // namespace

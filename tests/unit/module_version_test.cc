@@ -5,7 +5,7 @@
 #include "platform/memory.h"
 #include "platform/proc.h"
 #include "tarv/qversion.h"
-#include "tests/support/control.h"
+#include "tests/support/module_test.h"
 
 using namespace support;
 
@@ -129,35 +129,6 @@ TEST_F(VersionTest, ReadsAsAnErrorWithoutALine) {
     EXPECT_EQ(version_read_proc(page, &start, 0, 3072, &eof, nullptr), 6);
     EXPECT_STREQ(page, "Error\n");
     EXPECT_EQ(eof, 1);
-}
-
-/* Every call that can fail, with the directories still to be made and with them there. */
-TEST_F(VersionTest, LeavesNothingWhenItCannotBeMade) {
-    struct Failure {
-        const char* service;
-        unsigned long nth;
-        int result;
-    };
-    const auto attempt = [&](const Failure& failure) {
-        SCOPED_TRACE(failure.service + std::to_string(failure.nth));
-        host::fail_nth(failure.service, failure.nth);
-        const int result = module_version_init("tarv", "1.21", release_tag);
-        host::clear_faults();
-        EXPECT_EQ(result, failure.result);
-        EXPECT_EQ(module_banner == nullptr, result != 0);
-        EXPECT_EQ(module_version_exit("tarv"), 0);
-        EXPECT_EQ(kernel.remains(), Lines{});
-    };
-    for (const Failure& failure :
-         {Failure{"kmalloc", 1, -1}, Failure{"kmalloc", 2, -1}, Failure{"kmalloc", 3, -1},
-          Failure{"proc_mkdir", 2, -1}, Failure{"proc_mkdir", 3, -1}}) {
-        attempt(failure);
-        EXPECT_EQ(host::proc_entries().size(), failure.nth == 3 && *failure.service == 'p');
-    }
-    attempt({"create_proc_entry", 2, -1});
-    attempt({"kmalloc", 1, -1});
-    attempt({"kmalloc", 2, -1});
-    attempt({"kmalloc", 3, 0});
 }
 
 }  // namespace

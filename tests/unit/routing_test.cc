@@ -117,33 +117,6 @@ TEST(Routing, ALinkNeedsBothItsEnds) {
     EXPECT_FALSE(routing.link_up(e, 2)) << "not linked at all";
 }
 
-TEST(Routing, RefusesPortsThatAreNotThere) {
-    const Topology topology = example();
-    Routing routing(topology);
-    EXPECT_THROW(routing.route({a, 2}, {b, 1}), std::out_of_range);
-    EXPECT_THROW(routing.route({a, 1}, {-1, 1}), std::out_of_range);
-    EXPECT_THROW(routing.set_link(f + 1, 1, false), std::out_of_range);
-}
-
-TEST(Routing, ReachesAllOfALargeFabricUntilItsLeafIsCutOff) {
-    const Topology topology = make_fabric({.hosts = 1000, .two_port_percent = 0});
-    Routing routing(topology);
-    const auto reached = [&] {
-        int count = 0;
-        for (int host = 0; host < 1000; ++host)
-            count += routing.route({0, 1}, {host, 1}).has_value();
-        return count;
-    };
-    EXPECT_EQ(reached(), 1000);
-    EXPECT_EQ(routing.route({0, 1}, {15, 1})->hops, 2);
-    EXPECT_EQ(routing.route({0, 1}, {16, 1})->hops, 4);
-    EXPECT_EQ(routing.route({0, 1}, {999, 1})->hops, 6);
-    const int leaf = topology.nodes[0].ports[1].remote_node;
-    for (int up_port = 33; up_port <= 36; ++up_port)
-        routing.set_link(leaf, up_port, false);
-    EXPECT_EQ(reached(), 16) << "those on its own leaf are left";
-}
-
 TEST(Routing, JoinsAllHostsOfTheFabricThatComesWithTheProject) {
     const std::filesystem::path data = TARV_FABRIC_DATA;
     const Topology topology = read_topology(data / "two-tier.ibnetdiscover");

@@ -128,48 +128,6 @@ TEST_F(SaTest, RefusesWhatIsNoProperQuery) {
     }
 }
 
-/* Which paths a query accepts, by the components that it marks beside its own. The way to Bob has
- * MTU 4, rate 3, life time 18. */
-struct SelectCase {
-    const char* name;
-    u8 mask_high, mask_low;  // of the component mask's last two bytes
-    std::size_t place;       // in the MultiPathRecord
-    u8 value;
-    std::size_t records;
-};
-constexpr SelectCase select_cases[] = {
-    {"MTU exactly 4", 0x0C, 0xC0, 10, 0x84, 1},
-    {"MTU exactly 5", 0x0C, 0xC0, 10, 0x85, 0},
-    {"MTU greater than 3", 0x0C, 0xC0, 10, 0x03, 1},
-    {"MTU greater than 4", 0x0C, 0xC0, 10, 0x04, 0},
-    {"MTU less than 5", 0x0C, 0xC0, 10, 0x45, 1},
-    {"MTU as large as it can be", 0x0C, 0xC0, 10, 0xC5, 1},
-    {"MTU without its selector is not asked for", 0x08, 0xC0, 10, 0x85, 1},
-    {"rate exactly 3", 0x30, 0xC0, 11, 0x83, 1},
-    {"rate greater than 3", 0x30, 0xC0, 11, 0x03, 0},
-    {"life time less than 18", 0xC0, 0xC0, 12, 0x52, 0},
-    {"service level 1", 0x02, 0xC0, 9, 0x01, 0},
-    {"another partition", 0x00, 0xC0, 6, 0x12, 0},
-    {"no paths wanted", 0x00, 0xC0, 5, 0x00, 0},
-    {"number of paths not said", 0x00, 0x80, 5, 0x00, 1},
-};
-
-TEST_F(SaTest, HonoursTheComponentsOfAQuery) {
-    for (const SelectCase& c : select_cases) {
-        SCOPED_TRACE(c.name);
-        client.answers.clear();
-        gsi_dtgrm_t* dtgrm = client.query({gid(0x1001)}, gid(0x2001));
-        auto* block = static_cast<u8*>(dtgrm->rmpp_payload);
-        block[18] = c.mask_high;
-        block[19] = c.mask_low;
-        block[20 + c.place] = c.value;
-        EXPECT_EQ(gsi_post_send_dtgrm(client.handle, dtgrm), 0);
-        kernel.advance(2);
-        ASSERT_THAT(client.answers, SizeIs(1));
-        EXPECT_THAT(client.answers[0].records(), SizeIs(c.records));
-    }
-}
-
 /* A scripted fault and what the client gets to see of the answers to two queries, ten ticks apart:
  * "TICK:STATUS:ATTRIBUTE:CLASS.VERSION:SIZE". */
 struct ScriptCase {

@@ -5,14 +5,12 @@
 #include "app/script.h"
 
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <sstream>
 
 #include "app/script_text.h"
 #include "fabric/topology.h"
 #include "tests/support/kernel_test.h"
+#include "tests/support/program.h"
 
 namespace {
 
@@ -95,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"TickTooFar", "tick 99999999999999999999", "s:1: \"999"},
         {"JiffiesAfterLoad", "load\njiffies 5", "s:2: the tick counter can be set before"},
         {"JiffiesAfterTick", "tick 0\njiffies 5", "s:2: the tick counter can be set before"},
-        {"ExpectNothing", "expect", "s:1: line, no line, reply or entry is missing"},
+        {"ExpectNothing", "expect", "s:1: line, no line, reply, entry or nobody is missing"},
         {"ExpectNoText", "expect line  ", "s:1: TEXT is missing"},
         {"ExpectStatus", "expect reply 1 fine", "s:1: \"fine\" is no status"},
         {"ExpectField", "expect entry 10.0.0.2 age 3", "s:1: \"age\" is no field of an entry"},
@@ -168,9 +166,7 @@ TEST(Script, HidesAddressesAndNothingElse) {
 }
 
 int exit_status(const std::string& script, const std::string& rest) {
-    const int status = std::system(
-        ("printf '" + script + "' | " TARV_HOST " script " + rest + " >/dev/null 2>&1").c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return support::shell("printf '" + script + "' | " TARV_HOST " script " + rest).status;
 }
 
 TEST(Script, TellsItsOutcomeByTheExitStatus) {

@@ -71,28 +71,6 @@ INSTANTIATE_TEST_SUITE_P(
                (std::get<1>(row.param) == 1000 ? "" : "_at_the_wrap");
     });
 
-TEST_F(Ageing, TakesAnyPlaceOfAChain) {
-    arp_cache_timeout_sec = 0;
-    for (u16 i = 0; i < 7; i++)  // newest first: 6 to 0
-        add(record(ip_in_bucket(31, i), i == 4 || i == 1 ? TARV_MASK_STATIC : 0u, i));
-    kernel.advance(15000);
-    ASSERT_EQ(table().size, 2u);
-    const tarv_hash_entry_t* head = table().hash_buckets[31];
-    EXPECT_EQ(head->arp_data.lid, 4);
-    EXPECT_EQ(head->next->arp_data.lid, 1);
-    EXPECT_EQ(head->next->next, nullptr);
-}
-
-TEST_F(Ageing, ReadsTheTimeoutAtEveryRun) {
-    add(record(1, 0));
-    kernel.advance(15000);
-    arp_cache_timeout_sec = 30;
-    kernel.advance(14999);
-    EXPECT_EQ(table().size, 1u);
-    kernel.advance(1);
-    EXPECT_EQ(table().size, 0u);
-}
-
 TEST_F(Ageing, NeverComesBeyondTheTickCounter) {
     for (const unsigned long timeout : {~0ul, ~0ul / HZ + 1, ~0ul / HZ, (~0ul - 1000) / HZ}) {
         arp_cache_timeout_sec = timeout;
@@ -100,15 +78,6 @@ TEST_F(Ageing, NeverComesBeyondTheTickCounter) {
         kernel.advance(15000);
         EXPECT_EQ(table().size, 1u) << timeout;
         tarv_hash_remove_all();
-    }
-}
-
-TEST_F(Ageing, GoesOnWhenHalted) {
-    write_once(halted, 1);
-    const unsigned long start = jiffies();
-    for (unsigned long run = 1; run <= 3; run++) {
-        EXPECT_EQ(kernel.next_due(), start + 15000 * run);
-        kernel.advance(15000);
     }
 }
 

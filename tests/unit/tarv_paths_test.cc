@@ -2,9 +2,7 @@
 //
 // Path records on their way into the cache: how they are stored, when a request is satisfied, and
 // which P_Key they are given.
-#include "host/faults.h"
-#include "tests/support/fabric_test.h"
-#include "tests/support/records.h"
+#include "tests/support/module_test.h"
 
 namespace {
 
@@ -48,48 +46,6 @@ class Paths : public support::FabricTest {
         support::path(support::gid(1), port_gid(0x1002), 102, 0xFFFF),
         support::path(support::gid(1), port_gid(0x1001), 103, 0xFFFF)};
 };
-
-/// Paths given by command to an entry that had so many: its count and mask afterwards.
-struct Setting {
-    const char* name;
-    int count_before;
-    bool primary;
-    bool secondary;
-    int count;
-    u32 mask;
-};
-class SetPaths : public Paths, public testing::WithParamInterface<Setting> {};
-TEST_P(SetPaths, CountsStepByStep) {
-    const Setting& row = GetParam();
-    tarv_arp_data_t data = support::record(peer, TARV_MASK_STATIC);
-    data.paths_count = row.count_before;
-    const tarv_hash_entry_t* entry = support::add(data);
-    write_once(statics_inv_enabled, 0);  // static entries take paths all the same
-    trace(TARV_DEBUG);
-    EXPECT_EQ(tarv_hash_set_paths(peer, row.primary ? &received[0] : nullptr,
-                                  row.secondary ? &received[1] : nullptr),
-              tarv_stat_ok);
-    EXPECT_EQ(told_by("tarv_hash_set_paths", unit),
-              std::string("D IP: 0200000A found.\n") +
-                  (row.primary ? "D Primary path added.\n" : "") +
-                  (row.secondary ? "D Secondary path added.\n" : ""));
-    EXPECT_EQ(entry->arp_data.paths_count, row.count);
-    EXPECT_EQ(entry->arp_data.mask, row.mask | TARV_MASK_STATIC);
-    EXPECT_EQ(entry->arp_data.paths[0].dlid, row.primary ? 101 : 0);
-    EXPECT_EQ(entry->arp_data.paths[1].dlid, row.secondary ? 102 : 0);
-    EXPECT_EQ(entry->arp_data.paths[0].pkey, row.primary ? 0xFFFF : 0);
-    EXPECT_EQ(tarv_hash_set_paths(peer + 1, &received[0], nullptr), tarv_stat_not_found);
-}
-INSTANTIATE_TEST_SUITE_P(Commands, SetPaths,
-                         testing::Values(Setting{"primary", 0, true, false, 1, 0x080},
-                                         Setting{"secondary_first", 0, false, true, 0, 0x100},
-                                         Setting{"both", 0, true, true, 2, 0x180},
-                                         Setting{"second_of_two", 1, false, true, 2, 0x100},
-                                         Setting{"primary_again", 2, true, false, 2, 0x080},
-                                         Setting{"secondary_of_three", 3, false, true, 3, 0x100},
-                                         Setting{"primary_of_three", 3, true, false, 3, 0x080},
-                                         Setting{"nothing", 0, false, false, 0, 0}),
-                         support::row_name);
 
 /// An answer of `count` paths for an entry that holds `before`; what a request that wants `wanted`
 /// is told, and what the entry is like then.

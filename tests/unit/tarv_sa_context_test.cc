@@ -2,9 +2,8 @@
 //
 // The ports' SA contexts: what a set-up asks for and logs, what each of its failures leaves, and
 // how contexts come and go.
-#include "host/faults.h"
 #include "tarv/tarv-sa-private.h"
-#include "tests/support/fabric_test.h"
+#include "tests/support/module_test.h"
 
 namespace {
 
@@ -28,7 +27,7 @@ class SaContext : public support::SaTest {
         told("tarv_sa");
         trace(TARV_PANIC);
         tarv_sa_show_stat();
-        return masked();
+        return told("tarv_sa", masked());
     }
     /// Its line of a port, its pointers as they are.
     std::string exactly_shown(int port) {
@@ -56,7 +55,7 @@ TEST_F(SaContext, IsSetUpStepByStep) {
     trace(TARV_FUNC);
     EXPECT_EQ(set_up(2), tarv_stat_ok);
     EXPECT_EQ(
-        masked(),
+        told("tarv_sa", masked()),
         (Lines{
             "F tarv_sa_get_hca_guid_and_port_count: hca handle is 0xP.",
             "F tarv_sa_get_port_gid_and_pkey: hca handle is 0xP.",
@@ -78,16 +77,6 @@ TEST_F(SaContext, IsSetUpStepByStep) {
               (Lines{"err: param: 0, port: 0, get: 0, dgram: 0, gsi err: 0, 0", "port num: 2",
                      nothing_set_up,
                      " valid: 1, pkey: 32773, sl: 3, sm lid: 11, gsi h: P, gsi pool h: P"}));
-}
-
-TEST_F(SaContext, IsNotSetUpTwice) {
-    ASSERT_EQ(set_up(1), tarv_stat_ok);
-    const std::string before = exactly_shown(1);
-    trace(TARV_FUNC);
-    EXPECT_EQ(set_up(1), tarv_stat_error);
-    EXPECT_EQ(told("tarv_sa"), (Lines{"E tarv_sa_init: Allready initialized."}));
-    EXPECT_EQ(exactly_shown(1), before);
-    EXPECT_EQ(open(), (Open{0, 1, 1}));
 }
 
 /// The `nth` call of a service fails during the set-up of port 1: which function logs what of it,
@@ -223,16 +212,6 @@ TEST_F(SaContext, FollowsTheSubnetManager) {
     EXPECT_EQ(tarv_sa_update_sa_info(1), tarv_stat_ok);
     EXPECT_EQ(shown()[2], " valid: 1, pkey: 65535, sl: 5, sm lid: 12, gsi h: P, gsi pool h: P");
     EXPECT_EQ(open(), (Open{0, 1, 1}));
-}
-
-TEST_F(SaContext, TakesBothPKeysFromCommands) {
-    ASSERT_EQ(set_up(1), tarv_stat_ok);
-    EXPECT_EQ(tarv_sa_set_local_pkeys(0x8001, 7), tarv_stat_ok);
-    EXPECT_EQ(shown()[2].substr(0, 23), " valid: 1, pkey: 32769,");
-    EXPECT_EQ(shown()[3].substr(0, 19), " valid: 0, pkey: 7,");
-    tarv_sa_destroy(1);
-    ASSERT_EQ(set_up(1), tarv_stat_ok);
-    EXPECT_EQ(shown()[2].substr(0, 23), " valid: 1, pkey: 65535,") << "the adapter's again";
 }
 
 class SaPortNumbers : public SaContext, public testing::WithParamInterface<int> {};

@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The fabric in real time: queries, ARP packets, events and scripts at the same moment on the
-// threads of all contexts. What happens when is not looked at; that nothing is lost is, and the
-// thread sanitizer sees the rest. Beside it, a fabric as large as a subnet can be.
-#include <atomic>
-#include <thread>
-
+// A fabric as large as a subnet can be.
 #include "host/services.h"
 #include "platform/module.h"
 #include "tests/support/gsi_client.h"
@@ -15,8 +10,7 @@ using namespace fabric_testing;
 
 namespace {
 
-std::atomic<int> heard;
-std::atomic<int> events;
+int heard;
 send_arp_data_fn_t send_fn;
 void* send_context;
 
@@ -60,65 +54,6 @@ tarv_stat_t ask(std::uint32_t address) {
     record.src_ip = ip(1);
     record.dst_ip = address;
     return send_fn(&record, send_context, 0);
-}
-
-template <class Condition>
-void wait_until(host::Kernel& kernel, Condition condition) {
-    for (int i = 0; i < 20000 && !condition(); i++)
-        kernel.advance(1);
-    EXPECT_TRUE(condition());
-}
-
-TEST(FabricRealTime, LosesNothingAmongThreads) {
-    constexpr int rounds = 200;
-    heard = 0;
-    events = 0;
-    host::Kernel kernel({.clock = host::Clock::real_time});
-    Topology topology = read(site);
-    Fabric fabric(topology, deal_addresses(topology), 0);
-    Names names;
-    ASSERT_EQ(fabric.ipoib().attach(), tarv_stat_ok);
-    gx_hca_h_t hca = nullptr;
-    ASSERT_EQ(gx_hca_open(gx_default_hca_name(), 0, &hca), gx_return_ok);
-    auto count = [](gx_event_record_t) { events++; };
-    gx_sleepable_async_event_cb_t* callback = count;
-    ASSERT_EQ(gx_set_sleepable_async_event_cb(hca, {gx_async_even_all, nullptr}, callback),
-              gx_return_ok);
-    std::atomic<int> packets = 0;
-    fabric.on_packet([&](const SeenPacket&) { packets++; });
-    GsiClient client(1, 2 * rounds);
-
-    std::thread asker([&] {
-        for (int i = 0; i < rounds; i++)
-            gsi_post_send_dtgrm(client.handle, client.query({gid(0x1001)}, gid(0x3001)));
-    });
-    std::thread resolver([&] {
-        for (int i = 0; i < rounds; i++)
-            ask(ip(2));
-    });
-    for (int i = 0; i < rounds; i++) {
-        fabric.peer_asks(ip(3));
-        fabric.raise_event(0x99, 1);
-        fabric.move_sm(1, 0);
-        fabric.peer(ip(4)).delay(1);
-        fabric.sa().faults().delay(i % 3);
-    }
-    asker.join();
-    resolver.join();
-    wait_until(kernel, [&] { return heard == 2 * rounds && events == 2 + 3 * rounds; });
-    wait_until(kernel, [&] { return fabric.gsi().requests_waiting() == 0; });
-    kernel.settle();
-    EXPECT_EQ(client.sends, rounds);
-    EXPECT_EQ(client.answers.size(), static_cast<std::size_t>(rounds));
-    EXPECT_GE(packets, 6 * rounds);
-
-    fabric.raise_event(0x98, 1);
-    EXPECT_EQ(gx_dell_sleepable_async_event_cb(hca, callback), gx_return_ok);
-    fabric.peer_asks(ip(3));
-    EXPECT_EQ(fabric.ipoib().detach(), tarv_stat_ok);
-    EXPECT_EQ(gx_hca_close(hca), gx_return_ok);
-    client.close();
-    fabric.on_packet({});
 }
 
 /* One switch with as many adapters as there are LIDs beside its own. */
