@@ -5,6 +5,8 @@
 // do not share a cache line: an exchange in a slot of the reader's own.
 //
 // It has what the table and the lists call. Whoever reaches for the rest is stopped.
+#include <semaphore.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -12,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <thread>
 
 #include "bench/bench.h"
 #include "host/reader_writer_lock.h"
@@ -19,6 +22,7 @@
 #include "platform/jiffies.h"
 #include "platform/logger.h"
 #include "platform/printk.h"
+#include "platform/semaphore.h"
 #include "platform/spinlock.h"
 #include "platform/string.h"
 #include "platform/timer.h"
@@ -156,6 +160,24 @@ bool write_is_held(const rwlock_t*) {
     return true;
 }
 
+/* Drivers come and go under one. */
+void sema_init(semaphore* sem, int count, const char*) {
+    sem_init(&lock_in<sem_t>(sem->room), 0, static_cast<unsigned>(count));
+}
+
+void down(semaphore* sem) {
+    while (sem_wait(&lock_in<sem_t>(sem->room)) != 0) {
+    }
+}
+
+void up(semaphore* sem) {
+    sem_post(&lock_in<sem_t>(sem->room));
+}
+
+void schedule() {
+    std::this_thread::yield();
+}
+
 #define ABSENT(name)                                            \
     extern "C" void plat_##name() {                             \
         bench::stop_because(#name " is not in the plain host"); \
@@ -163,7 +185,6 @@ bool write_is_held(const rwlock_t*) {
 ABSENT(base_gid2port_num)
 ABSENT(copy_from_user)
 ABSENT(create_proc_entry)
-ABSENT(down)
 ABSENT(gsi_deregister_class)
 ABSENT(gsi_dtgrm_alloc_rmpp_buf)
 ABSENT(gsi_dtgrm_get_rmpp_buf)
@@ -192,12 +213,9 @@ ABSENT(rep_get_value)
 ABSENT(rep_notify_del)
 ABSENT(rep_notify_key_change)
 ABSENT(rep_open_key)
-ABSENT(schedule)
-ABSENT(sema_init)
 ABSENT(simple_strtoul)
 ABSENT(strcmp)
 ABSENT(strlen)
 ABSENT(strsep)
 ABSENT(this_module)
 ABSENT(trace_lvl_change_cb)
-ABSENT(up)
