@@ -100,9 +100,8 @@ TEST_P(LinkDownTest, PurgesExactlyThatPortsPaths) {
     if (!row.adapter_tells)
         host::fail_nth("port_num2base_gid", 1);
     set_link(row.port, false);
-    EXPECT_THAT(masked(),
-                ElementsAre("D tarv_api/tarv_async_event_cb: Received link_down <port:" +
-                            std::to_string(row.port) + ">"));
+    EXPECT_THAT(masked(), ElementsAre("D tarv_api/tarv_async_event_cb: Received link_down <port:" +
+                                      std::to_string(row.port) + ">"));
     std::vector<u32> kept;
     for (u32 n = 0; n < masks.size(); n++)
         if (knows(host_ip(100) + (n << 24)))

@@ -206,7 +206,6 @@ TEST_F(IntakeTest, ADriverThatDetachesItselfWhileItIsCalledIsStopped) {
     EXPECT_DEATH(ask(host_ip(2)), "down: may sleep, but was called inside send_arp_data_fn");
 }
 
-
 struct PathIntakeTest : IntakeTest {};
 
 TEST_F(PathIntakeTest, OnePathForBothPutsTheRequestBack) {
