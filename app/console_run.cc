@@ -77,7 +77,7 @@ int run(const ConsoleOptions& options) {
     Terminal terminal("tarv> ", [&](const std::string& before, const std::string& word) {
         return console_of_terminal->complete(before, word);
     });
-    Machine machine(site, options.host, host::Clock::real_time, [&](const host::LogLine& line) {
+    Machine machine(site, options.host, {host::Clock::real_time}, [&](const host::LogLine& line) {
         kmsg.append(line);
         terminal.post_log(line.text + "\n");
     });

@@ -130,7 +130,7 @@ std::span<const ConsoleVerb> console_verbs() {
 
 void perform_verb(const ConsoleVerb& verb, const std::string& line, Console& console) {
     ScriptLine words("console", console.line_number(), line);
-    ScriptReading reading{.site = console.site()};
+    ScriptReading reading{.site = &console.site()};
     words.word("a verb");
     words.set_usage(usage_of(verb));
     verb.perform(words, reading, console);

@@ -13,22 +13,17 @@ namespace {
 constexpr const char* control_file = "quorvane/tarv/control";
 constexpr const char* level_key = "quorvane/modules/tarv/";
 
-int load(const std::vector<std::string>& parameters) {
-    try {
-        return host::load_module(tarv_module, parameters);
-    } catch (const std::invalid_argument& refused) {
-        throw UsageError(std::string("--param: ") + refused.what());
-    }
-}
-
 }  // namespace
 
-Machine::Machine(Site site, const HostOptions& options, host::Clock clock,
-                 host::ConsoleSink console)
+Machine::Machine(Site site, const HostOptions& options, const host::Options& kernel,
+                 host::ConsoleSink console, const fabric::FabricOptions& fabric)
     : options_(options),
-      kernel_({.clock = clock}),
-      fabric_(std::move(site.topology), std::move(site.hosts), site.us) {
+      kernel_(kernel),
+      fabric_(std::move(site.topology), std::move(site.hosts), site.us, fabric) {
     host::set_console(std::move(console));
+    host::set_logger_level(options_.logger_level);
+    host::set_repository_value(level_key, "debug-level",
+                               static_cast<std::uint64_t>(options_.debug_level));
     if (options_.capture.empty())
         return;
     try {
@@ -42,15 +37,27 @@ Machine::~Machine() {
     stop();
 }
 
+int Machine::load(const std::vector<std::string>& parameters) try {
+    const int result = host::load_module(tarv_module, parameters);
+    loaded_ = result == 0;
+    return result;
+} catch (const std::invalid_argument& refused) {
+    throw UsageError(std::string("--param: ") + refused.what());
+}
+
+Departure Machine::unload() {
+    if (fabric_.ipoib().attached())
+        fabric_.ipoib().detach();
+    host::unload_module(tarv_module);
+    loaded_ = false;
+    return {kernel_.remains(), host::memory_use()};
+}
+
 void Machine::start() {
-    host::set_logger_level(options_.logger_level);
-    host::set_repository_value(level_key, "debug-level",
-                               static_cast<std::uint64_t>(options_.debug_level));
     if (const int result = load(options_.parameters); result != 0)
         throw std::runtime_error("the module could not be loaded, result " +
                                  std::to_string(result));
-    loaded_ = true;
-    if (const tarv_stat_t result = fabric_.ipoib().attach(); result != tarv_stat_ok)
+    if (const tarv_stat_t result = attach(); result != tarv_stat_ok)
         throw std::runtime_error("the IPoIB driver could not be attached, status " +
                                  std::to_string(result));
     kernel_.settle();
@@ -66,14 +73,10 @@ void Machine::command(const std::string& line) {
 }
 
 const Departure& Machine::stop() {
-    if (!loaded_)
-        return departure_;
-    if (fabric_.ipoib().attached())
-        fabric_.ipoib().detach();
-    host::unload_module(tarv_module);
-    loaded_ = false;
-    fabric_.stop_capture();
-    departure_ = {kernel_.remains(), host::memory_use()};
+    if (loaded_) {
+        departure_ = unload();
+        fabric_.stop_capture();
+    }
     return departure_;
 }
 

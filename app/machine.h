@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // The assembled host: a kernel, a fabric around it, the module, and the IPoIB driver attached to
-// it.
+// it. Everybody who needs a whole host has this one: the program, scripts, tests.
 //
-// Life cycle: the constructor makes the kernel and the fabric; start() loads the module and
-// attaches the driver; stop() takes all of that back and looks at what is left. In between the
-// kernel's clock runs: by itself in real time, by Kernel::advance() in virtual time. One Machine
-// exists at a time.
+// Life cycle: the constructor makes the kernel and the fabric and sets the trace levels; load() and
+// attach() bring the module in, unload() takes all of that back and looks at what is left, any
+// number of times. start() and stop() are the same for who wants a running host and nothing else.
+// In between the kernel's clock runs: by itself in real time, by Kernel::advance() in virtual time.
+// One Machine exists at a time.
 #pragma once
 
 #include <memory>
@@ -18,6 +19,7 @@
 #include "host/console.h"
 #include "host/kernel.h"
 #include "host/services.h"
+#include "tarv/tarv.h"
 
 namespace app {
 
@@ -31,15 +33,26 @@ class Machine {
   public:
     /// `console` gets every console line. Throws fabric::InputError for a fabric that cannot be
     /// used, UsageError for a capture file that cannot be made.
-    Machine(Site site, const HostOptions& options, host::Clock clock, host::ConsoleSink console);
+    Machine(Site site, const HostOptions& options, const host::Options& kernel,
+            host::ConsoleSink console = {}, const fabric::FabricOptions& fabric = {});
     /// Stops, if nobody did.
     ~Machine();
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
-    /// Sets the trace levels, loads the module, attaches the driver, and waits until the module has
-    /// heard of its ports. Throws UsageError for a parameter that the module does not take, and
-    /// std::runtime_error when the module or the driver refuses.
+    /// Loads the module, with parameters as NAME=VALUE; what its init function says, 0 when it is
+    /// in. Throws UsageError for a parameter that the module does not take.
+    int load(const std::vector<std::string>& parameters = {});
+    bool loaded() const { return loaded_; }
+    /// The fabric's IPoIB driver comes to the loaded module.
+    tarv_stat_t attach() { return fabric_.ipoib().attach(); }
+    /// Detaches the driver, if it is attached, and unloads the module. The fabric and the kernel
+    /// stay.
+    Departure unload();
+
+    /// Loads the module with the parameters of the options, attaches the driver, and waits until
+    /// the module has heard of its ports. Throws what load() throws, and std::runtime_error when
+    /// the module or the driver refuses.
     void start();
 
     /// Has the module learn from ARP packets and ask the SA for paths, which it does not do by
@@ -49,8 +62,7 @@ class Machine {
     /// One line for the module's control file.
     void command(const std::string& line);
 
-    /// Detaches the driver and unloads the module. The fabric and the kernel stay. Called again, it
-    /// only gives the same answer.
+    /// Unloads the module and ends a capture. Called again, it only gives the same answer.
     const Departure& stop();
 
     host::Kernel& kernel() { return kernel_; }

@@ -87,7 +87,7 @@ int run(const RunOptions& options) {
     Kmsg kmsg;
     Mount mount(options.mount, kmsg);
     const StopSignals signals;
-    Machine machine(std::move(site), options.host, host::Clock::real_time,
+    Machine machine(std::move(site), options.host, {host::Clock::real_time},
                     [&](const host::LogLine& line) {
                         kmsg.append(line);
                         say(line.text + "\n");

@@ -35,17 +35,6 @@ std::string usage(const ScriptVerb& verb) {
     return verb.name + (syntax.empty() ? "" : " " + syntax);
 }
 
-ScriptStep read_step(ScriptLine& line, ScriptReading& reading) {
-    const ScriptVerb& verb = find_verb(line);
-    line.set_usage(usage(verb));
-    ScriptStep step;
-    step.place = line.place();
-    step.expects = verb.read == read_expect;
-    step.run = verb.read(line, reading);
-    line.end();
-    return step;
-}
-
 Script read_file(const std::string& file, const Site& site) {
     if (file == "-")
         return read_script(std::cin, file, site);
@@ -63,17 +52,29 @@ std::string list_verbs() {
 }
 
 int run(const ScriptOptions& options) {
-    Site site = read_site(options.host);
+    const Site site = read_site(options.host);
     const Script script = read_file(options.file, site);
-    ScriptHost host(std::move(site), script.first_jiffy, std::cout, std::cerr);
+    ScriptHost host(script.made_site ? *script.made_site : site, script.first_jiffy, std::cout,
+                    std::cerr);
     return run_script(script, host);
 }
 
 }  // namespace
 
+ScriptStep read_step(ScriptLine& line, ScriptReading& reading) {
+    const ScriptVerb& verb = find_verb(line);
+    line.set_usage(usage(verb));
+    ScriptStep step;
+    step.place = line.place();
+    step.expects = verb.read == read_expect;
+    step.run = verb.read(line, reading);
+    line.end();
+    return step;
+}
+
 Script read_script(std::istream& in, const std::string& file, const Site& site) {
     Script script;
-    ScriptReading reading{.site = site, .first_jiffy = script.first_jiffy};
+    ScriptReading reading{.site = &site};
     int number = 0;
     for (std::string text; std::getline(in, text);) {
         ScriptLine line(file, ++number, text);
@@ -83,7 +84,13 @@ Script read_script(std::istream& in, const std::string& file, const Site& site) 
     if (in.bad())
         throw fabric::InputError(file, 0, "it cannot be read");
     script.first_jiffy = reading.first_jiffy;
+    script.made_site = reading.made_site;
     return script;
+}
+
+void play_step(const ScriptStep& step, ScriptHost& host) {
+    step.run(host, step.place);
+    host.kernel().settle();
 }
 
 int run_script(const Script& script, ScriptHost& host) {
@@ -93,14 +100,13 @@ int run_script(const Script& script, ScriptHost& host) {
             host.forget_lines();
         expecting = step.expects;
         try {
-            step.run(host, step.place);
-            host.kernel().settle();
+            play_step(step, host);
         } catch (const std::exception& failed) {
             host.fail(step.place, failed.what());
         }
     }
     if (host.loaded())
-        host.unload();
+        host.unload_module();
     return host.failed() ? 1 : 0;
 }
 

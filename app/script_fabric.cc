@@ -55,6 +55,7 @@ constexpr AnswerFault answer_faults[] = {
     {"class-version", 0xFF, change_answer<std::uint8_t, &fabric::Sa::answer_with_class_version>},
     {"records", 64, change_answer<unsigned, &fabric::Sa::answer_with_records>},
     {"truncate", 4096, change_answer<std::size_t, &fabric::Sa::answer_truncated_to>},
+    {"segments", 220, change_answer<std::size_t, &fabric::Sa::answer_over_rmpp>},
 };
 
 fabric::Faults& faults_of(fabric::Fabric& fabric, const Target& target) {
@@ -63,17 +64,21 @@ fabric::Faults& faults_of(fabric::Fabric& fabric, const Target& target) {
     return target.kind == Target::port ? fabric.port(target.port_number) : fabric.peer(target.ip);
 }
 
+std::uint32_t read_peer_ip(ScriptLine& line, const ScriptReading& reading, const char* what) {
+    const std::string name = line.word(what);
+    const auto ip = fabric::parse_ip(name);
+    for (const fabric::Host& host : reading.site->hosts)
+        if ((ip ? host.ip == *ip : host.name == name) && host.ip != reading.site->our_host().ip)
+            return host.ip;
+    line.fail("there is no peer \"" + name + "\"");
+}
+
 Target read_target(ScriptLine& line, const ScriptReading& reading) {
     if (line.take("sa") || line.take("SA"))
         return {.kind = Target::sa};
     if (line.take("port"))
         return {.kind = Target::port, .port_number = reading.port(line)};
-    const std::string name = line.word("PEER, sa or port");
-    const auto ip = fabric::parse_ip(name);
-    for (const fabric::Host& host : reading.site.hosts)
-        if ((ip ? host.ip == *ip : host.name == name) && host.ip != reading.site.our_host().ip)
-            return {.kind = Target::peer, .ip = host.ip};
-    line.fail("there is no peer \"" + name + "\"");
+    return {.kind = Target::peer, .ip = read_peer_ip(line, reading, "PEER, sa or port")};
 }
 
 FabricAction read_packet_fault(ScriptLine& line, const PacketFault& fault, const Target& target) {
@@ -195,21 +200,102 @@ FabricAction read_event_action(ScriptLine& line, const ScriptReading& reading) {
     const int port = reading.port(line);
     const std::uint64_t value =
         event.most > 0 && line.take("to") ? line.number("VALUE", event.most) : 0;
+    if (event.type == gx_async_r_port_sm_change && value != 0 && line.take("sl"))
+        return [value, sl = line.number("sl", 15)](fabric::Fabric& fabric) {
+            fabric.move_sm(static_cast<std::uint16_t>(value), static_cast<std::uint8_t>(sl));
+        };
     return [event, port, value](fabric::Fabric& fabric) {
         if (!event.change(fabric, port, value))
             fabric.raise_event(event.type, port);
     };
 }
 
+namespace {
+
+ScriptAction on_fabric(FabricAction act) {
+    return [act = std::move(act)](ScriptHost& host, const std::string&) { act(host.fabric()); };
+}
+
+/* What a peer is made to have or to do. */
+FabricAction read_peer_action(ScriptLine& line, std::uint32_t ip) {
+    if (line.take("asks"))
+        return [ip](fabric::Fabric& fabric) { fabric.peer_asks(ip); };
+    if (line.take("announces"))
+        return [ip](fabric::Fabric& fabric) { fabric.peer_announces(ip); };
+    if (line.take("up"))
+        return [ip](fabric::Fabric& fabric) { fabric.set_peer_link(ip, true); };
+    if (line.take("down"))
+        return [ip](fabric::Fabric& fabric) { fabric.set_peer_link(ip, false); };
+    if (line.take("gid"))
+        return [ip, gid = fabric::wire(line.gid("GID"))](fabric::Fabric& fabric) {
+            fabric.change_peer(ip, {.gid = gid});
+        };
+    if (line.take("lid"))
+        return [ip, lid = line.number("lid", fabric::last_unicast_lid)](fabric::Fabric& fabric) {
+            fabric.subnet().set_lid(fabric.peers().station(ip).at, static_cast<std::uint16_t>(lid));
+        };
+    if (line.take("qpn"))
+        return [ip, qpn = line.number("qpn", 0xFFFFFF)](fabric::Fabric& fabric) {
+            fabric.change_peer(ip, {.qpn = static_cast<std::uint32_t>(qpn)});
+        };
+    line.fail("\"" + line.word("asks, announces, up, down, gid, lid or qpn") +
+              "\" is nothing that a peer does");
+}
+
+fabric::Packet make_packet(bool mad, const std::string& payload) {
+    fabric::Packet packet;
+    packet.slid = 1;
+    packet.src_qp = packet.dest_qp = mad ? fabric::gsi_qp : fabric::multicast_qp;
+    packet.qkey = mad ? fabric::gsi_qkey : fabric::broadcast_qkey;
+    packet.payload.assign(payload.begin(), payload.end());
+    return packet;
+}
+
+}  // namespace
+
 ScriptAction read_fabric_fault(ScriptLine& line, ScriptReading& reading) {
-    return [act = read_fault_action(line, reading)](ScriptHost& host, const std::string&) {
-        act(host.fabric());
-    };
+    return on_fabric(read_fault_action(line, reading));
 }
 
 ScriptAction read_event(ScriptLine& line, ScriptReading& reading) {
-    return [act = read_event_action(line, reading)](ScriptHost& host, const std::string&) {
-        act(host.fabric());
+    return on_fabric(read_event_action(line, reading));
+}
+
+ScriptAction read_peer(ScriptLine& line, ScriptReading& reading) {
+    const std::uint32_t ip = read_peer_ip(line, reading, "PEER");
+    return on_fabric(read_peer_action(line, ip));
+}
+
+ScriptAction read_pkeys(ScriptLine& line, ScriptReading& reading) {
+    if (!line.take("port"))
+        line.fail("port is missing");
+    const int port = reading.port(line);
+    std::vector<std::uint16_t> table;
+    do
+        table.push_back(static_cast<std::uint16_t>(line.number("VALUE", 0xFFFF)));
+    while (!line.at_end());
+    return on_fabric([port, table](fabric::Fabric& fabric) { fabric.set_pkeys(port, table); });
+}
+
+/* It arrives as it is, at once, in the context in which such packets arrive. */
+ScriptAction read_packet(ScriptLine& line, ScriptReading& reading) {
+    const bool mad = line.take("mad");
+    if (!mad && !line.take("ipoib"))
+        line.fail("mad or ipoib is missing");
+    if (!line.take("port"))
+        line.fail("port is missing");
+    const int port = reading.port(line);
+    std::optional<int> size;
+    if (mad && line.take("size"))
+        size = static_cast<int>(line.number("size", any_unsigned));
+    const fabric::Packet packet = make_packet(mad, line.at_end() ? "" : line.bytes("HEX"));
+    return [mad, port, size, packet](ScriptHost& host, const std::string&) {
+        fabric::Fabric& fabric = host.fabric();
+        if (size)
+            fabric.gsi().report_size_next(*size);
+        host.kernel().schedule(mad ? host::Context::gsi : host::Context::driver, 0, [=, &fabric] {
+            mad ? fabric.gsi().receive(port, packet) : fabric.ipoib().receive(port, packet);
+        });
     };
 }
 

@@ -3,97 +3,257 @@
 
 #include <ostream>
 #include <sstream>
+#include <system_error>
 #include <utility>
 
 #include "app/script_text.h"
 #include "host/console.h"
-#include "tarv/tarv-module.h"
+#include "host/faults.h"
+#include "host/services.h"
 
 namespace app {
 
 ScriptHost::ScriptHost(Site site, unsigned long first_jiffy, std::ostream& out, std::ostream& err)
     : out_(out),
       err_(err),
-      kernel_({.clock = host::Clock::virtual_time, .first_jiffy = first_jiffy}),
-      fabric_(std::move(site.topology), std::move(site.hosts), site.us) {
-    const HostOptions defaults;
-    host::set_logger_level(defaults.logger_level);
-    host::set_repository_value("quorvane/modules/tarv/", "debug-level",
-                               static_cast<std::uint64_t>(defaults.debug_level));
-    host::set_console([this](const host::LogLine& line) { say(hide_addresses(line.text)); });
-}
+      machine_(
+          std::move(site), {},
+          {.clock = host::Clock::virtual_time, .first_jiffy = first_jiffy},
+          [this](const host::LogLine& line) { say(hide_addresses(line.text)); }) {}
 
 ScriptHost::~ScriptHost() {
-    if (loaded_)
-        unload();
+    if (loaded())
+        ScriptHost::unload_module();
+    host::set_console({});
 }
 
-void ScriptHost::load(const std::vector<std::string>& parameters) {
-    if (loaded_)
+// Coming and going.
+
+void ScriptHost::load_module(const std::vector<std::string>& parameters) {
+    if (loaded())
         return say("load: the module is loaded already");
-    if (const int result = host::load_module(tarv_module, parameters); result != 0) {
+    if (const int result = enter_load(parameters); result != 0) {
         say("load: " + std::to_string(result));
-        return report_remains();
+        return report(kernel().remains());
     }
-    loaded_ = true;
-    if (const tarv_stat_t status = fabric_.ipoib().attach(); status != tarv_stat_ok)
+    if (const tarv_stat_t status = enter_attach(); status != tarv_stat_ok)
         say("attach: " + status_name(status));
 }
 
-void ScriptHost::unload() {
-    if (!loaded_)
+void ScriptHost::unload_module() {
+    if (!loaded())
         return say("unload: no module is loaded");
-    if (fabric_.ipoib().attached())
-        fabric_.ipoib().detach();
-    host::unload_module(tarv_module);
-    loaded_ = false;
-    report_remains();
+    const Departure departure = enter_unload();
+    for (ScriptReader& reader : readers_)
+        reader = {};
+    report(departure.remains);
 }
 
-void ScriptHost::report_remains() {
-    for (const std::string& line : kernel_.remains()) {
+void ScriptHost::report(const std::vector<std::string>& remains) {
+    for (const std::string& line : remains) {
         say("remains: " + hide_addresses(line));
         failed_ = true;
     }
 }
 
+void ScriptHost::attach_driver() {
+    say("attach: " + status_name(enter_attach()));
+}
+
+void ScriptHost::detach_driver() {
+    say("detach: " + status_name(enter_detach()));
+}
+
+int ScriptHost::enter_load(const std::vector<std::string>& parameters) {
+    return machine_.load(parameters);
+}
+
+Departure ScriptHost::enter_unload() {
+    return machine_.unload();
+}
+
+tarv_stat_t ScriptHost::enter_attach() {
+    return fabric().ipoib().attach();
+}
+
+tarv_stat_t ScriptHost::enter_detach() {
+    return fabric().ipoib().detach();
+}
+
+// What other modules ask for and hand in.
+
+/* A function that the module offers to others; null when it does not, which is said. */
+template <class Function>
+Function* ScriptHost::function(const std::string& verb, const std::string& name) {
+    const void* const found = host::inter_module_get(name);
+    if (!found)
+        say(verb + ": no module offers " + name);
+    return reinterpret_cast<Function*>(const_cast<void*>(found));
+}
+
 void ScriptHost::resolve(const ScriptRequest& request) {
-    Request& made = requests_.emplace_back();
-    made.host = this;
-    made.number = requests_.size();
+    const host::ContextScope scope(request.in_driver ? host::Context::driver
+                                                     : host::Context::process);
+    for (unsigned i = 0; i < request.times; ++i)
+        ask(request);
+}
+
+void ScriptHost::ask(const ScriptRequest& request) {
+    ScriptReply& made = requests_.emplace_back(this, requests_.size() + 1, request);
     const std::string verb = "resolve " + std::to_string(made.number);
-    auto* const get_ib_data = function<tarv_get_ib_data_fn_t>(verb, "tarv_get_ib_data_fn");
-    if (!get_ib_data)
+    if (!function<tarv_get_ib_data_fn_t>(verb, "tarv_get_ib_data_fn"))
         return;
-    const tarv_stat_t status =
-        get_ib_data(request.ip, request.from, request.paths, &made.record,
-                    request.callback ? on_reply : nullptr, &made, request.invalidate);
+    tarv_arp_data_t record{};
+    const tarv_stat_t status = enter_request(made, record);
     if (made.callbacks == 0)
         made.status = status;
     say(verb + ": " + status_name(status));
     if (status == tarv_stat_ok)
-        say(format_record(made.record));
+        say(format_record(record));
+}
+
+tarv_stat_t ScriptHost::enter_request(ScriptReply& made, tarv_arp_data_t& record) {
+    const ScriptRequest& request = made.request;
+    return function<tarv_get_ib_data_fn_t>("", "tarv_get_ib_data_fn")(
+        request.ip, request.from, request.paths, &record, request.callback ? on_reply : nullptr,
+        &made, request.invalidate);
 }
 
 void ScriptHost::on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* context) {
-    auto& request = *static_cast<Request*>(context);
-    request.status = status;
-    ++request.callbacks;
-    request.host->say("reply " + std::to_string(request.number) + ": " + status_name(status));
-    if (status == tarv_stat_ok)
-        request.host->say(format_record(*record));
+    host::must_hold_no_lock("a reply callback");
+    auto& made = *static_cast<ScriptReply*>(context);
+    made.host->replied(made, status, record);
+}
+
+void ScriptHost::replied(ScriptReply& made, tarv_stat_t status, const tarv_arp_data_t* record) {
+    made.status = status;
+    ++made.callbacks;
+    say("reply " + std::to_string(made.number) + ": " + status_name(status));
+    if (record)
+        say(format_record(*record));
+    if (!made.request.again)
+        return;
+    ScriptRequest request = made.request;
+    request.again = false;
+    ask(request);
 }
 
 const ScriptReply* ScriptHost::reply(std::size_t number) const {
     return number >= 1 && number <= requests_.size() ? &requests_[number - 1] : nullptr;
 }
 
-const void* ScriptHost::find(const std::string& verb, const std::string& name) {
-    const void* const found = host::inter_module_get(name);
-    if (!found)
-        say(verb + ": no module offers " + name);
-    return found;
+void ScriptHost::look_up(const gx_gid_t& gid) {
+    if (!function<tarv_seq_cache_lookup_fn_t>("lookup-gid", "tarv_seq_cache_lookup_fn"))
+        return;
+    tarv_arp_data_t record{};
+    const tarv_stat_t status = enter_lookup(gid, record);
+    say("lookup-gid: " + status_name(status));
+    if (status == tarv_stat_ok)
+        say(format_record(record));
 }
+
+tarv_stat_t ScriptHost::enter_lookup(const gx_gid_t& gid, tarv_arp_data_t& record) {
+    gx_gid_t wanted = gid;
+    return function<tarv_seq_cache_lookup_fn_t>("", "tarv_seq_cache_lookup_fn")(&wanted, &record);
+}
+
+void ScriptHost::hear(const tarv_arp_data_t& record) {
+    if (!function<tarv_process_arp_data_fn_t>("arp", "tarv_process_arp_data_fn"))
+        return;
+    const host::ContextScope in_driver(host::Context::driver);
+    say("arp: " + status_name(enter_arp(record)));
+}
+
+tarv_stat_t ScriptHost::enter_arp(tarv_arp_data_t record) {
+    return function<tarv_process_arp_data_fn_t>("", "tarv_process_arp_data_fn")(&record);
+}
+
+// Files.
+
+/* Says as a shell would what the system call said. */
+template <class Call>
+void ScriptHost::with_file(const std::string& verb, const std::string& name, Call call) try {
+    call();
+} catch (const std::system_error& failed) {
+    say(verb + ": " + name + ": " + failed.code().message());
+}
+
+namespace {
+
+std::string path_of(const std::string& name) {
+    return "quorvane/tarv/" + name;
+}
+
+std::string without_last_newline(std::string text) {
+    if (text.ends_with('\n'))
+        text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+void ScriptHost::write_control(const std::string& text) {
+    with_file("control", "control", [&] {
+        host::ProcFile file(path_of("control"));
+        const long taken = enter_write(file, text);
+        if (taken != static_cast<long>(text.size()))
+            say("control: " + std::to_string(taken) + " of " + std::to_string(text.size()) +
+                " bytes taken");
+    });
+}
+
+long ScriptHost::enter_write(host::ProcFile& file, const std::string& text) {
+    return file.write(text);
+}
+
+void ScriptHost::print_file(const std::string& name, std::size_t chunk) {
+    with_file("cat", name, [&] {
+        host::ProcFile file(path_of(name));
+        say(without_last_newline(enter_read_whole(file, name, chunk)));
+    });
+}
+
+std::string ScriptHost::enter_read_whole(host::ProcFile& file, const std::string&,
+                                         std::size_t chunk) {
+    std::string text;
+    for (std::string piece; !(piece = file.read(chunk)).empty();)
+        text += piece;
+    return text;
+}
+
+void ScriptHost::read_part(std::size_t number, std::size_t size, long offset) {
+    ScriptReader& reader = readers_[number];
+    with_file("reader", "control", [&] {
+        if (!reader.file)
+            reader.file = std::make_unique<host::ProcFile>(path_of("control"));
+        const std::string part = enter_read_part(reader, size, offset);
+        say(without_last_newline(part));
+        // Whoever gets less than he asked for has come to the end of the file.
+        if (part.size() < size && offset < 0)
+            close_reader(number);
+    });
+}
+
+std::string ScriptHost::enter_read_part(ScriptReader& reader, std::size_t size, long offset) {
+    return offset < 0 ? reader.file->read(size) : reader.file->read_at(size, offset);
+}
+
+void ScriptHost::close_reader(std::size_t number) {
+    reader_gone(readers_[number]);
+    readers_[number] = {};
+}
+
+void ScriptHost::calm() {
+    host::clear_faults();
+    fabric().sa().clear();
+    for (const fabric::Host& host : fabric().hosts())
+        if (fabric().peers().has(host.ip))
+            fabric().peer(host.ip).clear();
+    for (int port = 1; port <= fabric().adapter().ports(); ++port)
+        fabric().port(port).clear();
+}
+
+// What is said.
 
 void ScriptHost::say(const std::string& text) {
     std::istringstream parts(text);

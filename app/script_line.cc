@@ -135,6 +135,17 @@ gx_gid_t ScriptLine::gid(const char* what) {
     return *gid;
 }
 
+std::string ScriptLine::bytes(const char* what) {
+    const std::string text = word(what);
+    if (text.size() % 2 != 0 || text.find_first_not_of(hex_digits) != std::string::npos)
+        fail("\"" + text + "\" is no pairs of hexadecimal digits, where " + what +
+             " should stand");
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        result += static_cast<char>(*parse_digits(std::string_view(text).substr(i, 2), 16));
+    return result;
+}
+
 bool ScriptLine::take(std::string_view expected) {
     if (expected != peek())
         return false;

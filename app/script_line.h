@@ -31,6 +31,8 @@ class ScriptLine {
     std::uint32_t ip(const char* what);                          ///< network order
     gx_gid_t gid(const char* what);  ///< 0x and up to 32 digits, or as an IPv6 address
 
+    std::string bytes(const char* what);  ///< two hexadecimal digits each
+
     /// Takes the next word if it is this one.
     bool take(std::string_view word);
     /// Takes the next word if it begins with a digit; it is a number then.

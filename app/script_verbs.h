@@ -11,18 +11,6 @@
 
 namespace app {
 
-/// What reading has found out so far.
-struct ScriptReading {
-    const Site& site;
-    unsigned long first_jiffy = 1000;
-    bool time_began = false;  ///< the tick counter can no longer be set
-
-    /// The number of our adapter's ports.
-    std::uint64_t ports() const;
-    /// A port of ours, from 1.
-    int port(ScriptLine& line) const;
-};
-
 using ReadScriptLine = ScriptAction(ScriptLine& line, ScriptReading& reading);
 
 struct ScriptVerb {
@@ -35,7 +23,9 @@ struct ScriptVerb {
 std::span<const ScriptVerb> script_verbs();
 
 // The families that have files of their own.
-ReadScriptLine read_fabric_fault, read_event, read_expect;
+ReadScriptLine read_resolve, read_lookup_gid, read_arp, read_attach, read_detach, read_driver;
+ReadScriptLine read_fabric_fault, read_event, read_peer, read_pkeys, read_packet;
+ReadScriptLine read_expect;
 
 // What these lines ask for, whoever carries it out.
 
@@ -43,8 +33,9 @@ using FabricAction = std::function<void(fabric::Fabric&)>;
 FabricAction read_fault_action(ScriptLine& line, const ScriptReading& reading);
 FabricAction read_event_action(ScriptLine& line, const ScriptReading& reading);
 std::function<void()> read_level_action(ScriptLine& line);
-/// Without `from` in the line our own address asks.
-ScriptRequest read_request(ScriptLine& line, const ScriptReading& reading);
+/// Without `from` in the line our own address asks. `more` reads words that others do not know.
+ScriptRequest read_request(ScriptLine& line, const ScriptReading& reading,
+                           bool (*more)(ScriptLine&, ScriptRequest&) = nullptr);
 
 /// Ticks that a script can count on in one line.
 inline constexpr std::uint64_t most_ticks = 1'000'000'000;

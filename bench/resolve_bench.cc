@@ -67,7 +67,7 @@ void resolve(benchmark::State& state) {
     const auto peers = static_cast<std::size_t>(state.range(0));
     for (auto _ : state) {
         app::Machine machine(site_of(static_cast<int>(peers)), app::HostOptions(),
-                             host::Clock::virtual_time, {});
+                             host::Options{});
         machine.start();
         machine.switch_on();
         std::vector<u32> addresses;

@@ -58,7 +58,7 @@ bool report(const char* when, const Peer& peer, tarv_stat_t expected) {
 
 int main() {
     // The host on which the client lives; on a real one somebody else has loaded the module.
-    app::Machine machine(app::read_site({}), {}, host::Clock::virtual_time, {});
+    app::Machine machine(app::read_site({}), {}, host::Options{});
     machine.start();
     machine.switch_on();
     const u32 our_ip = machine.fabric().our_host().ip;

@@ -220,6 +220,8 @@ int Gsi::post(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm) {
     slot.state = SlotState::posted;
     slot.checksum = slot.sum();
     owner.in_flight++;
+    if (Witness* const sees = witness())
+        sees->query(owner.port, slot.record);
     works_.schedule(host::Context::gsi, 0,
                     [this, handle, place = &slot, packet = std::move(packet)]() mutable {
                         transmit(handle, place, std::move(packet));

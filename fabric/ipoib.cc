@@ -193,15 +193,47 @@ tarv_stat_t Ipoib::interface_info(std::uint32_t ip, gx_p_key_t* pkey, int* loopb
     return tarv_stat_ok;
 }
 
+void Ipoib::answer_inside_next(unsigned count) {
+    MutexLock lock(mutex_);
+    quick_ = count;
+}
+
+/* What the peer would answer to a broadcast, without the way. */
+void Ipoib::answer_inside(std::uint32_t ip) {
+    Peers& peers = Fabric::current().peers();
+    if (!peers.has(ip))
+        return;
+    const Station peer = peers.station(ip), us = station();
+    ArpPacket arp;
+    arp.operation = arp_reply;
+    arp.sender_ip = peer.ip;
+    arp.sender_gid = peer.gid;
+    arp.sender_qpn = peer.qpn;
+    arp.sender_flags = peer.flags;
+    arp.target_ip = us.ip;
+    Packet packet;
+    packet.slid = peer.lid;
+    packet.qkey = broadcast_qkey;
+    const host::ContextScope driver(host::Context::driver);
+    hand_in(make_record(arp, packet, us.at.port));
+}
+
 tarv_stat_t Ipoib::send_request(const tarv_arp_data_t& record, int media_reset) {
+    if (Witness* const sees = witness())
+        sees->arp_request(record, media_reset);
+    bool quick = false;
     {
         MutexLock lock(mutex_);
+        quick = quick_ > 0;
+        quick_ -= quick ? 1 : 0;
         sent_++;
         media_resets_ += media_reset != 0 ? 1 : 0;
         requests_.push_back({jiffies(), record.dst_ip, media_reset, record});
         if (requests_.size() > requests_kept)
             requests_.pop_front();
     }
+    if (quick)
+        answer_inside(record.dst_ip);
     if (host::fails_now("send_arp"))
         return tarv_stat_error;
     int before = port();
@@ -232,20 +264,25 @@ void Ipoib::receive(int port, const Packet& packet) {
     if (!arp || !is_ipoib_arp(*arp) || (packet.dest_qp != qpn_ && packet.dest_qp != multicast_qp) ||
         !begin_intake(*arp, packet))
         return;
-    tarv_arp_data_t record = make_record(*arp, packet, port);
-    if (auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn")) {
-        Witness* const sees = witness();
-        if (sees != nullptr)
-            sees->before_arp(record);
-        const tarv_stat_t result = process(&record);
-        if (sees != nullptr)
-            sees->after_arp(result);
-    }
+    hand_in(make_record(*arp, packet, port));
     if (arp->operation == arp_request)
         answer(*arp, packet, port);
     MutexLock lock(mutex_);
     intakes_--;
     idle_.notify_all();
+}
+
+/* To the module, if it is there. */
+void Ipoib::hand_in(tarv_arp_data_t record) {
+    auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn");
+    if (process == nullptr)
+        return;
+    Witness* const sees = witness();
+    if (sees != nullptr)
+        sees->before_arp(record);
+    const tarv_stat_t result = process(&record);
+    if (sees != nullptr)
+        sees->after_arp(result);
 }
 
 /* The peer that asks for us is told where we are. */

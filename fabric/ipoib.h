@@ -57,6 +57,10 @@ class Ipoib {
     /// Mask of the network that the interface serves, in network order.
     void set_mask(std::uint32_t mask);
 
+    /// The peers answer the next requests before send_request() has returned, as when a packet
+    /// arrives in the middle of it.
+    void answer_inside_next(unsigned count);
+
     std::size_t media_resets() const;   ///< asked for by the module so far
     std::size_t requests_sent() const;  ///< by the module's order, lost ones included
     /// The last of them (at most 16384), oldest first, and forgetting them.
@@ -72,6 +76,8 @@ class Ipoib {
 
   private:
     bool is_ours(std::uint32_t ip) const TA_REQ(mutex_);
+    void answer_inside(std::uint32_t ip);
+    static void hand_in(tarv_arp_data_t record);
     void choose_port();
     bool begin_intake(const ArpPacket& arp, const Packet& packet);
     void answer(const ArpPacket& arp, const Packet& packet, int port);
@@ -92,6 +98,7 @@ class Ipoib {
     int intakes_ TA_GUARDED(mutex_) = 0;  ///< packets being handed to the module
     std::size_t media_resets_ TA_GUARDED(mutex_) = 0;
     std::size_t sent_ TA_GUARDED(mutex_) = 0;
+    unsigned quick_ TA_GUARDED(mutex_) = 0;  ///< requests to be answered inside
     std::deque<SentRequest> requests_ TA_GUARDED(mutex_);
 };
 

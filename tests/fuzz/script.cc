@@ -45,7 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (ticks_of(text) > most_ticks)
         return 0;
     std::ostringstream out, err;
-    app::ScriptHost host(site(), script.first_jiffy, out, err);
+    app::ScriptHost host(script.made_site ? *script.made_site : site(), script.first_jiffy, out,
+                         err);
     app::run_script(script, host);
     fuzz::require(out.str().find("left behind") == std::string::npos, out.str());
     return 0;

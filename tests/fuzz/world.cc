@@ -44,8 +44,7 @@ World::World(Input& input) {
     const Settings settings(input.take<std::uint8_t>());
     app::HostOptions options;
     options.debug_level = settings.level;
-    machine_ = std::make_unique<app::Machine>(site(), options, host::Clock::virtual_time,
-                                              host::ConsoleSink());
+    machine_ = std::make_unique<app::Machine>(site(), options, host::Options{});
     machine_->start();
     if (settings.enabled)
         command("enable");

@@ -187,6 +187,8 @@ class Simulation final : private fabric::Witness {
     void after_answer() override;
     void before_event(const gx_event_record_t& event) override;
     void after_event() override;
+    void arp_request(const tarv_arp_data_t&, int) override {}
+    void query(int, const gsi_dtgrm_t&) override {}
 
     struct Timer {
         timer_list* timer;

@@ -178,7 +178,7 @@ app::Site small_site() {
 /* A machine in virtual time. */
 struct Started : app::Machine {
     explicit Started(app::Site site, const app::HostOptions& options = {})
-        : Machine(std::move(site), options, host::Clock::virtual_time, {}) {
+        : Machine(std::move(site), options, host::Options{}) {
         start();
         switch_on();
     }

@@ -157,7 +157,7 @@ class Completion : public testing::Test {
     app::Site site_ = app::read_site({});
     app::HostOptions options_;
     app::Terminal terminal_{"", {}};
-    app::Machine machine_{site_, options_, host::Clock::virtual_time, {}};
+    app::Machine machine_{site_, options_, {}};
     app::Console console_{machine_, site_, terminal_};
 };
 
