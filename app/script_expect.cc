@@ -119,18 +119,6 @@ ScriptAction read_expect_entry(ScriptLine& line) {
     };
 }
 
-/* Nobody was told to wait and has had no answer. */
-ScriptAction read_expect_nobody(ScriptLine& line) {
-    if (!line.take("waiting"))
-        line.fail("waiting is missing");
-    return [](ScriptHost& host, const std::string& place) {
-        for (std::size_t number = 1; const ScriptReply* const reply = host.reply(number); ++number)
-            if (reply->status == tarv_stat_pending)
-                return host.fail(place, "expected nobody waiting, actual request " +
-                                            std::to_string(number));
-    };
-}
-
 }  // namespace
 
 ScriptAction read_expect(ScriptLine& line, ScriptReading&) {
@@ -145,9 +133,7 @@ ScriptAction read_expect(ScriptLine& line, ScriptReading&) {
         return read_expect_reply(line);
     if (line.take("entry"))
         return read_expect_entry(line);
-    if (line.take("nobody"))
-        return read_expect_nobody(line);
-    line.fail("\"" + line.word("line, no line, reply, entry or nobody") + "\" cannot be expected");
+    line.fail("\"" + line.word("line, no line, reply or entry") + "\" cannot be expected");
 }
 
 }  // namespace app

@@ -170,8 +170,7 @@ constexpr ScriptVerb verbs[] = {
     {"jiffies", "N", read_jiffies},
     {"hosts", "N", read_hosts},
     {"expect",
-     "line TEXT | no line TEXT | reply N STATUS | entry IP FIELD VALUE ... | nobody waiting",
-     read_expect},
+     "line TEXT | no line TEXT | reply N STATUS | entry IP FIELD VALUE ...", read_expect},
 };
 
 }  // namespace
