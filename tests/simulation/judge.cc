@@ -92,6 +92,7 @@ void Judge::take(const app::ScriptStep& step) {
         return;
     violate(check_datagrams(fabric().gsi()));
     if (steps_ % 64 == 0) {
+        violate(read_state(found_));
         violate(check_indexes(found_, steps_ / 64));
         check_patience();
     }
