@@ -14,7 +14,6 @@
 
 #include "app/options.h"
 #include "app/verbs.h"
-#include "tests/simulation/soak.h"
 
 namespace {
 
@@ -31,7 +30,6 @@ constexpr Verb verbs[] = {
      app::declare_console},
     {"script", "Play a situation tick by tick in virtual time, from a file of one verb a line",
      app::declare_script},
-    {"soak", "Prove the host under chance, or under every failure in turn", soak::declare_soak},
 };
 
 int fail(int status, std::string line) {

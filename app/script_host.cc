@@ -245,6 +245,7 @@ void ScriptHost::close_reader(std::size_t number) {
 
 void ScriptHost::calm() {
     host::clear_faults();
+    fabric().gsi().hand_out_nothing_next(false);
     fabric().sa().clear();
     for (const fabric::Host& host : fabric().hosts())
         if (fabric().peers().has(host.ip))

@@ -61,7 +61,7 @@ class Gsi {
     void set_request_lifetime(unsigned long ticks);
 
     /// The next call for a datagram succeeds without one: a pool that has lost count.
-    void hand_out_nothing_next();
+    void hand_out_nothing_next(bool nothing = true);
     bool hands_out_nothing_next() const;
 
     /// The next answer is reported with that size; a block with no more than it holds.

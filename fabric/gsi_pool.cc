@@ -47,9 +47,9 @@ bool Gsi::hands_out_nothing_next() const {
     return nothing_next_;
 }
 
-void Gsi::hand_out_nothing_next() {
+void Gsi::hand_out_nothing_next(bool nothing) {
     MutexLock lock(mutex_);
-    nothing_next_ = true;
+    nothing_next_ = nothing;
 }
 
 std::size_t Gsi::pools() const {

@@ -157,6 +157,11 @@ void Ipoib::set_mask(std::uint32_t mask) {
     mask_ = mask;
 }
 
+std::uint32_t Ipoib::mask() const {
+    MutexLock lock(mutex_);
+    return mask_;
+}
+
 std::size_t Ipoib::media_resets() const {
     MutexLock lock(mutex_);
     return media_resets_;

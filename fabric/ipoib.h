@@ -56,6 +56,7 @@ class Ipoib {
     void add_address(std::uint32_t ip);
     /// Mask of the network that the interface serves, in network order.
     void set_mask(std::uint32_t mask);
+    std::uint32_t mask() const;
 
     /// The peers answer the next requests before send_request() has returned, as when a packet
     /// arrives in the middle of it.

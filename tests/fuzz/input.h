@@ -9,11 +9,21 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace fuzz {
+
+/// Ends the program with that message unless `holds`; to the fuzzer that is a finding.
+inline void require(bool holds, const std::string& message) {
+    if (holds)
+        return;
+    std::fprintf(stderr, "fuzz: %s\n", message.c_str());
+    std::abort();
+}
 
 class Input {
   public:

@@ -6,7 +6,6 @@
 #include "app/script.h"
 #include "app/script_line.h"
 #include "tests/fuzz/input.h"
-#include "tests/fuzz/world.h"
 
 namespace {
 

@@ -6,7 +6,6 @@
 
 #include "fabric/fabric.h"
 #include "tests/fuzz/input.h"
-#include "tests/fuzz/world.h"
 
 namespace {
 

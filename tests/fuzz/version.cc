@@ -4,9 +4,10 @@
 //
 // Byte 0: which of the three are null (bits 0 to 2). Then the three, each ended by a byte 0. The
 // rest are reads, each a size (2) and an offset (8).
+#include "host/kernel.h"
+#include "host/services.h"
 #include "tarv/qversion.h"
 #include "tests/fuzz/input.h"
-#include "tests/fuzz/world.h"
 
 namespace {
 

@@ -1,45 +1,29 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
-//
-// Worlds and steps by chance. What a step does depends on the state that it is taken in, what is
-// chosen does not: a run can be cut down without the rest of it changing.
+#include "tests/simulation/choose.h"
+
 #include <cstdio>
-#include <string_view>
+#include <iterator>
 
-#include "tests/simulation/step.h"
+#include "host/faults.h"
 
-namespace soak {
-namespace {
+namespace simulation {
 
-constexpr unsigned long long wrap = 1ull << 32;
-
-std::uint32_t choose_address(Random& random, const WorldShape& shape) {
-    if (random.one_in(12))
-        return 50 + random.below(3);
-    if (random.one_in(60))
-        return 62 + random.below(2);
-    return random.one_in(30) ? 0 : 1 + random.below(shape.hosts - 1);
-}
-
-/* Many small waits, some over the time-outs, a few over the age of entries. */
-std::uint32_t choose_ticks(Random& random) {
-    static constexpr std::uint32_t ticks[] = {0,   0,   1, 1,  1,    1,    2,    2,   3,
-                                              3,   5,   5, 10, 10,   20,   50,   100, 300,
-                                              500, 999, 1, 2,  1000, 1001, 2000, 3001};
-    static constexpr std::uint32_t longer[] = {5000, 10000, 15000, 30000, 60000};
-    if (random.one_in(400))
-        return 300000;
-    return random.one_in(40) ? random.of(longer) : random.of(ticks);
-}
-
-/* A line for the control file. Each call appends a blank and a word. What is chosen is chosen in
- * the order of the calls, which is the same for every compiler, as that of operands is not. */
+/* A line of a script. Each call appends a blank and a word. What is chosen is chosen in the order
+ * of the calls, which is the same for every compiler, as that of operands is not. */
 class Line {
   public:
-    Line(Random& random, const WorldShape& shape) : random_(random), shape_(shape) {}
+    Line(Chooser& chooser, std::string verb)
+        : chooser_(chooser), random_(chooser.random_), text_(std::move(verb)) {}
+
+    Line(const Line& other, std::string verb) : Line(other.chooser_, std::move(verb)) {}
 
     Line& word(const std::string& word) {
         text_ += text_.empty() ? word : ' ' + word;
         return *this;
+    }
+    template <std::size_t Size>
+    Line& of(const char* const (&words)[Size]) {
+        return word(words[random_.below(Size)]);
     }
     Line& either(const char* one, const char* other) {
         return word(random_.one_in(2) ? one : other);
@@ -47,51 +31,96 @@ class Line {
     Line& rarely(std::uint32_t count, const char* then, const char* otherwise) {
         return word(random_.one_in(count) ? then : otherwise);
     }
-    Line& ip();
-    Line& number();
-    Line& number_or(const char* one, const char* other) {
-        return random_.one_in(4) ? number() : either(one, other);
+    /// A number from `least` on, of `count`.
+    Line& number(std::uint32_t count, std::uint32_t least = 0) {
+        return word(std::to_string(least + random_.below(count)));
     }
-    Line& small(std::uint32_t count) { return word(std::to_string(random_.below(count))); }
-    Line& gid();
-    Line& gid_or_star() { return random_.one_in(4) ? word("*") : gid(); }
-    Line& path_fields(int count) {
-        for (int i = 0; i < count; ++i)
-            random_.one_in(5) ? word("*") : number();
-        return *this;
-    }
-    /// Goes on half of the time.
+    Line& port() { return word("port").number(2, 1); }
+    /// Goes on once in so often.
     template <class More>
-    Line& perhaps(More more) {
-        if (random_.one_in(2))
+    Line& perhaps(std::uint32_t one_in, More more) {
+        if (random_.one_in(one_in))
             more(*this);
         return *this;
     }
-    std::string text() const { return text_; }
+    Line& address();
+    Line& peer() { return word(chooser_.addresses_[1 + random_.below(chooser_.hosts_ - 1)]); }
+    Line& gid();
+    Line& next() { return word("next").number(3, 1); }
+
+    // Of commands, which may be wrong.
+    Line& any_ip();
+    Line& any_number();
+    Line& any_gid();
+    Line& gid_or_star() { return random_.one_in(4) ? word("*") : any_gid(); }
+    Line& path_fields(int count) {
+        for (int i = 0; i < count; ++i)
+            random_.one_in(5) ? word("*") : any_number();
+        return *this;
+    }
+
+    Random& chance() { return random_; }
+    bool large() const { return chooser_.large_; }
+    const std::string& text() const { return text_; }
 
   private:
+    Chooser& chooser_;
     Random& random_;
-    const WorldShape& shape_;
     std::string text_;
 };
 
-Line& Line::ip() {
+namespace {
+
+constexpr std::uint64_t wrap = 1ull << 32;
+constexpr std::uint32_t gids = 64;  ///< that are named again and again
+
+std::string gid_text(std::uint32_t number, std::uint32_t family = 0xA1) {
+    char text[48];
+    std::snprintf(text, sizeof text, "0xfe80000000000000000000000000%02x%02x", family, number);
+    return text;
+}
+
+/* The kinds of lines. */
+struct Kind {
+    unsigned weight;  ///< how often it is chosen, against the sum of all
+    const char* verb;
+    void (*make)(Line& line);
+    bool always = false;  ///< in every world; others may not occur, or often
+};
+
+}  // namespace
+
+Line& Line::address() {
+    const auto hosts = chooser_.hosts_;
+    const auto all = static_cast<std::uint32_t>(chooser_.addresses_.size());
+    if (random_.one_in(30))
+        return word(chooser_.addresses_[0]);
+    return word(random_.one_in(large() ? 2 : 12)
+                    ? chooser_.addresses_[hosts + random_.below(all - hosts)]
+                    : chooser_.addresses_[1 + random_.below(hosts - 1)]);
+}
+
+/* Most often one that some port has, or that packets are made with. */
+Line& Line::gid() {
+    static constexpr const char* ours[] = {"0xfe800000000000000000000000100001",
+                                           "0xfe800000000000000000000000100002"};
+    if (random_.one_in(8))
+        return of(ours);
+    return word(gid_text(random_.below(random_.one_in(3) ? gids : chooser_.hosts_)));
+}
+
+Line& Line::any_ip() {
     static constexpr const char* odd[] = {
         "10.0.0", "1..2.3", "10.0.0.2.9", "300.0.0.2",   "x",
         "",       "....",   "10.0.0.002", "266.256.0.2", "10.0.0.4294967295"};
-    if (random_.one_in(25))
-        return word(random_.of(odd));
-    const std::uint32_t address = choose_address(random_, shape_);
-    if (address >= 62)
-        return word("192.168.9." + std::to_string(100 + address));
-    return word("10.0.0." + std::to_string(address < shape_.hosts ? address + 1 : 100 + address));
+    return random_.one_in(25) ? of(odd) : address();
 }
 
-Line& Line::number() {
+Line& Line::any_number() {
     static constexpr const char* odd[] = {"0",  "",   "0x",         "08",   "x",      "-1",
                                           "64", "3x", "0xFFFFFFFF", "0177", "0x10000"};
     if (random_.one_in(15))
-        return word(random_.of(odd));
+        return of(odd);
     const char* const format = random_.one_in(2) ? "%u" : "0x%x";
     const std::uint32_t count = random_.one_in(2) ? 20 : 0x20000;
     char text[24];
@@ -99,90 +128,80 @@ Line& Line::number() {
     return word(text);
 }
 
-/* Most often one that some port has, or that packets are made with. */
-Line& Line::gid() {
+Line& Line::any_gid() {
     static constexpr const char* odd[] = {"0x",     "0X1",   "fe80",
                                           "0x12g4", "0xabc", "0x123456789012345678901234567890123"};
-    if (random_.one_in(20))
-        return word(random_.of(odd));
-    const char* const format = random_.one_in(3) ? "0xfe80000000000000000000000000a0%02x"
-                                                 : "0xfe80000000000000000000000000a1%02x";
-    char text[48];
-    std::snprintf(text, sizeof text, format, random_.below(random_.one_in(3) ? 64 : shape_.hosts));
-    return word(text);
+    return random_.one_in(20) ? of(odd) : gid();
 }
 
-/* The 19 commands, most often proper ones, and what is none. */
-struct Command {
-    unsigned weight;
-    void (*make)(Line& line);
-};
-constexpr Command commands[] = {
-    {30, [](Line& line) { line.word("enable"); }},
-    {4, [](Line& line) { line.word("disable"); }},
-    {30, [](Line& line) { line.word("sa_queries").word("on"); }},
-    {8, [](Line& line) { line.word("sa_queries").rarely(8, "ON", "off"); }},
-    {20, [](Line& line) { line.word("statics_inv").either("on", "off"); }},
-    {20,
+namespace {
+
+// The 19 commands, most often proper ones, and what is none.
+
+constexpr Kind commands[] = {
+    {30, "enable", [](Line&) {}},
+    {4, "disable", [](Line&) {}},
+    {30, "sa_queries", [](Line& line) { line.word("on"); }},
+    {8, "sa_queries", [](Line& line) { line.rarely(8, "ON", "off"); }},
+    {20, "statics_inv", [](Line& line) { line.either("on", "off"); }},
+    {20, "add",
      [](Line& line) {
-         line.word("add").ip().ip().number().perhaps([](Line& more) { more.number().number(); });
+         line.any_ip().any_ip().any_number().perhaps(
+             2, [](Line& more) { more.any_number().any_number(); });
      }},
-    {30,
+    {30, "addibarp",
      [](Line& line) {
-         line.word("addibarp").ip().ip().gid().number().number().number().number_or("1", "2");
+         line.any_ip().any_ip().any_gid().any_number().any_number().any_number();
+         line.chance().one_in(4) ? line.any_number() : line.either("1", "2");
      }},
-    {40,
+    {40, "addpath",
      [](Line& line) {
-         line.word("addpath").ip().either("p", "Sec").gid_or_star().gid_or_star().path_fields(14);
+         line.any_ip().either("p", "Sec").gid_or_star().gid_or_star().path_fields(14);
      }},
-    {10, [](Line& line) { line.word("setstaticpath").path_fields(12); }},
-    {30, [](Line& line) { line.word("remove").ip(); }},
-    {10, [](Line& line) { line.word("dump"); }},
-    {20, [](Line& line) { line.word("invalidate").ip().small(4); }},
-    {4, [](Line& line) { line.word("flush"); }},
-    {6, [](Line& line) { line.word("show_stat").word("now"); }},
-    {20, [](Line& line) { line.either("show", "show_paths").ip(); }},
-    {3,
-     [](Line& line) { line.word("setlocalgids").gid().perhaps([](Line& more) { more.gid(); }); }},
-    {6,
-     [](Line& line) {
-         line.word("setlocalpkeys").number().perhaps([](Line& more) { more.number(); });
-     }},
-    {15, [](Line& line) { line.word("set_retry_cnt").small(12); }},
-    {5, [](Line& line) { line.word("set_retry_cnt").number(); }},
-    {9, [](Line& line) { line.rarely(30, "halt", "Halt"); }},
-    {5, [](Line& line) { line.either("", " \t "); }},
-    {5, [](Line& line) { line.word("no_such_command").number().number(); }},
+    {10, "setstaticpath", [](Line& line) { line.path_fields(12); }},
+    {30, "remove", [](Line& line) { line.any_ip(); }},
+    {10, "dump", [](Line&) {}},
+    {20, "invalidate", [](Line& line) { line.any_ip().number(4); }},
+    {4, "flush", [](Line&) {}},
+    {6, "show_stat", [](Line& line) { line.word("now"); }},
+    {10, "show", [](Line& line) { line.any_ip(); }},
+    {10, "show_paths", [](Line& line) { line.any_ip(); }},
+    {3, "setlocalgids",
+     [](Line& line) { line.any_gid().perhaps(2, [](Line& more) { more.any_gid(); }); }},
+    {6, "setlocalpkeys",
+     [](Line& line) { line.any_number().perhaps(2, [](Line& more) { more.any_number(); }); }},
+    {15, "set_retry_cnt", [](Line& line) { line.number(12); }},
+    {5, "set_retry_cnt", [](Line& line) { line.any_number(); }},
+    {9, "", [](Line& line) { line.rarely(30, "Halt", "halt"); }},
+    {5, "", [](Line& line) { line.either("", " \\t "); }},
+    {5, "no_such_command", [](Line& line) { line.any_number().any_number(); }},
 };
 
 /* The row that a number below the sum of all weights falls into. */
-template <class Rows>
-auto choose_row(Random& random, const Rows& rows) -> decltype(rows[0])& {
+template <class Weight>
+std::size_t choose_row(Random& random, std::size_t count, Weight weight) {
     std::uint32_t all = 0;
-    for (const auto& row : rows)
-        all += row.weight;
+    for (std::size_t i = 0; i < count; ++i)
+        all += weight(i);
     std::uint32_t left = random.below(all);
     std::size_t row = 0;
-    for (; left >= rows[row].weight; ++row)
-        left -= rows[row].weight;
-    return rows[row];
+    for (; left >= weight(row); ++row)
+        left -= weight(row);
+    return row;
 }
 
 /* Some of what is written is not quite what was meant. */
-std::string choose_text(Random& random, const WorldShape& shape) {
-    Line line(random, shape);
-    choose_row(random, commands).make(line);
-    std::string text = line.text();
+std::string with_a_flaw(Random& random, std::string text) {
     const std::uint32_t flaw = random.below(40);
     const std::uint32_t at = random.below(static_cast<std::uint32_t>(text.size()) + 1);
     if (flaw == 0)
         text += " 7";
     else if (flaw == 1)
-        text.resize(at);
+        text.resize(text.find('\\') == text.npos ? at : 0);  // no cut through an escape
     else if (flaw == 2)
-        text.insert(at, 1, '\0');
+        text.insert(text.find('\\') == text.npos ? at : 0, "\\0");
     else if (flaw == 3)
-        text.insert(at, 1, '\xA0');
+        text.insert(text.find('\\') == text.npos ? at : 0, "\\xA0");
     else if (flaw == 4)
         text.append(at * 200, ' ');
     else if (flaw == 5)
@@ -190,155 +209,255 @@ std::string choose_text(Random& random, const WorldShape& shape) {
     else if (flaw == 6)
         for (int i = 0; i < 32; ++i)
             text += " w";
-    return flaw == 7 ? "  " + text : text + '\n';
+    return flaw == 7 ? "-n   " + text : text;
 }
 
-std::uint32_t choose_event(Random& random) {
-    static constexpr std::uint32_t types[] = {0x1000,  0x2000,  0x10000, 0x10000,   0x20000,
-                                              0x40000, 0x40000, 1,       0x40000000};
-    return random.of(types);
+void make_command(Line& line) {
+    const Kind& kind = commands[choose_row(line.chance(), std::size(commands),
+                                           [](std::size_t i) { return commands[i].weight; })];
+    Line text(line, kind.verb);
+    kind.make(text);
+    line.word(with_a_flaw(line.chance(), text.text()));
 }
 
-/* A fault's number: of packets, or of ticks. */
-std::uint32_t choose_fault_number(Random& random, std::uint32_t fault) {
-    static constexpr std::uint32_t delays[] = {1, 2, 10, 500, 1000, 2999, 3500};
-    return fault == 2 ? random.of(delays) : 1 + random.below(4);
-}
-
-std::uint32_t choose_answer_value(Random& random, std::uint32_t edit) {
-    return edit < 5 ? random.below(300) : random.below(0x10000);
-}
-
-/* What clients, drivers and administrators do. */
-void choose_use(Random& random, const WorldShape& shape, Step& step) {
-    auto& value = step.value;
-    switch (step.kind) {
-        case Kind::ask:
-            value[1] = random.one_in(4) ? value[1] : 0;
-            value[2] = random.one_in(50) ? 3 : random.below(3);
-            value[3] = random.one_in(8) ? 0 : ask_callback;
-            value[3] |= random.one_in(10) ? ask_invalidate : 0;
-            value[3] |= random.one_in(60) ? ask_again : 0;
-            value[3] |= random.one_in(25) ? ask_many : 0;
-            value[3] |= random.one_in(60) ? ask_answered : 0;
+void make_fault(Line& line) {
+    static constexpr const char* delays[] = {"1", "2", "10", "500", "1000", "2999", "3500"};
+    switch (line.chance().below(5)) {
+        case 0:
+            line.word("drop").number(4, 1);
             return;
-        case Kind::arp:
-            value[1] = random.one_in(8) ? value[1] : value[0];
-            value[2] = random.one_in(20) ? value[2] : 1 + random.below(2);
-            value[3] = random.one_in(10) ? value[3] : 1 + random.below(2);
+        case 1:
+            line.word("drop all");
             return;
-        case Kind::write:
-            step.text = choose_text(random, shape);
+        case 2:
+            line.word("delay").of(delays);
             return;
-        case Kind::chunk:
-            value[1] = random.one_in(3) ? 4096 : 1 + random.below(400);
+        case 3:
+            line.word("duplicate").number(4, 1);
             return;
         default:
-            return;
+            line.word("reorder").number(4, 1);
     }
 }
 
-/* What the fabric does. */
-void choose_fabric(Random& random, Step& step) {
-    auto& value = step.value;
-    switch (step.kind) {
-        case Kind::peer_lid:
-        case Kind::lid:
-            value[1] = 1 + random.below(120);
-            return;
-        case Kind::sm:
-            value[0] = 1 + random.below(60);
-            return;
-        case Kind::peer_fault:
-        case Kind::port_fault:
-            value[2] = choose_fault_number(random, value[1]);
-            return;
-        case Kind::sa_fault:
-            value[1] = choose_fault_number(random, value[0]);
-            return;
-        case Kind::sa_answer:
-            value[0] = random.one_in(3) ? value[0] : 5 + random.below(3);
-            value[1] = choose_answer_value(random, value[0]);
-            value[2] = random.one_in(12) ? value[2] : 1 + random.below(3);
-            return;
-        case Kind::peer_link:
-        case Kind::link:
-            value[1] = !random.one_in(3);
-            return;
-        case Kind::event:
-            value[0] = choose_event(random);
-            return;
+void make_answer_fault(Line& line) {
+    static constexpr const char* edits[] = {"status", "attribute", "class", "version",
+                                            "class-version"};
+    switch (line.chance().below(4)) {
+        case 0:
+            line.of(edits).number(256);
+            break;
+        case 1:
+            line.word("records").number(8);
+            break;
+        case 2:
+            line.word("truncate").number(300);
+            break;
         default:
-            return;
+            line.word("segments 64");
     }
+    if (!line.chance().one_in(12))
+        line.next();
 }
 
-/* What the kernel and the passing of time do. */
-void choose_kernel(Random& random, Step& step) {
-    static constexpr std::uint32_t levels[] = {0, 1, 1, 1, 1, 2, 2, 4};
-    // kmalloc, create_proc_entry, proc_mkdir, the repository's, opening the adapter, its events.
-    static constexpr std::uint32_t services_of_load[] = {0, 1, 2, 4, 5, 6, 7, 11};
-    static constexpr std::uint32_t timeouts[] = {300, 300, 60, 20, 1, 0};
-    auto& value = step.value;
-    switch (step.kind) {
-        case Kind::fail:
-            value[0] = random.one_in(2) ? 0 : random.below(25);
-            return;
-        case Kind::level:
-            value[0] = value[1] ? 5 - random.below(2) : random.of(levels);
-            value[0] = random.one_in(30) ? 5 : value[0];
-            return;
-        case Kind::pass:
-            value[0] = choose_ticks(random);
-            return;
-        case Kind::load:
-            value[0] = random.of(timeouts);
-            value[1] = random.of(services_of_load);
-            value[2] = random.one_in(4) ? 1 + random.below(3) : 0;
-            return;
-        default:
-            return;
-    }
+/* Many small waits, some over the time-outs, a few over the age of entries. */
+void make_tick(Line& line) {
+    static constexpr const char* ticks[] = {"0",   "0",   "1",   "1",  "1",  "1",    "2",
+                                            "2",   "3",   "3",   "5",  "5",  "10",   "10",
+                                            "20",  "50",  "100", "300", "500", "999", "1",
+                                            "2",   "1000", "1001", "2000", "3001"};
+    static constexpr const char* longer[] = {"5000", "10000", "15000", "30000", "60000"};
+    if (line.chance().one_in(400))
+        line.word("300000");
+    else
+        line.chance().one_in(40) ? line.of(longer) : line.of(ticks);
 }
 
-/* Any value that each argument can have, before it is chosen with more sense. */
-void choose_anything(Random& random, const WorldShape& shape, const KindRow& row, Step& step) {
-    for (std::size_t i = 0; i < most_arguments && row.arguments[i].name; ++i) {
-        const std::uint32_t most = row.arguments[i].most;
-        step.value[i] = std::string_view(row.arguments[i].name) == "address"
-                            ? choose_address(random, shape)
-                            : random.below(most == ~0u ? most : most + 1);
+void make_fail(Line& line) {
+    const auto& services = host::services_that_fail();
+    const auto service = line.chance().below(static_cast<std::uint32_t>(services.size()));
+    line.word(line.chance().one_in(2) ? "kmalloc" : services[service]).word("nth").number(20, 1);
+}
+
+void make_resolve(Line& line) {
+    static constexpr const char* paths[] = {"none", "primary", "both"};
+    line.address();
+    line.perhaps(4, [](Line& more) { more.word("from").address(); });
+    line.word("paths");
+    line.chance().one_in(50) ? line.word("7") : line.of(paths);
+    line.perhaps(8, [](Line& more) { more.word("no-callback"); });
+    line.perhaps(10, [](Line& more) { more.word("invalidate"); });
+    line.perhaps(4, [](Line& more) { more.word("in-driver"); });
+    line.perhaps(60, [](Line& more) { more.word("again"); });
+    line.perhaps(25, [](Line& more) {
+        more.word("times");
+        more.large() && more.chance().one_in(8) ? more.number(300, 100) : more.word("6");
+    });
+}
+
+void make_arp(Line& line) {
+    line.either("request", "reply").word("from").address();
+    line.perhaps(40, [](Line& more) { more.word("op").number(4); });
+    line.perhaps(10, [](Line& more) { more.word("port").number(10); });
+    line.perhaps(line.large() ? 1 : 4, [](Line& more) {
+        more.word("gid").gid().word("lid").number(0x140, 0x100).word("qpn").number(0x1000, 0x4000);
+    });
+    line.perhaps(12, [](Line& more) { more.word("path-from").gid(); });
+}
+
+constexpr Kind kinds[] = {
+    {3000, "resolve", make_resolve, true},
+    {2000, "tick", make_tick, true},
+    {60, "load",
+     [](Line& line) {
+         static constexpr const char* seconds[] = {"300", "300", "60", "20", "1", "0"};
+         line.perhaps(1, [](Line& more) {
+             more.word(std::string("arp_cache_timeout_sec=") + more.chance().of(seconds));
+         });
+     },
+     true},
+    {60, "attach", [](Line&) {}, true},
+    {200, "calm", [](Line&) {}, true},
+    {1500, "control", make_command},
+    {500, "arp", make_arp},
+    {300, "lookup-gid", [](Line& line) { line.gid(); }},
+    {60, "cat control",
+     [](Line& line) { line.chance().one_in(3) ? line.word("4096") : line.number(400, 64); }},
+    {60, "reader",
+     [](Line& line) {
+         line.number(2, 1).word("read");
+         line.chance().one_in(3) ? line.word("4096") : line.number(400, 1);
+     }},
+    {20, "reader", [](Line& line) { line.number(2, 1).word("close"); }},
+    {600, "peer", [](Line& line) { line.peer().either("asks", "announces"); }},
+    {100, "peer", [](Line& line) { line.peer().rarely(3, "down", "up"); }},
+    {25, "peer", [](Line& line) { line.peer().word("gid").gid(); }},
+    {60, "peer", [](Line& line) { line.peer().word("lid").number(120, 1); }},
+    {60, "peer", [](Line& line) { line.peer().word("qpn").number(0x1000000); }},
+    {100, "fabric", [](Line& line) { make_fault(line.peer()); }},
+    {60, "fabric sa", make_fault},
+    {50, "fabric sa", make_answer_fault},
+    {40, "fabric", [](Line& line) { make_fault(line.port()); }},
+    {80, "event", [](Line& line) { line.rarely(3, "link_down", "link_up").port(); }},
+    {20, "event lid", [](Line& line) { line.port().word("to").number(120, 1); }},
+    {20, "event mtu", [](Line& line) { line.port().word("to").number(5, 1); }},
+    {40, "event sm_change",
+     [](Line& line) { line.port().word("to").number(60, 1).word("sl").number(16); }},
+    {60, "event",
+     [](Line& line) {
+         static constexpr const char* types[] = {"0x1000",  "0x2000",  "0x10000", "0x10000",
+                                                 "0x20000", "0x40000", "0x40000", "1",
+                                                 "0x40000000"};
+         line.of(types).port();
+     }},
+    {20, "pkeys",
+     [](Line& line) {
+         static constexpr const char* tables[] = {
+             "0xFFFF", "0x7FFF 0x8001", "0x7FFF 0x7FFE 0x7FFD 0x7FFC 0x7FFB 0xFFFF",
+             "0x8001 0xFFFF"};
+         line.port().of(tables);
+     }},
+    {20, "driver pkey", [](Line& line) { line.number(0x10000); }},
+    {50, "driver quick", [](Line& line) { line.number(3, 1); }},
+    {150, "fail", make_fail},
+    {20, "fail empty-datagram", [](Line&) {}},
+    {30, "level module",
+     [](Line& line) {
+         static constexpr const char* levels[] = {"0", "1", "1", "1", "1", "2", "2", "4"};
+         line.chance().one_in(30) ? line.word("5") : line.of(levels);
+     }},
+    {15, "level logger", [](Line& line) { line.number(2, 4); }},
+    {10, "detach", [](Line&) {}},
+    {20, "unload", [](Line&) {}},
+};
+
+/* A large world's addresses are clustered: neighbours of the hosts, the same host of other subnets,
+ * one bucket's, nonsense. */
+std::vector<std::string> other_addresses(Random& random, bool large) {
+    std::vector<std::string> others = {"10.0.0.150", "10.0.0.151", "10.0.0.152", "192.168.9.162",
+                                       "192.168.9.163"};
+    if (!large)
+        return others;
+    const auto subnet = std::to_string(1 + random.below(200));
+    for (int i = 0; i < 28; ++i) {
+        others.push_back("10." + std::to_string(i + 1) + ".0.2");
+        others.push_back("10." + subnet + ".0." + std::to_string(i));
+        others.push_back(std::to_string(i * 8) + "." + std::to_string(i * 8) + ".7.7");
     }
+    return others;
 }
 
 }  // namespace
 
-WorldShape choose_world(Random& random) {
-    WorldShape shape;
-    shape.hosts = random.one_in(4) ? 20 + random.below(21) : 4 + random.below(9);
-    switch (random.below(4)) {
-        case 0:
-            shape.first_jiffy = wrap - 1 - random.below(400000);
-            break;
-        case 1:
-            shape.first_jiffy = wrap * (1 + random.below(1000));
-            shape.first_jiffy -= random.below(3000);
-            break;
-        default:
-            shape.first_jiffy = 1000 + random.below(100000);
+Chooser::Chooser(std::uint64_t seed, std::uint64_t number)
+    : random_(seed, number), large_(number % 8 == seed % 8) {
+    static_assert(std::size(kinds) <= most_rows);
+    hosts_ = large_ || random_.one_in(4) ? 20 + random_.below(21) : 4 + random_.below(9);
+    first_jiffy_ = 1000 + random_.below(100000);
+    if (random_.one_in(4))
+        first_jiffy_ = wrap - 1 - random_.below(400000);
+    else if (random_.one_in(4))
+        first_jiffy_ = wrap * (1 + random_.below(1000)) - random_.below(3000);
+    length_ = 1000 + random_.below(large_ ? 1000 : 4000);
+    for (std::uint32_t i = 1; i <= hosts_; ++i)
+        addresses_.push_back("10.0.0." + std::to_string(i));
+    for (std::string& other : other_addresses(random_, large_))
+        addresses_.push_back(std::move(other));
+    static constexpr std::uint32_t factors[] = {0, 1, 4, 4, 4, 4, 8, 16};  // in quarters
+    for (std::size_t i = 0; i < std::size(kinds); ++i) {
+        const std::uint32_t factor = random_.of(factors);
+        weights_[i] = kinds[i].weight * (kinds[i].always ? 4 : factor);
     }
-    return shape;
 }
 
-Step choose_step(Random& random, const WorldShape& shape) {
-    const KindRow& row = choose_row(random, all_rows());
-    Step step;
-    step.kind = static_cast<Kind>(&row - all_rows().data());
-    choose_anything(random, shape, row, step);
-    choose_use(random, shape, step);
-    choose_fabric(random, step);
-    choose_kernel(random, step);
-    return step;
+std::vector<std::string> Chooser::first_lines() {
+    std::vector<std::string> lines = {"hosts " + std::to_string(hosts_),
+                                      "jiffies " + std::to_string(first_jiffy_)};
+    for (std::uint32_t i = 1; i < hosts_; ++i)
+        lines.push_back("peer " + addresses_[i] + " gid " + gid_text(i));
+    lines.push_back(std::string("load arp_cache_timeout_sec=") +
+                    (random_.one_in(2) ? "300" : "60"));
+    lines.emplace_back("control enable");
+    lines.emplace_back(random_.one_in(4) ? "control sa_queries off" : "control sa_queries on");
+    return lines;
 }
 
-}  // namespace soak
+std::string Chooser::next_line() {
+    const Kind& kind =
+        kinds[choose_row(random_, std::size(kinds), [&](std::size_t i) { return weights_[i]; })];
+    Line line(*this, kind.verb);
+    kind.make(line);
+    halted_ |= line.text().starts_with("control") && line.text().find("halt") != std::string::npos;
+    return line.text();
+}
+
+/* Who waits gets his last word within all the retries that may be set. A halted module comes anew.
+ * Then one try is enough for everybody, because nothing is lost any more. */
+std::vector<std::string> Chooser::last_lines() const {
+    std::vector<std::string> lines = {"calm", "driver quick 0", "driver pkey 0xFFFF"};
+    for (const char* const port : {"port 1", "port 2"}) {
+        lines.push_back(std::string("pkeys ") + port + " 0xFFFF");
+        lines.push_back(std::string("event link_down ") + port);
+        lines.push_back(std::string("event link_up ") + port);
+    }
+    // Two that have the same GID part before each gets his own.
+    for (const std::uint32_t family : {0xA2u, 0xA1u})
+        for (std::uint32_t i = 1; i < hosts_; ++i)
+            lines.push_back("peer " + addresses_[i] + " gid " + gid_text(i, family));
+    for (std::uint32_t i = 1; i < hosts_; ++i)
+        lines.push_back("peer " + addresses_[i] + " up");
+    lines.emplace_back("tick 80000");
+    if (halted_)
+        lines.emplace_back("unload");
+    for (const char* const line : {"load", "attach", "control enable", "control sa_queries on",
+                                   "control statics_inv on", "control flush", "tick 10"})
+        lines.emplace_back(line);
+    for (std::uint32_t i = 1; i < hosts_; ++i)
+        lines.push_back("resolve " + addresses_[i] + " paths both");
+    lines.emplace_back("tick 100");
+    for (std::uint32_t i = 1; i < hosts_; ++i)
+        lines.push_back("expect entry " + addresses_[i] + " paths 2");
+    return lines;
+}
+
+}  // namespace simulation

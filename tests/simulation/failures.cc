@@ -13,7 +13,7 @@
 #include "host/faults.h"
 #include "tests/simulation/failures_run.h"
 
-namespace soak {
+namespace simulation {
 namespace {
 
 std::vector<std::filesystem::path> scripts_of(const FailureOptions& options) {
@@ -99,4 +99,4 @@ int run_failures(const FailureOptions& options, std::FILE* out) {
     return table.is_good() ? 0 : 1;
 }
 
-}  // namespace soak
+}  // namespace simulation

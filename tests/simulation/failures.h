@@ -17,7 +17,7 @@
 #include <cstdio>
 #include <string>
 
-namespace soak {
+namespace simulation {
 
 struct FailureOptions {
     std::string scripts;   ///< the directory in which they are
@@ -30,4 +30,4 @@ struct FailureOptions {
 /// script.
 int run_failures(const FailureOptions& options, std::FILE* out);
 
-}  // namespace soak
+}  // namespace simulation

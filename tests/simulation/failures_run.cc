@@ -23,7 +23,7 @@
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-req-list.h"
 
-namespace soak {
+namespace simulation {
 namespace {
 
 /* Longer than a request can take that is re-issued ten times on both lists. */
@@ -353,4 +353,4 @@ Run run_apart(const std::string& script, const Fault& fault) {
     return run;
 }
 
-}  // namespace soak
+}  // namespace simulation

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace soak {
+namespace simulation {
 
 /// The `n`-th call of a service fails; the 0th: none does.
 struct Fault {
@@ -24,4 +24,4 @@ struct Run {
 
 Run run_apart(const std::string& script, const Fault& fault);
 
-}  // namespace soak
+}  // namespace simulation

@@ -10,7 +10,7 @@
 
 #include "platform/jiffies.h"
 
-namespace soak {
+namespace simulation {
 namespace {
 
 constexpr int most_identical = 3;   // that may wait before further ones stop asking
@@ -29,7 +29,7 @@ bool has_paths(std::uint32_t mask, tarv_paths_t wanted) {
     return names_paths(wanted) && (mask & needed) == needed;
 }
 
-int identical(const Model::Requests& list, std::uint32_t ip, tarv_paths_t paths) {
+int identical(const State::Requests& list, std::uint32_t ip, tarv_paths_t paths) {
     return static_cast<int>(std::count_if(list.begin(), list.end(), [&](const Waiting& other) {
         return other.ip == ip && other.paths == paths;
     }));
@@ -71,37 +71,24 @@ ib_path_record_v2_t path_at(const std::uint8_t* at) {
 
 }  // namespace
 
-std::vector<Reply> Model::take_replies() {
-    return std::exchange(replies_, {});
-}
-
 void Model::load(unsigned long timeout_seconds) {
-    table_ = {};
-    arp_.clear();
-    sa_.clear();
-    ports_ = {};
-    port_count_ = 0;
-    static_path_ = {};
-    static_path_.numb_path = 1;
-    static_path_.pkey = 0xFFFF;
-    static_path_.mtu = 3;
+    unload();
+    now_.static_path.numb_path = 1;
+    now_.static_path.pkey = 0xFFFF;
+    now_.static_path.mtu = 3;
     last_path_ = {};
     timeout_ = timeout_seconds * 1000;
-    halted_ = enabled_ = sa_queries_ = attached_ = false;
-    statics_inv_ = media_reset_ = true;
-    retry_limit_ = 3;
 }
 
 void Model::unload() {
-    table_ = {};
-    arp_.clear();
-    sa_.clear();
-    ports_ = {};
+    const bool empty_hand = now_.is.empty_hand;
+    now_ = {};
+    now_.is.empty_hand = empty_hand;
 }
 
 tarv_stat_t Model::ask(const Question& question, tarv_arp_data_t& record) {
-    if (halted_) {
-        tally_.note(Outcome::refused_halted);
+    if (now_.is.halted) {
+        counts_.note(Count::refused_halted);
         return tarv_stat_error;
     }
     return decide(question, 0, record);
@@ -114,78 +101,94 @@ tarv_stat_t Model::decide(const Question& question, int retries, tarv_arp_data_t
     if (!entry) {
         if (question.callback)
             return ask_arp(question, retries);
-        tally_.note(Outcome::misses);
+        counts_.note(Count::misses);
         return tarv_stat_not_found;
     }
     entry->stamp = jiffies();
     record = entry->record;
     const bool complete = !names_paths(question.paths) || has_paths(record.mask, question.paths);
-    if (complete || (question.callback && !sa_queries_)) {
-        tally_.note(names_paths(question.paths) && complete ? Outcome::hits_with_paths
-                                                            : Outcome::hits);
+    if (complete || (question.callback && !now_.is.sa_queries)) {
+        counts_.note(names_paths(question.paths) && complete ? Count::hits_with_paths
+                                                            : Count::hits);
         return tarv_stat_ok;
     }
     if (!question.callback) {
-        tally_.note(Outcome::misses);
+        counts_.note(Count::misses);
         return tarv_stat_not_found;
     }
     return ask_sa(question, retries, record);
 }
 
 tarv_stat_t Model::ask_arp(const Question& question, int retries) {
-    if (!attached_) {
-        tally_.note(Outcome::no_driver);
+    if (!now_.is.attached) {
+        counts_.note(Count::no_driver);
         return tarv_stat_error;
     }
-    const bool asks = identical(arp_, question.ip, question.paths) <= most_identical;
-    arp_.push_back(
+    const bool asks = identical(now_.arp, question.ip, question.paths) <= most_identical;
+    now_.arp.push_back(
         {question.ip, question.from, question.paths, question.context, true, retries, now32(), {}});
     if (!asks) {
-        tally_.note(Outcome::held_back);
+        counts_.note(Count::held_back);
         return tarv_stat_pending;
     }
+    sent_.push_back({.ip = question.ip,
+                     .from = question.from,
+                     .media_reset = now_.is.media_reset ? 1 : 0,
+                     .gids = {}});
     bool sent = false;
     for (int port = 1; port <= fabric_.adapter().ports(); ++port)
         sent |= fabric_.adapter().port(port).up;
     if (!sent) {
-        tally_.note(Outcome::arp_failed);
-        arp_.back().callback = false;
+        counts_.note(Count::arp_failed);
+        now_.arp.back().callback = false;
         return tarv_stat_error;
     }
-    tally_.note(Outcome::arp_asked);
-    media_reset_ = false;
+    counts_.note(Count::arp_asked);
+    now_.is.media_reset = false;
     return tarv_stat_pending;
 }
 
 tarv_stat_t Model::ask_sa(const Question& question, int retries, const tarv_arp_data_t& cached) {
     const bool asks = question.paths != tarv_paths_primary ||
-                      identical(sa_, question.ip, question.paths) <= most_identical;
-    sa_.push_back({question.ip, question.from, question.paths, question.context, true, retries,
+                      identical(now_.sa, question.ip, question.paths) <= most_identical;
+    now_.sa.push_back({question.ip, question.from, question.paths, question.context, true, retries,
                    now32(), cached.gid});
     if (!asks) {
-        tally_.note(Outcome::held_back);
+        counts_.note(Count::held_back);
         return tarv_stat_pending;
     }
-    if (query(cached.local_port_num))
+    if (query(cached.local_port_num, cached.gid))
         return tarv_stat_pending;
-    sa_.back().callback = false;
+    now_.sa.back().callback = false;
     return tarv_stat_error;
 }
 
-/* Whether a query goes out on that port. */
-bool Model::query(std::uint32_t port) {
-    if (port < 1 || port > ports_.size() || !ports_[port - 1].valid ||
-        std::exchange(empty_hand_, false)) {
-        tally_.note(Outcome::sa_failed);
+/* Whether a query goes out on that port. It names the port's own GID and that of the lowest other
+ * one that is valid. */
+bool Model::query(std::uint32_t number, const gx_gid_t& dgid) {
+    if (number < 1 || number > now_.ports.size() || !now_.ports[number - 1].valid ||
+        std::exchange(now_.is.empty_hand, false)) {
+        counts_.note(Count::sa_failed);
         return false;
     }
-    tally_.note(Outcome::sa_asked);
+    const State::Port& port = now_.ports[number - 1];
+    Sent query = {.port = static_cast<int>(number),
+                  .sm_lid = port.sm_lid,
+                  .sm_sl = port.sm_sl,
+                  .gids = {port.gid}};
+    for (std::size_t i = 0; i < now_.ports.size() && query.gids.size() < 2; ++i)
+        if (i + 1 != number && now_.ports[i].valid)
+            query.gids.insert(i + 1 < number ? query.gids.begin() : query.gids.end(),
+                              now_.ports[i].gid);
+    query.gids.push_back(dgid);
+    sent_.push_back(std::move(query));
+    counts_.note(Count::sa_asked);
     return true;
 }
 
 void Model::reply(const Waiting& waiting, tarv_stat_t status, const tarv_arp_data_t* record) {
     if (status == tarv_stat_timeout)
-        tally_.note(Outcome::timed_out);
+        counts_.note(Count::timed_out);
     if (!waiting.callback || waiting.context == administrator)
         return;
     replies_.push_back({waiting.context, status, {}});
@@ -194,9 +197,9 @@ void Model::reply(const Waiting& waiting, tarv_stat_t status, const tarv_arp_dat
 }
 
 void Model::reissue(const Waiting& waiting) {
-    if (waiting.retries >= retry_limit_ || halted_)
+    if (waiting.retries >= now_.is.retries || now_.is.halted)
         return reply(waiting, tarv_stat_timeout, nullptr);
-    tally_.note(Outcome::reissued);
+    counts_.note(Count::reissued);
     const Question question = {waiting.ip,      waiting.from,     waiting.paths,
                                waiting.context, waiting.callback, false};
     tarv_arp_data_t record;
@@ -208,48 +211,48 @@ void Model::reissue(const Waiting& waiting) {
 /* All that is due leaves the list first; then each gets another try or its last word. */
 void Model::time_out(Requests& list, std::uint32_t limit, bool arp) {
     const auto is_due = [&](const Waiting& waiting) {
-        return halted_ || now32() - waiting.stamp >= limit;
+        return now_.is.halted || now32() - waiting.stamp >= limit;
     };
     Requests due;
     std::copy_if(list.begin(), list.end(), std::back_inserter(due), is_due);
     std::erase_if(list, is_due);
     if (arp && !due.empty())
-        media_reset_ = true;
+        now_.is.media_reset = true;
     for (const Waiting& waiting : due)
         reissue(waiting);
 }
 
 void Model::arp_timer() {
-    time_out(arp_, arp_patience, true);
+    time_out(now_.arp, arp_patience, true);
 }
 
 void Model::sa_timer() {
-    time_out(sa_, sa_patience, false);
+    time_out(now_.sa, sa_patience, false);
 }
 
 tarv_stat_t Model::arp(const tarv_arp_data_t& packet) {
-    if (!enabled_)
+    if (!now_.is.enabled)
         return tarv_stat_ok;
     if (packet.arp_operation != TARV_ARP_OP_REQUEST && packet.arp_operation != TARV_ARP_OP_REPLY)
         return tarv_stat_error;
     tarv_arp_data_t record = packet;
     std::swap(record.src_ip, record.dst_ip);
-    if (!sa_queries_)
+    if (!now_.is.sa_queries)
         give_static_path(record);
     if (Cached* const entry = find_replaceable(record.dst_ip)) {
         *entry = {record, jiffies()};
-        tally_.note(Outcome::updated);
+        counts_.note(Count::updated);
         return tarv_stat_ok;
     }
     if (Cached* const entry = find(record.dst_ip)) {
         entry->stamp = jiffies();
-        tally_.note(Outcome::kept_static);
+        counts_.note(Count::kept_static);
         complete(tarv_arp_data_t(entry->record), packet);
         return tarv_stat_ok;
     }
     record.mask |= TARV_MASK_SRC_IP;
     add(record);
-    tally_.note(Outcome::learned);
+    counts_.note(Count::learned);
     complete(record, packet);
     return tarv_stat_ok;
 }
@@ -260,32 +263,33 @@ void Model::complete(const tarv_arp_data_t& record, const tarv_arp_data_t& packe
     };
     const auto is_for = [&](const Waiting& waiting) { return waiting.ip == record.dst_ip; };
     Requests taken;
-    std::copy_if(arp_.begin(), arp_.end(), std::back_inserter(taken), is_for);
-    std::erase_if(arp_, is_for);
+    std::copy_if(now_.arp.begin(), now_.arp.end(), std::back_inserter(taken), is_for);
+    std::erase_if(now_.arp, is_for);
     for (Waiting& waiting : taken) {
         const bool is_static = record.mask & TARV_MASK_STATIC;
-        if (waiting.paths == tarv_paths_none || !sa_queries_ ||
+        if (waiting.paths == tarv_paths_none || !now_.is.sa_queries ||
             (is_static && has_paths(record.mask, waiting.paths))) {
             reply(waiting, tarv_stat_ok, &record);
             continue;
         }
-        if (!query(known_by(TARV_MASK_LOCAL_PORT).local_port_num)) {
+        const gx_gid_t dgid = known_by(TARV_MASK_GID).gid;
+        if (!query(known_by(TARV_MASK_LOCAL_PORT).local_port_num, dgid)) {
             reply(waiting, tarv_stat_error, nullptr);
             continue;
         }
-        waiting.dgid = known_by(TARV_MASK_GID).gid;
+        waiting.dgid = dgid;
         waiting.stamp = now32();
-        sa_.push_back(waiting);
+        now_.sa.push_back(waiting);
     }
 }
 
 void Model::give_static_path(tarv_arp_data_t& record) {
-    rewrite_pkeys(record.dst_ip, &static_path_, 1);
+    rewrite_pkeys(record.dst_ip, &now_.static_path, 1);
     if (record.mask & TARV_MASK_PRIMARY_PATH)
         return;
-    tally_.note(Outcome::static_paths);
+    counts_.note(Count::static_paths);
     ib_path_record_v2_t& path = record.paths[0];
-    path = static_path_;
+    path = now_.static_path;
     path.dlid = record.lid;
     path.dgid = record.gid;
     const auto port = static_cast<int>(record.local_port_num);
@@ -298,10 +302,10 @@ void Model::give_static_path(tarv_arp_data_t& record) {
 }
 
 /* The P_Key of the interface that serves the address; for our own address that of the local port
- * at which each path starts. The interface serves 10.0.0.0/24. */
+ * at which each path starts. */
 void Model::rewrite_pkeys(std::uint32_t ip, ib_path_record_v2_t* paths, int count) {
     const std::uint32_t ours = fabric_.our_host().ip;
-    if (!attached_ || ((ip ^ ours) & 0x00FFFFFF) != 0)
+    if (!now_.is.attached || ((ip ^ ours) & fabric_.ipoib().mask()) != 0)
         return;
     std::uint16_t pkey = fabric_.ipoib().pkey();
     for (int i = 0; i < std::min(count, 2); ++i) {
@@ -315,7 +319,7 @@ bool Model::local_pkey(const gx_gid_t& sgid, std::uint16_t& pkey) {
     const auto end = fabric_.subnet().by_gid(fabric::wire(sgid));
     if (!end || end->at.node != fabric_.adapter().node())
         return false;
-    tally_.note(Outcome::own_pkeys);
+    counts_.note(Count::own_pkeys);
     const std::vector<std::uint16_t> keys = fabric_.subnet().pkeys(end->at);
     for (std::size_t i = 0; i < std::min<std::size_t>(keys.size(), looked_at_pkeys); ++i) {
         pkey = keys[i];
@@ -336,29 +340,29 @@ int Model::read_answer(const Answer& answer, ib_path_record_v2_t* paths) const {
     const int count = std::min(TARV_MAX_PATHS, (answer.size - 20) / 64);
     for (int i = 0; i < count; ++i)
         paths[i] = path_at(records + i * 64);
-    const auto begins_here = [&](const Port& port) { return port.gid == paths[0].sgid; };
-    return std::any_of(ports_.begin(), ports_.begin() + port_count_, begins_here) ? count : 0;
+    const auto begins_here = [&](const State::Port& port) { return port.gid == paths[0].sgid; };
+    return std::any_of(now_.ports.begin(), now_.ports.begin() + now_.port_count, begins_here) ? count : 0;
 }
 
 void Model::answer(const Answer& answer) {
     ib_path_record_v2_t paths[TARV_MAX_PATHS];
     const int count = read_answer(answer, paths);
     if (count == 0) {
-        tally_.note(Outcome::answers_dropped);
+        counts_.note(Count::answers_dropped);
         return;
     }
     const auto is_for = [&](const Waiting& waiting) { return waiting.dgid == paths[0].dgid; };
     Requests taken;
-    std::copy_if(sa_.begin(), sa_.end(), std::back_inserter(taken), is_for);
-    std::erase_if(sa_, is_for);
+    std::copy_if(now_.sa.begin(), now_.sa.end(), std::back_inserter(taken), is_for);
+    std::erase_if(now_.sa, is_for);
     Requests satisfied;
     for (const Waiting& waiting : taken) {
         const bool done = store(waiting.ip, paths, count, waiting.paths);
         if (!done)
-            tally_.note(Outcome::put_back);
-        (done ? satisfied : sa_).push_back(waiting);
+            counts_.note(Count::put_back);
+        (done ? satisfied : now_.sa).push_back(waiting);
     }
-    tally_.note(satisfied.empty() ? Outcome::answers_unmatched : Outcome::answers_used);
+    counts_.note(satisfied.empty() ? Count::answers_unmatched : Count::answers_used);
     for (const Waiting& waiting : satisfied) {
         Cached* const entry = find(waiting.ip);
         entry->stamp = jiffies();
@@ -372,7 +376,7 @@ bool Model::store(std::uint32_t ip, ib_path_record_v2_t* paths, int count, tarv_
     Cached* const entry = find(ip);
     if (!entry)
         return false;
-    tally_.note(Outcome::paths_stored);
+    counts_.note(Count::paths_stored);
     tarv_arp_data_t& record = entry->record;
     std::copy_n(paths, count, record.paths);
     record.paths_count = count;
@@ -383,4 +387,4 @@ bool Model::store(std::uint32_t ip, ib_path_record_v2_t* paths, int count, tarv_
     return has_paths(record.mask, wanted);
 }
 
-}  // namespace soak
+}  // namespace simulation

@@ -12,14 +12,16 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fabric/fabric.h"
 #include "tarv/tarv.h"
-#include "tests/simulation/outcome.h"
+#include "tests/simulation/counts.h"
 
-namespace soak {
+namespace simulation {
 
 /// An entry of the address table.
 struct Cached {
@@ -77,8 +79,8 @@ bool same_record(const tarv_arp_data_t& a, const tarv_arp_data_t& b);
 /// The first field in which they differ, with both values.
 std::string difference(const tarv_arp_data_t& expected, const tarv_arp_data_t& found);
 
-class Model {
-  public:
+/// What must be true of the module at some moment, or what is.
+struct State {
     using Chain = std::vector<Cached>;      ///< oldest first
     using Requests = std::vector<Waiting>;  ///< oldest first
 
@@ -86,15 +88,55 @@ class Model {
         bool valid = false;
         gx_gid_t gid{};
         std::uint16_t sm_lid = 0;
+        std::uint8_t sm_sl = 0;
+    };
+    struct Switches {
+        bool halted = false, enabled = false, sa_queries = false, statics_inv = true;
+        bool attached = false, media_reset = true, empty_hand = false;
+        int retries = 3;
+
+        bool operator==(const Switches&) const = default;
     };
 
+    std::array<Chain, buckets> table;
+    Requests arp;
+    Requests sa;
+    std::array<Port, 8> ports{};
+    int port_count = 0;
+    Switches is;
+    ib_path_record_v2_t static_path{};
+};
+
+/// The first thing in which the module's state is not what it must be.
+struct Difference {
+    const char* name;  ///< a word, the same for the same kind of fault
+    std::string text;
+};
+std::optional<Difference> compare(const State& expected, const State& found);
+
+/// What the module sends: an ARP request to the driver, or a query to the SA.
+struct Sent {
+    std::uint32_t ip = 0;    ///< that an ARP request is for; 0: it is a query
+    std::uint32_t from = 0;  ///< in whose name
+    int media_reset = 0;
+    int port = 0;  ///< of a query, as all that follows
+    std::uint16_t sm_lid = 0;
+    std::uint8_t sm_sl = 0;
+    std::vector<gx_gid_t> gids;  ///< the sources, then the destination
+
+    bool operator==(const Sent& other) const = default;
+};
+std::string text_of(const Sent& sent);
+
+class Model {
+  public:
     explicit Model(fabric::Fabric& fabric) : fabric_(fabric) {}
 
     // What happens, just before it does.
 
     void load(unsigned long timeout_seconds);
     void unload();
-    void attach(bool attached) { attached_ = attached; }
+    void attach(bool attached) { now_.is.attached = attached; }
     /// The result that the client must get; with tarv_stat_ok `record` becomes the answer.
     tarv_stat_t ask(const Question& question, tarv_arp_data_t& record);
     tarv_stat_t lookup(const gx_gid_t& gid, tarv_arp_data_t& record);
@@ -105,51 +147,37 @@ class Model {
     void sa_timer();
     void age();
     void command(const std::string& bytes);
-    /// The GSI service is going to hand out no datagram although it says it does.
-    void empty_hand() { empty_hand_ = true; }
 
     /// Whom the module has to call back for what happened since the last call, in order.
-    std::vector<Reply> take_replies();
+    std::vector<Reply> take_replies() { return std::exchange(replies_, {}); }
+    /// What it has to send for it, in order.
+    std::vector<Sent> take_sent() { return std::exchange(sent_, {}); }
 
     /// The table as the control file shows it.
     std::string text() const;
 
-    // What must be there now.
-
-    const std::array<Chain, buckets>& table() const { return table_; }
-    const Requests& arp_requests() const { return arp_; }
-    const Requests& sa_requests() const { return sa_; }
-    const std::array<Port, 8>& ports() const { return ports_; }
-    std::size_t size() const;
-    int port_count() const { return port_count_; }
-    const ib_path_record_v2_t& static_path() const { return static_path_; }
-
-    // What a failure of the kernel may have changed, as it is.
-
-    struct Switches {
-        bool halted, enabled, sa_queries, statics_inv, attached, media_reset, empty_hand;
-        int retries;
-
-        bool operator==(const Switches&) const = default;
-    };
-    Switches switches() const;
-    void take_over(std::array<Chain, buckets> table, Requests arp, Requests sa,
-                   const std::array<Port, 8>& ports, int port_count, const Switches& switches,
-                   const ib_path_record_v2_t& static_path);
+    /// What must be there now.
+    const State& state() const { return now_; }
+    /// What a failure of the kernel may have changed is as the module says.
+    void take_over(const State& found) { now_ = found; }
+    /// The GSI service is going to hand out no datagram although it says that it does.
+    void set_empty_hand(bool empty) { now_.is.empty_hand = empty; }
 
     /// How often a complete path was read from a command.
     unsigned long paths_read() const { return paths_read_; }
-    const Tally& tally() const { return tally_; }
+    const Counts& counts() const { return counts_; }
 
   private:
     struct Words;
+    using Chain = State::Chain;
+    using Requests = State::Requests;
 
     Cached* find(std::uint32_t ip);
     Cached* find_replaceable(std::uint32_t ip);
     void add(const tarv_arp_data_t& record);
     bool remove(std::uint32_t ip);
     template <class Doomed>
-    void remove_if(Doomed doomed, Outcome outcome);
+    void remove_if(Doomed doomed, Count counted);
     void remove_all();
 
     tarv_stat_t decide(const Question& question, int retries, tarv_arp_data_t& record);
@@ -160,7 +188,7 @@ class Model {
     /// Whoever waits for that peer; `packet` told of it.
     void complete(const tarv_arp_data_t& record, const tarv_arp_data_t& packet);
     void reply(const Waiting& waiting, tarv_stat_t status, const tarv_arp_data_t* record);
-    bool query(std::uint32_t port);
+    bool query(std::uint32_t port, const gx_gid_t& dgid);
     void give_static_path(tarv_arp_data_t& record);
     void rewrite_pkeys(std::uint32_t ip, ib_path_record_v2_t* paths, int count);
     bool local_pkey(const gx_gid_t& sgid, std::uint16_t& pkey);
@@ -175,25 +203,13 @@ class Model {
                           ib_path_record_v2_t& path, const ib_path_record_v2_t& repeated);
 
     fabric::Fabric& fabric_;
-    std::array<Chain, buckets> table_;
-    Requests arp_;
-    Requests sa_;
-    std::array<Port, 8> ports_{};
-    int port_count_ = 0;
+    State now_;
     std::vector<Reply> replies_;
-    ib_path_record_v2_t static_path_{};
+    std::vector<Sent> sent_;
     ib_path_record_v2_t last_path_{};
     unsigned long timeout_ = 0;  // in ticks
-    bool halted_ = false;
-    bool enabled_ = false;
-    bool sa_queries_ = false;
-    bool statics_inv_ = true;
-    bool attached_ = false;
-    bool media_reset_ = true;
-    bool empty_hand_ = false;
-    int retry_limit_ = 3;
     unsigned long paths_read_ = 0;
-    Tally tally_;
+    Counts counts_;
 };
 
-}  // namespace soak
+}  // namespace simulation

@@ -10,7 +10,7 @@
 #include "platform/jiffies.h"
 #include "tests/simulation/model.h"
 
-namespace soak {
+namespace simulation {
 namespace {
 
 bool same_path(const ib_path_record_v2_t& a, const ib_path_record_v2_t& b) {
@@ -45,50 +45,54 @@ std::string difference(const tarv_arp_data_t& expected, const tarv_arp_data_t& f
            app::format_record(found) + pointers;
 }
 
-std::size_t Model::size() const {
-    std::size_t size = 0;
-    for (const Chain& chain : table_)
-        size += chain.size();
-    return size;
+std::string text_of(const Sent& sent) {
+    if (sent.ip != 0)
+        return "an ARP request of " + fabric::format_ip(sent.from) + " for " +
+               fabric::format_ip(sent.ip) + (sent.media_reset ? " with a media reset" : "");
+    std::string text = "a query on port " + std::to_string(sent.port) + " to LID " +
+                       std::to_string(sent.sm_lid) + " SL " + std::to_string(sent.sm_sl) + ":";
+    for (const gx_gid_t& gid : sent.gids)
+        text += ' ' + app::format_digits(gid);
+    return text;
 }
 
 // The newest entry of an address is the one that counts.
 Cached* Model::find(std::uint32_t ip) {
-    Chain& chain = table_[bucket_of(ip)];
+    Chain& chain = now_.table[bucket_of(ip)];
     const auto found = std::find_if(chain.rbegin(), chain.rend(),
                                     [&](const Cached& entry) { return entry.record.dst_ip == ip; });
     return found == chain.rend() ? nullptr : &*found;
 }
 
 Cached* Model::find_replaceable(std::uint32_t ip) {
-    Chain& chain = table_[bucket_of(ip)];
+    Chain& chain = now_.table[bucket_of(ip)];
     const auto found = std::find_if(chain.rbegin(), chain.rend(), [&](const Cached& entry) {
-        return entry.record.dst_ip == ip && (statics_inv_ || !entry.is_static());
+        return entry.record.dst_ip == ip && (now_.is.statics_inv || !entry.is_static());
     });
     return found == chain.rend() ? nullptr : &*found;
 }
 
 void Model::add(const tarv_arp_data_t& record) {
-    table_[bucket_of(record.dst_ip)].push_back({record, jiffies()});
+    now_.table[bucket_of(record.dst_ip)].push_back({record, jiffies()});
 }
 
 bool Model::remove(std::uint32_t ip) {
     const Cached* const entry = find_replaceable(ip);
     if (!entry)
         return false;
-    Chain& chain = table_[bucket_of(ip)];
+    Chain& chain = now_.table[bucket_of(ip)];
     chain.erase(chain.begin() + (entry - chain.data()));
     return true;
 }
 
 template <class Doomed>
-void Model::remove_if(Doomed doomed, Outcome outcome) {
-    for (Chain& chain : table_)
-        tally_.note(outcome, std::erase_if(chain, doomed));
+void Model::remove_if(Doomed doomed, Count counted) {
+    for (Chain& chain : now_.table)
+        counts_.note(counted, std::erase_if(chain, doomed));
 }
 
 void Model::remove_all() {
-    remove_if([](const Cached&) { return true; }, Outcome::purged);
+    remove_if([](const Cached&) { return true; }, Count::purged);
 }
 
 void Model::age() {
@@ -96,7 +100,7 @@ void Model::age() {
         [&](const Cached& entry) {
             return !entry.is_static() && entry.stamp + timeout_ <= jiffies();
         },
-        Outcome::aged);
+        Count::aged);
 }
 
 void Model::event(std::uint32_t type, int number) {
@@ -107,11 +111,13 @@ void Model::event(std::uint32_t type, int number) {
     if (!known)
         return;
     const gx_gid_t gid = fabric::held(fabric_.adapter().port(number).gid);
-    if (type == gx_async_r_port_link_up && !ports_[index].valid) {
-        ports_[index] = {true, gid, fabric_.subnet().manager().lid};
-        port_count_ = fabric_.adapter().ports();
-    } else if (type == gx_async_r_port_sm_change && ports_[index].valid) {
-        ports_[index].sm_lid = fabric_.subnet().manager().lid;
+    if (type == gx_async_r_port_link_up && !now_.ports[index].valid) {
+        now_.ports[index] = {true, gid, fabric_.subnet().manager().lid,
+                             fabric_.subnet().manager().sl};
+        now_.port_count = fabric_.adapter().ports();
+    } else if (type == gx_async_r_port_sm_change && now_.ports[index].valid) {
+        now_.ports[index].sm_lid = fabric_.subnet().manager().lid;
+        now_.ports[index].sm_sl = fabric_.subnet().manager().sl;
     } else if (type == gx_async_r_port_link_down) {
         remove_if(
             [&](const Cached& entry) {
@@ -119,13 +125,13 @@ void Model::event(std::uint32_t type, int number) {
                 return ((record.mask & TARV_MASK_PRIMARY_PATH) && record.paths[0].sgid == gid) ||
                        ((record.mask & TARV_MASK_SECONDARY_PATH) && record.paths[1].sgid == gid);
             },
-            Outcome::purged);
-        ports_[index].valid = false;
+            Count::purged);
+        now_.ports[index].valid = false;
     }
 }
 
 tarv_stat_t Model::lookup(const gx_gid_t& gid, tarv_arp_data_t& record) {
-    for (Chain& chain : table_)
+    for (Chain& chain : now_.table)
         for (std::size_t i = chain.size(); i-- > 0;)
             if (chain[i].record.gid == gid) {
                 chain[i].stamp = jiffies();
@@ -138,7 +144,7 @@ tarv_stat_t Model::lookup(const gx_gid_t& gid, tarv_arp_data_t& record) {
 std::string Model::text() const {
     std::string text =
         "IP address       HW type     Flags       HW address            Mask     Device\n";
-    for (const Chain& chain : table_)
+    for (const Chain& chain : now_.table)
         for (std::size_t i = chain.size(); i-- > 0;) {
             const tarv_arp_data_t& record = chain[i].record;
             char line[128];
@@ -151,28 +157,4 @@ std::string Model::text() const {
     return text;
 }
 
-Model::Switches Model::switches() const {
-    return {halted_,   enabled_,     sa_queries_, statics_inv_,
-            attached_, media_reset_, empty_hand_, retry_limit_};
-}
-
-void Model::take_over(std::array<Chain, buckets> table, Requests arp, Requests sa,
-                      const std::array<Port, 8>& ports, int port_count, const Switches& switches,
-                      const ib_path_record_v2_t& static_path) {
-    table_ = std::move(table);
-    arp_ = std::move(arp);
-    sa_ = std::move(sa);
-    ports_ = ports;
-    port_count_ = port_count;
-    halted_ = switches.halted;
-    enabled_ = switches.enabled;
-    sa_queries_ = switches.sa_queries;
-    statics_inv_ = switches.statics_inv;
-    attached_ = switches.attached;
-    media_reset_ = switches.media_reset;
-    empty_hand_ = switches.empty_hand;
-    retry_limit_ = switches.retries;
-    static_path_ = static_path;
-}
-
-}  // namespace soak
+}  // namespace simulation

@@ -9,7 +9,7 @@
 #include "platform/jiffies.h"
 #include "tests/simulation/model.h"
 
-namespace soak {
+namespace simulation {
 namespace {
 
 constexpr std::size_t most_bytes = 4096;
@@ -146,16 +146,16 @@ void Model::command(const std::string& bytes) {
     };
     const auto ip = address(words.word(1));
     if (name == "halt") {
-        tally_.note(Outcome::halts);
-        halted_ = true;
+        counts_.note(Count::halts);
+        now_.is.halted = true;
         arp_timer();
         sa_timer();
     } else if (name == "enable" || name == "disable") {
-        enabled_ = name == "enable";
+        now_.is.enabled = name == "enable";
     } else if (name == "sa_queries") {
-        set_switch(sa_queries_);
+        set_switch(now_.is.sa_queries);
     } else if (name == "statics_inv") {
-        set_switch(statics_inv_);
+        set_switch(now_.is.statics_inv);
     } else if (name == "add" || name == "addibarp") {
         add_static(words, name == "addibarp");
     } else if (name == "addpath") {
@@ -181,7 +181,7 @@ void Model::command(const std::string& bytes) {
     } else if (name == "set_retry_cnt") {
         const auto count = static_cast<int>(number(words.word(1)));
         if (words.size() == 2 && count != 0 && count <= 10)
-            retry_limit_ = count;
+            now_.is.retries = count;
     }
 }
 
@@ -275,7 +275,7 @@ void Model::add_path(const Words& words) {
 
 void Model::set_static_path(const Words& words) {
     if (words.size() == 13)
-        read_path_fields(words, 1, 2, static_path_, ib_path_record_v2_t(static_path_));
+        read_path_fields(words, 1, 2, now_.static_path, ib_path_record_v2_t(now_.static_path));
 }
 
 void Model::set_local_gids(const Words& words) {
@@ -283,9 +283,9 @@ void Model::set_local_gids(const Words& words) {
     const auto second = gid_of(words.word(2));
     if ((words.size() != 2 && words.size() != 3) || !first || (words.size() == 3 && !second))
         return;
-    ports_[0].gid = *first;
+    now_.ports[0].gid = *first;
     if (second)
-        ports_[1].gid = *second;
+        now_.ports[1].gid = *second;
 }
 
-}  // namespace soak
+}  // namespace simulation

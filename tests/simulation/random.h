@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace soak {
+namespace simulation {
 
 /// The generator known as splitmix64.
 class Random {
@@ -37,4 +37,4 @@ class Random {
     std::uint64_t state_;
 };
 
-}  // namespace soak
+}  // namespace simulation

@@ -18,13 +18,15 @@
 #include <new>
 #include <system_error>
 
-namespace soak {
+#include "tests/simulation/choose.h"
+
+namespace simulation {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 constexpr int look_every = 500;          // milliseconds
-constexpr double longest_step = 60;      // seconds; after so many without one the run hangs
+constexpr double longest_line = 60;      // seconds; after so many without one the run hangs
 constexpr std::size_t most_said = 8000;  // bytes of what a dying run says that are kept
 
 double seconds_since(Clock::time_point begin) {
@@ -33,12 +35,11 @@ double seconds_since(Clock::time_point begin) {
 
 /* What the running process leaves behind for the one that watches it, however it ends. */
 struct Board {
-    std::atomic<std::uint64_t> steps;
+    std::atomic<std::uint64_t> lines;
     std::uint64_t world;
-    std::uint64_t step_of_world;
+    std::uint64_t line_of_world;
     std::uint64_t digest;
-    std::array<std::uint64_t, kinds> taken;
-    Tally tally;
+    Counts counts;
     bool violated;
     char name[64];
     char text[most_said];
@@ -72,74 +73,76 @@ class SharedBoard {
     Board* board_;
 };
 
-/* The steps of a world, one by one. */
-class Chooser {
+/* A world of lines. The first ones make it; the judge is there from the first that acts. */
+class World {
   public:
-    Chooser(std::uint64_t seed, std::uint64_t n) : random_(seed, n), shape_(choose_world(random_)) {
-        length_ = 1000 + random_.below(4000);
+    World(Board& board, const app::Site& site) : board_(board), reading_{.site = &site} {
+        board.line_of_world = 0;
     }
-    const WorldShape& shape() const { return shape_; }
-    std::uint64_t length() const { return length_; }
 
-    Step next() {
-        Step step = choose_step(random_, shape_);
-        // A world begins with what makes the rest worth while.
-        switch (number_++) {
-            case 0:
-                return {Kind::load, {random_.one_in(2) ? 300u : 60u}, {}};
-            case 1:
-                return {Kind::write, {}, "enable\n"};
-            case 2:
-                return {
-                    Kind::write, {}, random_.one_in(4) ? "sa_queries off\n" : "sa_queries on\n"};
-            default:
-                return step;
-        }
+    /// False after a violation.
+    bool take(const std::string& text) {
+        app::ScriptLine line("line", static_cast<int>(++board_.line_of_world), text);
+        if (line.at_end())
+            return true;
+        const app::ScriptStep step = app::read_step(line, reading_);
+        if (!judge_ && !text.starts_with("hosts") && !text.starts_with("jiffies"))
+            judge_.emplace(*reading_.site, reading_.first_jiffy);
+        if (judge_)
+            judge_->take(step);
+        board_.lines.fetch_add(1, std::memory_order_relaxed);
+        return !judge_ || !judge_->violation();
+    }
+
+    /// Writes down how it went; after a violation the process ends, because what a broken module
+    /// holds cannot be taken apart in order.
+    void end(bool may_wait) {
+        if (!judge_)
+            return;
+        if (!judge_->violation())
+            judge_->end(may_wait);
+        board_.counts.add(judge_->counts());
+        board_.digest = (board_.digest ^ judge_->digest()) * 0x9E3779B97F4A7C15u;
+        if (!judge_->violation())
+            return;
+        board_.write(*judge_->violation());
+        _exit(1);
     }
 
   private:
-    Random random_;
-    WorldShape shape_;
-    std::uint64_t length_;
-    std::uint64_t number_ = 0;
+    Board& board_;
+    app::ScriptReading reading_;
+    std::optional<Judge> judge_;
 };
 
-/* Runs a world. False after a violation. */
-bool run_world(Board& board, const WorldShape& shape, std::uint64_t count,
-               const std::function<Step()>& next) {
-    Simulation world(shape);
-    for (std::uint64_t i = 0; i < count && !world.violation(); ++i) {
-        const Step step = next();
-        board.step_of_world = i + 1;
-        ++board.taken[static_cast<std::size_t>(step.kind)];
-        world.take(step);
-        board.steps.fetch_add(1, std::memory_order_relaxed);
-    }
-    if (!world.violation()) {
-        board.step_of_world = count + 1;
-        world.end();
-    }
-    board.tally.add(world.tally());
-    board.digest = (board.digest ^ world.digest()) * 0x9E3779B97F4A7C15u;
-    if (!world.violation())
-        return true;
-    board.write(*world.violation());
-    // What a broken module holds cannot be taken apart in order.
-    _exit(1);
+/* The lines of a world, one after the other, as long as `take` goes on. */
+template <class Take>
+void for_each_line(std::uint64_t seed, std::uint64_t number, std::uint64_t most, Take take) {
+    Chooser chooser(seed, number);
+    for (const std::string& line : chooser.first_lines())
+        if (!take(line))
+            return;
+    for (std::uint64_t i = 0; i < std::min(chooser.length(), most); ++i)
+        if (!take(chooser.next_line()))
+            return;
+    for (const std::string& line : chooser.last_lines())
+        if (!take(line))
+            return;
 }
 
 void run_worlds(Board& board, std::uint64_t seed, const Limits& limits) {
     const auto begin = Clock::now();
-    for (std::uint64_t n = 0;; ++n) {
-        const std::uint64_t done = board.steps.load(std::memory_order_relaxed);
-        if ((limits.steps != 0 && done >= limits.steps) ||
+    const app::Site nowhere;
+    for (std::uint64_t number = 0;; ++number) {
+        const std::uint64_t done = board.lines.load(std::memory_order_relaxed);
+        if ((limits.lines != 0 && done >= limits.lines) ||
             (limits.seconds > 0 && seconds_since(begin) >= limits.seconds))
             return;
-        Chooser chooser(seed, n);
-        board.world = n;
-        const std::uint64_t left = limits.steps != 0 ? limits.steps - done : chooser.length();
-        run_world(board, chooser.shape(), std::min(chooser.length(), left),
-                  [&] { return chooser.next(); });
+        board.world = number;
+        World world(board, nowhere);
+        for_each_line(seed, number, limits.lines != 0 ? limits.lines - done : ~0ull,
+                      [&](const std::string& line) { return world.take(line); });
+        world.end(false);
     }
 }
 
@@ -165,14 +168,14 @@ class Progress {
         if (shown_ && terminal_)
             std::fputs("\r\033[K", stderr);
     }
-    void show(std::uint64_t steps, double seconds) {
+    void show(std::uint64_t lines, double seconds) {
         if (!terminal_ && seconds < next_)
             return;
         next_ = seconds + 10;
         shown_ = true;
-        std::fprintf(stderr, "%ssoak: %s: %llu steps, %.0f a second%s", terminal_ ? "\r" : "",
-                     what_.c_str(), static_cast<unsigned long long>(steps),
-                     seconds > 0 ? static_cast<double>(steps) / seconds : 0,
+        std::fprintf(stderr, "%ssimulation: %s: %llu lines, %.0f a second%s", terminal_ ? "\r" : "",
+                     what_.c_str(), static_cast<unsigned long long>(lines),
+                     seconds > 0 ? static_cast<double>(lines) / seconds : 0,
                      terminal_ ? "\033[K" : "\n");
     }
 
@@ -186,8 +189,8 @@ class Progress {
 /* Reads what the child says until it ends. True when it hangs and was ended. */
 bool watch(pid_t child, int pipe, SharedBoard& board, Progress* progress, std::string& said) {
     const auto begin = Clock::now();
-    auto last_step = begin;
-    std::uint64_t steps = 0;
+    auto last_line = begin;
+    std::uint64_t lines = 0;
     for (;;) {
         pollfd ready{pipe, POLLIN, 0};
         if (poll(&ready, 1, look_every) > 0) {
@@ -199,13 +202,13 @@ bool watch(pid_t child, int pipe, SharedBoard& board, Progress* progress, std::s
                 said.append(text, static_cast<std::size_t>(size));
             continue;
         }
-        const std::uint64_t now = board->steps.load(std::memory_order_relaxed);
-        if (now != steps)
-            last_step = Clock::now();
-        steps = now;
+        const std::uint64_t now = board->lines.load(std::memory_order_relaxed);
+        if (now != lines)
+            last_line = Clock::now();
+        lines = now;
         if (progress)
-            progress->show(steps, seconds_since(begin));
-        if (seconds_since(last_step) > longest_step) {
+            progress->show(lines, seconds_since(begin));
+        if (seconds_since(last_line) > longest_line) {
             kill(child, SIGKILL);
             return true;
         }
@@ -248,14 +251,13 @@ Result run_apart(const std::function<void(Board&)>& run, const char* shown_as) {
 
     Result result;
     result.seconds = seconds_since(begin);
-    result.steps = board->steps;
+    result.lines = board->lines;
     result.digest = board->digest;
-    result.taken = board->taken;
-    result.tally = board->tally;
+    result.counts = board->counts;
     result.world = board->world;
-    result.step_of_world = board->step_of_world;
+    result.line_of_world = board->line_of_world;
     if (hangs)
-        result.violation = {"hang", "a step did not end"};
+        result.violation = {"hang", "a line did not end"};
     else if (board->violated)
         result.violation = {board->name, board->text};
     else if (status != 0)
@@ -263,24 +265,29 @@ Result run_apart(const std::function<void(Board&)>& run, const char* shown_as) {
     return result;
 }
 
-/* With the same violation at the end, and nothing behind it. */
-bool still_breaks(Episode& episode, const std::string& violation, std::uint64_t& budget) {
-    const Result result = run_episode(episode);
-    budget -= std::min<std::uint64_t>(budget, result.steps + 20);
-    if (!result.violation || result.violation->name != violation)
+/* With the same violation at the end, and nothing behind it. Of an expectation every word counts:
+ * that a peer which nobody asked for is not resolved is another one. */
+bool still_breaks(Lines& lines, const Violation& violation, std::uint64_t& budget) {
+    const auto words = [](const Violation& one) {
+        return one.name == "expectation" ? one.text.substr(one.text.find(": ")) : one.name;
+    };
+    const Result result = run_lines(lines, app::Site());
+    budget -= std::min<std::uint64_t>(budget, result.lines + 20);
+    if (!result.violation || words(*result.violation) != words(violation))
         return false;
-    episode.steps.resize(std::min<std::size_t>(episode.steps.size(), result.step_of_world));
+    lines.resize(std::min<std::size_t>(lines.size(), result.line_of_world));
     return true;
 }
 
 }  // namespace
 
-Episode make_episode(std::uint64_t seed, std::uint64_t n, std::uint64_t steps) {
-    Chooser chooser(seed, n);
-    Episode episode{chooser.shape(), {}};
-    for (std::uint64_t i = 0; i < (steps != 0 ? steps : chooser.length()); ++i)
-        episode.steps.push_back(chooser.next());
-    return episode;
+Lines make_lines(std::uint64_t seed, std::uint64_t number, std::uint64_t most) {
+    Lines lines;
+    for_each_line(seed, number, most, [&](const std::string& line) {
+        lines.push_back(line);
+        return true;
+    });
+    return lines;
 }
 
 Result run_seed(std::uint64_t seed, const Limits& limits) {
@@ -288,40 +295,44 @@ Result run_seed(std::uint64_t seed, const Limits& limits) {
     return run_apart([&](Board& board) { run_worlds(board, seed, limits); }, name.c_str());
 }
 
-Result run_episode(const Episode& episode) {
+Result run_lines(const Lines& lines, const app::Site& site) {
     return run_apart(
         [&](Board& board) {
-            std::size_t i = 0;
-            run_world(board, episode.shape, episode.steps.size(),
-                      [&] { return episode.steps[i++]; });
+            World world(board, site);
+            for (const std::string& line : lines)
+                if (!world.take(line))
+                    break;
+            world.end(true);
         },
         nullptr);
 }
 
-/* Leaves out ever smaller stretches of steps, as long as that changes nothing. */
-Episode shrink(Episode episode, const std::string& violation) {
+/* Leaves out ever smaller stretches of lines, as long as that changes nothing. */
+Lines shrink(Lines lines, std::size_t kept, const Violation& violation) {
     std::uint64_t budget = 4'000'000;
-    if (!still_breaks(episode, violation, budget))
-        return episode;
-    for (std::size_t stretch = episode.steps.size(); stretch > 0 && budget > 0;) {
+    const std::size_t all = lines.size();
+    if (!still_breaks(lines, violation, budget))
+        return lines;
+    kept -= std::min(kept, all - lines.size());
+    for (std::size_t stretch = lines.size() - kept; stretch > 0 && budget > 0;) {
         bool shorter = false;
-        for (std::size_t at = 0; at < episode.steps.size() && budget > 0;) {
-            Episode without = episode;
-            const auto begin = without.steps.begin() + static_cast<std::ptrdiff_t>(at);
-            without.steps.erase(begin, begin + static_cast<std::ptrdiff_t>(
-                                                   std::min(stretch, without.steps.size() - at)));
-            if (!without.steps.empty() && still_breaks(without, violation, budget)) {
-                episode = std::move(without);
+        for (std::size_t at = 0; at + kept < lines.size() && budget > 0;) {
+            Lines without = lines;
+            const auto begin = without.begin() + static_cast<std::ptrdiff_t>(at);
+            without.erase(begin, begin + static_cast<std::ptrdiff_t>(
+                                             std::min(stretch, without.size() - kept - at)));
+            if (!without.empty() && still_breaks(without, violation, budget)) {
+                lines = std::move(without);
                 shorter = true;
             } else {
                 at += stretch;
             }
         }
-        std::fprintf(stderr, "soak: %zu steps are left\n", episode.steps.size());
-        if (!shorter || stretch > episode.steps.size())
+        std::fprintf(stderr, "simulation: %zu lines are left\n", lines.size());
+        if (!shorter || stretch > lines.size())
             stretch = stretch > 1 ? (stretch + 1) / 2 : 0;
     }
-    return episode;
+    return lines;
 }
 
-}  // namespace soak
+}  // namespace simulation

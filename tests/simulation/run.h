@@ -4,46 +4,47 @@
 // of the kernel, which ends a process, is found like any other violation.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "tests/simulation/outcome.h"
-#include "tests/simulation/simulation.h"
-#include "tests/simulation/step.h"
+#include "tests/simulation/counts.h"
+#include "tests/simulation/judge.h"
 
-namespace soak {
+namespace simulation {
+
+using Lines = std::vector<std::string>;  ///< of a script
 
 /// How far a run goes; what is 0 is no limit.
 struct Limits {
-    std::uint64_t steps = 0;
+    std::uint64_t lines = 0;
     double seconds = 0;
 };
 
 struct Result {
-    std::uint64_t steps = 0;
+    std::uint64_t lines = 0;
     double seconds = 0;  ///< that it took
     std::uint64_t digest = 0;
-    std::array<std::uint64_t, kinds> taken{};  ///< steps of each kind
-    Tally tally;
+    Counts counts;
 
     std::optional<Violation> violation;
     std::uint64_t world = 0;          ///< that it was found in, from 0
-    std::uint64_t step_of_world = 0;  ///< at which of its steps, from 1; one more: at its end
+    std::uint64_t line_of_world = 0;  ///< at which of its lines, from 1
 };
 
-/// The n-th world of a seed; `steps` 0: with all of its steps.
-Episode make_episode(std::uint64_t seed, std::uint64_t n, std::uint64_t steps = 0);
+/// The script of a world of a seed, with so many lines of chance at most.
+Lines make_lines(std::uint64_t seed, std::uint64_t number, std::uint64_t most = ~0ull);
 
 /// Runs the worlds of a seed.
 Result run_seed(std::uint64_t seed, const Limits& limits);
 
-/// Runs one world.
-Result run_episode(const Episode& episode);
+/// Plays a script before the judge, on that site unless it makes its own. A line that is not
+/// understood is a violation too.
+Result run_lines(const Lines& lines, const app::Site& site);
 
-/// The episode with as few of its steps as still break the rule of that name; an equal input gives
-/// an equal result. Progress goes to standard error.
-Episode shrink(Episode episode, const std::string& violation);
+/// The script with as few of its lines as still break the same rule; an equal input gives an equal
+/// result. The `kept` last ones stay. Progress goes to standard error.
+Lines shrink(Lines lines, std::size_t kept, const Violation& violation);
 
-}  // namespace soak
+}  // namespace simulation
