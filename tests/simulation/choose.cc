@@ -262,10 +262,9 @@ void make_answer_fault(Line& line) {
 
 /* Many small waits, some over the time-outs, a few over the age of entries. */
 void make_tick(Line& line) {
-    static constexpr const char* ticks[] = {"0",   "0",   "1",   "1",  "1",  "1",    "2",
-                                            "2",   "3",   "3",   "5",  "5",  "10",   "10",
-                                            "20",  "50",  "100", "300", "500", "999", "1",
-                                            "2",   "1000", "1001", "2000", "3001"};
+    static constexpr const char* ticks[] = {
+        "0",  "0",  "1",  "1",   "1",   "1",   "2",   "2", "3", "3",    "5",    "5",    "10",
+        "10", "20", "50", "100", "300", "500", "999", "1", "2", "1000", "1001", "2000", "3001"};
     static constexpr const char* longer[] = {"5000", "10000", "15000", "30000", "60000"};
     if (line.chance().one_in(400))
         line.word("300000");
@@ -345,16 +344,16 @@ constexpr Kind kinds[] = {
      [](Line& line) { line.port().word("to").number(60, 1).word("sl").number(16); }},
     {60, "event",
      [](Line& line) {
-         static constexpr const char* types[] = {"0x1000",  "0x2000",  "0x10000", "0x10000",
-                                                 "0x20000", "0x40000", "0x40000", "1",
-                                                 "0x40000000"};
+         static constexpr const char* types[] = {"0x1000",  "0x2000",  "0x10000",
+                                                 "0x10000", "0x20000", "0x40000",
+                                                 "0x40000", "1",       "0x40000000"};
          line.of(types).port();
      }},
     {20, "pkeys",
      [](Line& line) {
-         static constexpr const char* tables[] = {
-             "0xFFFF", "0x7FFF 0x8001", "0x7FFF 0x7FFE 0x7FFD 0x7FFC 0x7FFB 0xFFFF",
-             "0x8001 0xFFFF"};
+         static constexpr const char* tables[] = {"0xFFFF", "0x7FFF 0x8001",
+                                                  "0x7FFF 0x7FFE 0x7FFD 0x7FFC 0x7FFB 0xFFFF",
+                                                  "0x8001 0xFFFF"};
          line.port().of(tables);
      }},
     {20, "driver pkey", [](Line& line) { line.number(0x10000); }},

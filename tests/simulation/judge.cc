@@ -172,7 +172,8 @@ void Judge::compare_sent(const Window& window) {
         if (i >= window.sent.size())
             return violate("packet_missing", "not sent: " + text_of(window.to_send[i]) + where);
         if (i >= window.to_send.size())
-            return violate("packet_needless", "sent needlessly: " + text_of(window.sent[i]) + where);
+            return violate("packet_needless",
+                           "sent needlessly: " + text_of(window.sent[i]) + where);
         if (!(window.sent[i] == window.to_send[i]))
             return violate("packet_wrong", "sent: " + text_of(window.sent[i]) + ", due was " +
                                                text_of(window.to_send[i]) + where);

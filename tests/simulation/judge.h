@@ -113,7 +113,8 @@ class Judge final : public app::ScriptHost, private fabric::Witness {
     tarv_stat_t enter_attach() override;
     tarv_stat_t enter_detach() override;
     void reader_gone(app::ScriptReader& reader) override;
-    void replied(app::ScriptReply& made, tarv_stat_t status, const tarv_arp_data_t* record) override;
+    void replied(app::ScriptReply& made, tarv_stat_t status,
+                 const tarv_arp_data_t* record) override;
 
     Reading& begin_reading(const app::ScriptReader* reader, std::size_t size);
     void wrap_timers();

@@ -20,14 +20,14 @@ unsigned long timeout_of(const std::vector<std::string>& parameters) {
     unsigned long seconds = usual_timeout;
     for (const std::string& parameter : parameters)
         if (parameter.starts_with(name))
-            seconds = app::parse_number(std::string_view(parameter).substr(name.size())).value_or(0);
+            seconds =
+                app::parse_number(std::string_view(parameter).substr(name.size())).value_or(0);
     return seconds;
 }
 
 Question question_of(app::ScriptReply& made) {
     const app::ScriptRequest& request = made.request;
-    return {request.ip, request.from,     request.paths,
-            &made,      request.callback, request.invalidate};
+    return {request.ip, request.from, request.paths, &made, request.callback, request.invalidate};
 }
 
 Count count_of(tarv_stat_t status) {
@@ -179,8 +179,7 @@ long Judge::enter_write(host::ProcFile& file, const std::string& text) {
  * it. */
 Judge::Reading& Judge::begin_reading(const app::ScriptReader* reader, std::size_t size) {
     counts_.note(holder_ ? Count::readers_busy : Count::tables_read);
-    const std::string text =
-        holder_ ? std::string(busy_text).substr(0, size) : model_.text();
+    const std::string text = holder_ ? std::string(busy_text).substr(0, size) : model_.text();
     if (!holder_)
         holder_ = reader;
     return readings_[reader] = {text, 0};
@@ -194,8 +193,7 @@ std::string Judge::enter_read_whole(host::ProcFile& file, const std::string& nam
     const std::string expected = begin_reading(nullptr, chunk).text;
     const std::string text = ScriptHost::enter_read_whole(file, name, chunk);
     if (knows() && reading_known_ && text != expected)
-        violate("wrong_table",
-                "the control file reads\n" + text + "and should read\n" + expected);
+        violate("wrong_table", "the control file reads\n" + text + "and should read\n" + expected);
     readings_.erase(nullptr);
     close();
     return text;

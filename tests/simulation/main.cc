@@ -54,8 +54,8 @@ int run_seeds(const Options& options) {
     if (!options.seeds.empty()) {
         const std::size_t dash = options.seeds.find('-');
         const auto from = app::parse_number(options.seeds.substr(0, dash));
-        const auto to = app::parse_number(dash == std::string::npos ? ""
-                                                                    : options.seeds.substr(dash + 1));
+        const auto to =
+            app::parse_number(dash == std::string::npos ? "" : options.seeds.substr(dash + 1));
         if (!from || !to || *to < *from)
             throw app::UsageError("--seeds: \"" + options.seeds + "\" is not FIRST-LAST");
         first = *from;
@@ -70,11 +70,12 @@ int run_seeds(const Options& options) {
             print_counts(result);
         if (!result.violation)
             continue;
-        std::printf("\nseed %" PRIu64 ", world %" PRIu64 "; the shortest script, for tarv-host script:\n\n",
+        std::printf("\nseed %" PRIu64 ", world %" PRIu64
+                    "; the shortest script, for tarv-host script:\n\n",
                     seed, result.world);
         for (const std::string& line :
-             shrink(make_lines(seed, result.world),
-                    Chooser(seed, result.world).last_lines().size(), *result.violation))
+             shrink(make_lines(seed, result.world), Chooser(seed, result.world).last_lines().size(),
+                    *result.violation))
             std::printf("%s\n", line.c_str());
         return 1;
     }
@@ -124,15 +125,17 @@ void declare(CLI::App& program, Options& options) {
                     "End after so long, between two worlds of some thousand lines")
         ->type_name("M")
         ->check(CLI::NonNegativeNumber.description(""));
-    auto* const scripts = program.add_option(
-        "SCRIPT", options.scripts, "Play these instead; - is standard input");
-    auto* const failures = program.add_flag("--failures", options.failures,
-                                            "Make every service of the kernel fail in turn in each script instead");
+    auto* const scripts =
+        program.add_option("SCRIPT", options.scripts, "Play these instead; - is standard input");
+    auto* const failures =
+        program.add_flag("--failures", options.failures,
+                         "Make every service of the kernel fail in turn in each script instead");
     failures->excludes(scripts);
     program.add_flag("--brief", options.of_failures.brief, "A short table of the failures")
         ->needs(failures);
-    program.add_option("--scenario", options.of_failures.scenario,
-                       "Those scripts only that have this in their names")
+    program
+        .add_option("--scenario", options.of_failures.scenario,
+                    "Those scripts only that have this in their names")
         ->type_name("NAME")
         ->needs(failures);
     program.add_option("--scripts", options.of_failures.scripts, "The directory of the scripts")
@@ -144,7 +147,8 @@ void declare(CLI::App& program, Options& options) {
 }  // namespace simulation
 
 int main(int argc, char** argv) try {
-    CLI::App program("Proves the host under chance: plays scripts before a judge.", "tarv-simulation");
+    CLI::App program("Proves the host under chance: plays scripts before a judge.",
+                     "tarv-simulation");
     simulation::Options options;
     simulation::declare(program, options);
     CLI11_PARSE(program, argc, argv);

@@ -109,7 +109,7 @@ tarv_stat_t Model::decide(const Question& question, int retries, tarv_arp_data_t
     const bool complete = !names_paths(question.paths) || has_paths(record.mask, question.paths);
     if (complete || (question.callback && !now_.is.sa_queries)) {
         counts_.note(names_paths(question.paths) && complete ? Count::hits_with_paths
-                                                            : Count::hits);
+                                                             : Count::hits);
         return tarv_stat_ok;
     }
     if (!question.callback) {
@@ -152,7 +152,7 @@ tarv_stat_t Model::ask_sa(const Question& question, int retries, const tarv_arp_
     const bool asks = question.paths != tarv_paths_primary ||
                       identical(now_.sa, question.ip, question.paths) <= most_identical;
     now_.sa.push_back({question.ip, question.from, question.paths, question.context, true, retries,
-                   now32(), cached.gid});
+                       now32(), cached.gid});
     if (!asks) {
         counts_.note(Count::held_back);
         return tarv_stat_pending;
@@ -341,7 +341,9 @@ int Model::read_answer(const Answer& answer, ib_path_record_v2_t* paths) const {
     for (int i = 0; i < count; ++i)
         paths[i] = path_at(records + i * 64);
     const auto begins_here = [&](const State::Port& port) { return port.gid == paths[0].sgid; };
-    return std::any_of(now_.ports.begin(), now_.ports.begin() + now_.port_count, begins_here) ? count : 0;
+    return std::any_of(now_.ports.begin(), now_.ports.begin() + now_.port_count, begins_here)
+               ? count
+               : 0;
 }
 
 void Model::answer(const Answer& answer) {

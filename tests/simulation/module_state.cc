@@ -41,12 +41,13 @@ std::optional<Difference> read_table(State& state) {
              entry = entry->next) {
             const tarv_arp_data_t& record = entry->arp_data;
             if (bucket_of(record.dst_ip) != bucket)
-                return Difference{"chain_broken", about(record.dst_ip) + " is in bucket " +
-                                                      std::to_string(bucket)};
+                return Difference{"chain_broken",
+                                  about(record.dst_ip) + " is in bucket " + std::to_string(bucket)};
             if (((record.mask & TARV_MASK_PRIMARY_PATH) && record.primary_path != record.paths) ||
                 ((record.mask & TARV_MASK_SECONDARY_PATH) &&
                  record.secondary_path != record.paths + 1))
-                return Difference{"stray_path", about(record.dst_ip) + " points at another's paths"};
+                return Difference{"stray_path",
+                                  about(record.dst_ip) + " points at another's paths"};
             if (++size > tarv_table.size)
                 break;
             chain.push_back({record, entry->timestamp});
@@ -90,7 +91,8 @@ std::optional<Difference> compare_chain(const State::Chain& expected, const Stat
             return entry.record.dst_ip == want.record.dst_ip;
         };
         if (at == 0 || !is_it(found[at - 1])) {
-            const bool later = std::any_of(found.begin(), found.begin() + static_cast<long>(at), is_it);
+            const bool later =
+                std::any_of(found.begin(), found.begin() + static_cast<long>(at), is_it);
             if (later)
                 return Difference{"entry_kept", about(found[at - 1].record.dst_ip) +
                                                     " should not be there, or not there"};
@@ -108,9 +110,9 @@ std::optional<Difference> compare_chain(const State::Chain& expected, const Stat
                                                std::to_string(is.stamp)};
     }
     if (found.size() > expected.size())
-        return Difference{"entry_kept",
-                          about(found[found.size() - expected.size() - 1].record.dst_ip) +
-                              " should be gone"};
+        return Difference{
+            "entry_kept",
+            about(found[found.size() - expected.size() - 1].record.dst_ip) + " should be gone"};
     return {};
 }
 
@@ -123,9 +125,9 @@ std::optional<Difference> compare_requests(const State::Requests& expected,
                               list + " lacks a request for " + fabric::format_ip(expected[i].ip)};
         const Waiting& is = found[i];
         if (i >= expected.size())
-            return Difference{"request_kept", list + " has a request for " +
-                                                  fabric::format_ip(is.ip) +
-                                                  " that should be gone"};
+            return Difference{
+                "request_kept",
+                list + " has a request for " + fabric::format_ip(is.ip) + " that should be gone"};
         const Waiting& want = expected[i];
         if (is.ip != want.ip || is.from != want.from || is.paths != want.paths ||
             is.context != want.context || is.callback != want.callback)
@@ -142,9 +144,9 @@ std::optional<Difference> compare_requests(const State::Requests& expected,
 }
 
 bool same_port(const State::Port& one, const State::Port& other) {
-    return one.valid == other.valid && (!one.valid || (one.gid == other.gid &&
-                                                       one.sm_lid == other.sm_lid &&
-                                                       one.sm_sl == other.sm_sl));
+    return one.valid == other.valid &&
+           (!one.valid ||
+            (one.gid == other.gid && one.sm_lid == other.sm_lid && one.sm_sl == other.sm_sl));
 }
 
 }  // namespace
@@ -182,8 +184,8 @@ std::optional<Difference> read_state(State& state) {
 
 std::optional<Difference> compare(const State& expected, const State& found) {
     for (std::size_t bucket = 0; bucket < buckets; ++bucket)
-        if (auto wrong = compare_chain(expected.table[bucket], found.table[bucket],
-                                       expected.is.statics_inv))
+        if (auto wrong =
+                compare_chain(expected.table[bucket], found.table[bucket], expected.is.statics_inv))
             return wrong;
     if (auto wrong = compare_requests(expected.arp, found.arp, true))
         return wrong;
@@ -274,8 +276,9 @@ std::optional<Difference> check_datagrams(fabric::Gsi& gsi) {
                           "tarv_gsi_pending_cnt says " + std::to_string(pending) +
                               ", posted and not completed are " + std::to_string(in_flight)};
     if (const std::size_t out = gsi.datagrams_out(); out != in_flight)
-        return Difference{"datagram_lost", std::to_string(out - in_flight) +
-                                               " datagrams are neither in their pool nor in flight"};
+        return Difference{
+            "datagram_lost",
+            std::to_string(out - in_flight) + " datagrams are neither in their pool nor in flight"};
     return {};
 }
 

@@ -74,9 +74,7 @@ static void on_reply(tarv_stat_t status, tarv_arp_data_t *record, void *context)
 	WARN((status == tarv_stat_ok) != !!record, "status %d with record %p\n", status, record);
 	WARN(status == tarv_stat_pending, "answered with pending\n");
 	check_record(q, status, record);
-	/* An answer that comes while its request is being made is given by the maker. */
-	tell(q, in_task() && status != tarv_stat_ok ? "answered in a process" : "answered", status,
-	     record);
+	tell(q, "answered", status, record);
 	atomic_dec(&waiting);
 }
 
