@@ -22,7 +22,8 @@ tarv_paths_t read_paths(ScriptLine& line) {
             return paths;
     if (const auto number = line.number_if("paths", 255))
         return static_cast<tarv_paths_t>(*number);
-    line.fail("\"" + line.word("none, primary or both") + "\" is neither none nor primary nor both");
+    line.fail("\"" + line.word("none, primary or both") +
+              "\" is neither none nor primary nor both");
 }
 
 /* What a script's client can do beyond one at the console. */
@@ -42,8 +43,9 @@ bool read_more_of_request(ScriptLine& line, ScriptRequest& request) {
 struct ArpWords {
     std::optional<std::uint64_t> operation, port, lid, qpn, qkey, flags, mask;
     std::optional<gx_gid_t> gid;
-    std::optional<gx_gid_t> path_from;                           // the record brings a path of its own
-    std::vector<std::pair<std::uint64_t, std::string>> replaced;  // bytes of the record, at an offset
+    std::optional<gx_gid_t> path_from;  // the record brings a path of its own
+    std::vector<std::pair<std::uint64_t, std::string>>
+        replaced;  // bytes of the record, at an offset
 };
 
 struct ArpWord {

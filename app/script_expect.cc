@@ -126,8 +126,8 @@ ScriptAction read_expect_nobody(ScriptLine& line) {
     return [](ScriptHost& host, const std::string& place) {
         for (std::size_t number = 1; const ScriptReply* const reply = host.reply(number); ++number)
             if (reply->status == tarv_stat_pending)
-                return host.fail(place, "expected nobody waiting, actual request " +
-                                            std::to_string(number));
+                return host.fail(
+                    place, "expected nobody waiting, actual request " + std::to_string(number));
     };
 }
 

@@ -16,10 +16,9 @@ namespace app {
 ScriptHost::ScriptHost(Site site, unsigned long first_jiffy, std::ostream& out, std::ostream& err)
     : out_(out),
       err_(err),
-      machine_(
-          std::move(site), {},
-          {.clock = host::Clock::virtual_time, .first_jiffy = first_jiffy},
-          [this](const host::LogLine& line) { say(hide_addresses(line.text)); }) {}
+      machine_(std::move(site), {},
+               {.clock = host::Clock::virtual_time, .first_jiffy = first_jiffy},
+               [this](const host::LogLine& line) { say(hide_addresses(line.text)); }) {}
 
 ScriptHost::~ScriptHost() {
     if (loaded())

@@ -138,8 +138,7 @@ gx_gid_t ScriptLine::gid(const char* what) {
 std::string ScriptLine::bytes(const char* what) {
     const std::string text = word(what);
     if (text.size() % 2 != 0 || text.find_first_not_of(hex_digits) != std::string::npos)
-        fail("\"" + text + "\" is no pairs of hexadecimal digits, where " + what +
-             " should stand");
+        fail("\"" + text + "\" is no pairs of hexadecimal digits, where " + what + " should stand");
     std::string result;
     for (std::size_t i = 0; i < text.size(); i += 2)
         result += static_cast<char>(*parse_digits(std::string_view(text).substr(i, 2), 16));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The table of a script's verbs, and those of them with which it acts as the module's loader, as its
-// administrator, and on the kernel and the time.
+// The table of a script's verbs, and those of them with which it acts as the module's loader, as
+// its administrator, and on the kernel and the time.
 #include "app/script_verbs.h"
 
 #include <algorithm>

@@ -66,8 +66,7 @@ app::Site site_of(int peers) {
 void resolve(benchmark::State& state) {
     const auto peers = static_cast<std::size_t>(state.range(0));
     for (auto _ : state) {
-        app::Machine machine(site_of(static_cast<int>(peers)), app::HostOptions(),
-                             host::Options{});
+        app::Machine machine(site_of(static_cast<int>(peers)), app::HostOptions(), host::Options{});
         machine.start();
         machine.switch_on();
         std::vector<u32> addresses;

@@ -70,7 +70,7 @@ bool learn(tarv_arp_data_t* record, tarv_hash_entered_t* outcome) {
 /* Moves a request, which is the caller's, on to the SA: it waits there for paths to `dgid`. */
 tarv_stat_t request_paths(tarv_list_entry_t* request, const gx_gid_t& dgid, u32 local_port_num) {
     kptr<tarv_list_entry_t> owner(request);
-    tarv_maker_t maker;
+    tarv_maker_t maker = {};
     owner->maker = &maker;
     owner->dgid = dgid;
     tarv_set_request_static_flag(request);

@@ -71,7 +71,7 @@ tarv_stat_t request_paths(const query_t& query, const tarv_arp_data_t* record) {
     const int identical =
         query.paths == tarv_paths_primary ? tarv_sa_num_identical_reqs(owner.get()) : 0;
 
-    tarv_maker_t maker;
+    tarv_maker_t maker = {};
     owner->maker = &maker;
     tarv_set_request_static_flag(owner.get());
     if (tarv_sa_add_request(owner.get()) != tarv_stat_ok) {
@@ -141,7 +141,7 @@ tarv_stat_t request_address(const query_t& query, tarv_arp_data_t* record) {
     fill_request(owner.get(), query, record);
     const int identical = tarv_num_identical_reqs(owner.get());
 
-    tarv_maker_t maker;
+    tarv_maker_t maker = {};
     owner->maker = &maker;
     tarv_set_request_static_flag(owner.get());
     if (tarv_add_arp_request(owner.get()) != tarv_stat_ok) {

@@ -43,9 +43,9 @@ class [[nodiscard]] driver_call {
     driver_call& operator=(const driver_call&) = delete;
 
     /* Null: no driver is attached, or it has no such function. */
-    send_arp_data_fn_t send_arp_data;
-    get_if_info_fn_t get_if_info;
-    void* context;
+    send_arp_data_fn_t send_arp_data = nullptr;
+    get_if_info_fn_t get_if_info = nullptr;
+    void* context = nullptr;
 };
 
 /* Makes the attachment ready, with no driver. Process context; nobody else is at it. */

@@ -72,7 +72,7 @@ struct row_t {
 
     explicit row_t(const tarv_arp_data_t& record)
         : mask(record.mask), dst_ip(record.dst_ip), qpn(record.qpn), lid(record.lid) {}
-    row_t() = default;
+    row_t() : mask(0), dst_ip(0), qpn(0), lid(0) {}
 };
 
 void put_line(char* at, const row_t& row) {

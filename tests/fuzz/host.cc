@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// Everything hostile that can come to the module: what is written to the control file, what a driver
-// hands in, answers of the SA of any content and any reported size, asked for and not.
+// Everything hostile that can come to the module: what is written to the control file, what a
+// driver hands in, answers of the SA of any content and any reported size, asked for and not.
 //
 // An input is a script in bytes. Each step becomes a line of a script, and is played before the
 // judge of the simulation, on four hosts of which we are the first: whatever comes, no rule of the
 // kernel is broken, each client has one answer, and the module does what the model says.
 //
-// Byte 0: modes and level. Then steps, each a kind (1) and its operands, as the functions below read
-// them.
+// Byte 0: modes and level. Then steps, each a kind (1) and its operands, as the functions below
+// read them.
 #include <algorithm>
 
 #include "app/script_text.h"
@@ -90,8 +90,9 @@ Player::Player(Input& input) : input_(input) {
 
 /* Looks at everything that prints the table and the requests. */
 Player::~Player() {
-    for (const char* const line : {"control dump", "control show 10.0.0.2",
-                                   "control show_paths 10.0.0.2", "control show_stat", "cat control"})
+    for (const char* const line :
+         {"control dump", "control show 10.0.0.2", "control show_paths 10.0.0.2",
+          "control show_stat", "cat control"})
         play(line);
     judge_->end(true);
     if (judge_->violation())
@@ -105,8 +106,8 @@ void Player::play(const std::string& text) {
         return;
     judge_->take(step);
     if (judge_->violation())
-        fuzz::require(false, text + ": " + judge_->violation()->name + ": " +
-                                 judge_->violation()->text);
+        fuzz::require(false,
+                      text + ": " + judge_->violation()->name + ": " + judge_->violation()->text);
 }
 
 /* Host (1), how (1). */
@@ -126,8 +127,8 @@ void Player::command() {
     std::string text = "control -n ";
     for (const char c : input_.text_until(0xFF)) {
         const auto code = static_cast<std::uint8_t>(c);
-        text += code > 0x20 && code < 0x7F && c != '\\' ? std::string(1, c)
-                                                        : "\\x" + hex({&code, 1});
+        text +=
+            code > 0x20 && code < 0x7F && c != '\\' ? std::string(1, c) : "\\x" + hex({&code, 1});
     }
     play(text);
 }
@@ -170,11 +171,9 @@ void Player::behave() {
 
 void Player::look_up() {
     play("lookup-gid " + app::format_digits(take<gx_gid_t>()));
-    play("lookup-gid " + app::format_digits(fabric::held(
-                             judge_->fabric()
-                                 .peers()
-                                 .station(judge_->fabric().hosts()[1 + byte() % 3].ip)
-                                 .gid)));
+    play("lookup-gid " +
+         app::format_digits(fabric::held(
+             judge_->fabric().peers().station(judge_->fabric().hosts()[1 + byte() % 3].ip).gid)));
 }
 
 /* Service (1), call (1). */
