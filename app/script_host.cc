@@ -98,7 +98,7 @@ void ScriptHost::resolve(const ScriptRequest& request) {
 }
 
 void ScriptHost::ask(const ScriptRequest& request) {
-    ScriptReply& made = requests_.emplace_back(this, requests_.size() + 1, request);
+    ScriptReply& made = requests_.emplace_back(ScriptReply{this, requests_.size() + 1, request});
     const std::string verb = "resolve " + std::to_string(made.number);
     if (!function<tarv_get_ib_data_fn_t>(verb, "tarv_get_ib_data_fn"))
         return;

@@ -36,7 +36,7 @@ inline u32 ip_in_bucket(u32 bucket, int n = 0) {
 /// A GID that differs from others in all its bytes' neighbourhoods: no byte repeats.
 inline gx_gid_t gid(u8 first) {
     gx_gid_t result;
-    for (u8 i = 0; i < sizeof result.raw; i++)
+    for (size_t i = 0; i < sizeof result.raw; i++)
         result.raw[i] = static_cast<u8>(first + i);
     return result;
 }
