@@ -14,7 +14,6 @@
  */
 #include <linux/completion.h>
 #include <linux/delay.h>
-#include <linux/inet.h>
 #include <linux/kthread.h>
 #include <linux/list.h>
 #include <linux/module.h>
@@ -117,10 +116,11 @@ static int ask_set(const char *text, const struct kernel_param *kp)
 	tarv_get_ib_data_fn_t *get;
 	struct request form = { .loud = true };
 	int paths, status;
-	char ip[16];
+	u8 ip[4];
 
-	if (sscanf(text, "%15s %d", ip, &paths) != 2 || !in4_pton(ip, -1, (u8 *)&form.ip, -1, NULL))
+	if (sscanf(text, "%hhu.%hhu.%hhu.%hhu %d", &ip[0], &ip[1], &ip[2], &ip[3], &paths) != 5)
 		return -EINVAL;
+	memcpy(&form.ip, ip, sizeof(form.ip));
 	form.paths = paths;
 	get = (tarv_get_ib_data_fn_t *)inter_module_get("tarv_get_ib_data_fn");
 	if (!get)
