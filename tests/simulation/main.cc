@@ -27,6 +27,7 @@ struct Options {
     std::uint64_t lines = 0;  // 0: not given
     double minutes = 0;       // 0: not given
     std::vector<std::string> scripts;
+    bool as_it_is = false;  // a violation's script is not made shorter
     bool failures = false;
     FailureOptions of_failures;
 };
@@ -47,6 +48,16 @@ void print_summary(const std::string& name, const Result& result) {
 void print_counts(const Result& result) {
     for (std::size_t i = 0; i < result.counts.number.size(); ++i)
         std::printf("  %-44s %12lu\n", count_names[i], result.counts.number[i]);
+}
+
+void print_shortest(std::uint64_t seed, const Result& result) {
+    std::printf("\nseed %" PRIu64 ", world %" PRIu64
+                "; the shortest script, for tarv-host script:\n\n",
+                seed, result.world);
+    const std::size_t last_lines = Chooser(seed, result.world).last_lines().size();
+    for (const std::string& line :
+         shrink(make_lines(seed, result.world), last_lines, *result.violation))
+        std::printf("%s\n", line.c_str());
 }
 
 int run_seeds(const Options& options) {
@@ -70,13 +81,8 @@ int run_seeds(const Options& options) {
             print_counts(result);
         if (!result.violation)
             continue;
-        std::printf("\nseed %" PRIu64 ", world %" PRIu64
-                    "; the shortest script, for tarv-host script:\n\n",
-                    seed, result.world);
-        for (const std::string& line :
-             shrink(make_lines(seed, result.world), Chooser(seed, result.world).last_lines().size(),
-                    *result.violation))
-            std::printf("%s\n", line.c_str());
+        if (!options.as_it_is)
+            print_shortest(seed, result);
         return 1;
     }
     return 0;
