@@ -86,9 +86,7 @@ Visitor meet_once_at(const void* lock, Meeting& meeting) {
 Tally drive_static_path(Site& site, unsigned rounds) {
     enum Kind { in_between, at_the_lock, at_will };
     Tally tally;
-    Meeting asked;
-    Meeting set;
-    Meeting locks;
+    Meeting asked, set, locks;
     std::atomic<unsigned> now = 0;
     std::atomic<bool> racing = false;
     std::atomic<bool> key_is_known = true;

@@ -191,15 +191,25 @@ Calling calling_in(unsigned round) {
     return static_cast<Calling>(round % 4);
 }
 
+/* The lock at which the caller meets who detaches; null: elsewhere. */
+const void* lock_met_in(unsigned round) {
+    switch (calling_in(round)) {
+        case Calling::soon:
+            return &tarv_rl_lock;
+        case Calling::at_once:
+            return &driver_lock;
+        default:
+            return nullptr;
+    }
+}
+
 }  // namespace
 
 /* The driver goes and another one comes while a request is made or a packet taken in. The caller is
  * held until the detaching has come to wait for it, or has not waited. */
 Tally drive_driver_change(Site& site, unsigned rounds) {
     Tally tally;
-    Meeting held;
-    Meeting leaving;
-    Meeting lock_of_driver;
+    Meeting held, leaving, lock_of_driver;
     Calling calling = Calling::soon;
     const auto hold = [&] {
         held.arrive();
@@ -219,12 +229,10 @@ Tally drive_driver_change(Site& site, unsigned rounds) {
         [&](unsigned round) {
             bool met = false;
             const AtMyDoor door(Door::lock, [&](const void* lock) {
-                const bool soon = calling_in(round) == Calling::soon && lock == &tarv_rl_lock;
-                const bool at_once = calling_in(round) == Calling::at_once && lock == &driver_lock;
-                if (met || (!soon && !at_once))
+                if (met || lock != lock_met_in(round))
                     return;
                 met = true;
-                soon ? hold() : lock_of_driver.arrive();
+                lock == &tarv_rl_lock ? hold() : lock_of_driver.arrive();
             });
             if (calling_in(round) == Calling::info)
                 hear(site, round % peer_count, round);
@@ -240,10 +248,8 @@ Tally drive_driver_change(Site& site, unsigned rounds) {
                 lock_of_driver.arrive();
             });
             const AtMyDoor door(Door::idle, [&](const void*) {
-                if (waits)
-                    return;
-                waits = true;
-                leaving.arrive();
+                if (!std::exchange(waits, true))
+                    leaving.arrive();
             });
             if (!waits)
                 held.arrive();
