@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <functional>
+#include <utility>
 
 #include "host/check.h"
 #include "platform/atomic.h"

@@ -131,6 +131,8 @@ void declare(CLI::App& program, Options& options) {
                     "End after so long, between two worlds of some thousand lines")
         ->type_name("M")
         ->check(CLI::NonNegativeNumber.description(""));
+    program.add_flag("--as-it-is", options.as_it_is,
+                     "Do not look for a violation's shortest script");
     auto* const scripts =
         program.add_option("SCRIPT", options.scripts, "Play these instead; - is standard input");
     auto* const failures =
