@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "host/check.h"
+#include "host/kernel.h"
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-sa-private.h"
 #include "tests/races/doors.h"
@@ -246,6 +247,8 @@ Tally drive_answer_before_send_ends(Site& site, unsigned rounds) {
     for (unsigned round = 0; round < rounds; round++) {
         know(site, round % peer_count, round & ~1u);
         Request& request = new_request();
+        // The pass of the answer before lets go of the lock once more when it ends.
+        host::Kernel::current().settle();
         looked_for = false;
         posted = false;
         {
