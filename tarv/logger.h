@@ -37,8 +37,9 @@ inline bool tarv_log_enabled(tarv_log_level_t level) {
     return read_once(logger_trace_level) >= level && read_once(TARV_trace_level) >= level;
 }
 
-/* A line of the function `name`, for helpers that do a part of its work. A file names such a
- * function once, as it does its unit, and gives that constant here. */
+/* A line of the function `name`, for helpers that do a part of its work: to whoever reads the log
+ * it is one function. A helper of one function has its name from a constant of the file; a helper
+ * of several is told by its caller, with __func__. */
 #define TARV_LOG_FROM(name, level, format, ...)                                            \
     do {                                                                                   \
         if (tarv_log_enabled(level))                                                       \
@@ -47,6 +48,9 @@ inline bool tarv_log_enabled(tarv_log_level_t level) {
     } while (0)
 
 #define TARV_LOG(level, format, ...) TARV_LOG_FROM(__func__, level, format, ##__VA_ARGS__)
+
+/* The name of a function of the module, which has to exist. */
+#define TARV_NAME_OF(function) (static_cast<void>(sizeof(&(function))), #function)
 
 /* The four bytes of an IPv4 address in memory order, as arguments for a format. */
 #define TARV_IP_BYTES(ip) ((ip)&0xFF), ((ip) >> 8 & 0xFF), ((ip) >> 16 & 0xFF), ((ip) >> 24 & 0xFF)

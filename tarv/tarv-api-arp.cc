@@ -14,8 +14,7 @@ namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
 
-/* The intake is one function to whoever reads the log. */
-constexpr char intake[] = "tarv_process_arp_data";
+constexpr const char* intake = TARV_NAME_OF(tarv_process_arp_data);
 
 /* The verbs layer numbers ports with 8 bits; what does not fit is no port. */
 u8 port_number(u32 local_port_num) {

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
-constexpr char reading[] = "tarv_proc_read";
+constexpr const char* reading = TARV_NAME_OF(tarv_proc_read);
 
 /* Held for a whole write, so that the buffers and the commands have one user at a time. */
 constinit semaphore tarv_proc_write_cmd = {};

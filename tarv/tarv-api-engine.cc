@@ -10,7 +10,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
-constexpr char event[] = "tarv_async_event_cb";
+constexpr const char* event = TARV_NAME_OF(tarv_async_event_cb);
 
 /* What other modules find by name. */
 struct api_name_t {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
 
-constexpr char intake[] = "tarv_process_path_rec_data";
+constexpr const char* intake = TARV_NAME_OF(tarv_process_path_rec_data);
 
 /* Answers requests whose paths are in the cache, and frees them. */
 void complete_requests(list_head& found_head, tarv_hash_entry_t* scratch) {

@@ -15,8 +15,7 @@ namespace {
 
 constexpr char tarv_unit[] = "tarv_api";
 
-/* The decision is one function to whoever reads the log. */
-constexpr char decision[] = "__tarv_get_ib_data";
+constexpr const char* decision = TARV_NAME_OF(__tarv_get_ib_data);
 
 /* Requests that may wait for one answer before further ones stop asking for it again. */
 constexpr int max_identical_requests = 3;

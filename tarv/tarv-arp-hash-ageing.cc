@@ -11,6 +11,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_arp_hash";
+constexpr const char* handler = TARV_NAME_OF(tarv_garbage_collector_timer_handler);
 
 constexpr unsigned long ageing_period = 15000;  // ticks
 
@@ -38,13 +39,12 @@ bool has_idled_out(const tarv_hash_entry_t* entry, const ageing_t& run) {
 }
 
 void tell(const tarv_hash_entry_t* entry) {
-    TARV_LOG_FROM("tarv_garbage_collector_timer_handler", TARV_DEBUG,
-                  "Arp entry with IP: %08X timeouted and was removed.\n", entry->arp_data.dst_ip);
+    TARV_LOG_FROM(handler, TARV_DEBUG, "Arp entry with IP: %08X timeouted and was removed.\n",
+                  entry->arp_data.dst_ip);
 }
 
 /* The run as it can be followed in the log: bucket after bucket, entry after entry. */
 void trace_ageing(const ageing_t& run) TA_REQ(tarv_lock) {
-    constexpr char handler[] = "tarv_garbage_collector_timer_handler";
     for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++) {
         TARV_LOG_FROM(handler, TARV_FUNC, "Checking Bucket: %d\n", bucket);
         tarv_hash_link_t link = &tarv_table.hash_buckets[bucket];

@@ -11,8 +11,7 @@ namespace {
 
 constexpr char tarv_unit[] = "tarv_arp_hash";
 
-/* The rewrite is one function to whoever reads the log. */
-constexpr char rewrite[] = "tarv_change_path_pkey";
+constexpr const char* rewrite = TARV_NAME_OF(tarv_change_path_pkey);
 
 /* Entries of a port's P_Key table that are looked at. */
 constexpr int scanned_pkeys = 5;

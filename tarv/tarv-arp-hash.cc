@@ -12,6 +12,8 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_arp_hash";
+constexpr const char* lookup = TARV_NAME_OF(tarv_hash_seq_cache_lookup);
+constexpr const char* update = TARV_NAME_OF(tarv_hash_update_ib_data);
 
 /* 2^17 and 2^16 heads: the addresses of one subnet have no two under one head, and those of a full
  * fabric in all its subnets few. */
@@ -64,7 +66,6 @@ tarv_hash_entry_t* find_unprotected(u32 req_ip) TA_REQ_SHARED(tarv_lock) {
 
 /* Finds by GID as the index does, by a walk that can be followed in the log. */
 tarv_hash_entry_t* trace_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
-    constexpr char lookup[] = "tarv_hash_seq_cache_lookup";
     for (u32 bucket = 0; bucket < TARV_HASH_BUCKETS; bucket++) {
         TARV_LOG_FROM(lookup, TARV_FUNC, "Checking Bucket: %d\n", bucket);
         for (tarv_hash_entry_t* entry = tarv_table.hash_buckets[bucket]; entry;
@@ -78,7 +79,7 @@ tarv_hash_entry_t* trace_gid(const gx_gid_t& gid) TA_REQ_SHARED(tarv_lock) {
     return nullptr;
 }
 
-/* The entry becomes the first of its chain. */
+/* Stamps the entry, which becomes the first of its chain. */
 void link_in(tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
     KASSERT(write_is_held(&tarv_lock) && !entry->link);
     const u32 address = entry->arp_data.dst_ip;
@@ -89,6 +90,7 @@ void link_in(tarv_hash_entry_t* entry) TA_REQ(tarv_lock) {
     if (entry->next)
         entry->next->link = &entry->next;
     *head = entry;
+    entry->timestamp = jiffies();
     entry->number = ++last_number;
     by_address.enter(entry, tarv_address_hash(address));
     by_gid.enter(entry);
@@ -118,8 +120,15 @@ void copy_entry(const tarv_hash_entry_t* entry, tarv_hash_entry_t* out) TA_REQ_S
     out->timestamp = read_once(entry->timestamp);
 }
 
-/* The record becomes the entry's. */
-void replace(tarv_hash_entry_t* entry, const tarv_arp_data_t& record) TA_REQ(tarv_lock) {
+/* The record becomes that of the newest entry of the address that may be replaced; false: there is
+ * none. */
+bool replace(u32 req_ip, const tarv_arp_data_t& record) TA_REQ(tarv_lock) {
+    tarv_hash_entry_t* const entry = find_unprotected(req_ip);
+    if (!entry)
+        return false;
+    TARV_LOG_FROM(update, TARV_DEBUG, "IP: %08X found.\n", req_ip);
+    // In a chain, or under a head, of another address nobody would find it again.
+    KASSERT(record.dst_ip == req_ip);
     const bool moves = !(entry->arp_data.gid == record.gid);
     if (moves)
         by_gid.remove(entry);
@@ -129,6 +138,7 @@ void replace(tarv_hash_entry_t* entry, const tarv_arp_data_t& record) TA_REQ(tar
     if (moves)
         by_gid.enter(entry);
     touch(entry);
+    return true;
 }
 
 /* The record holds a valid path that starts at the local port with that GID. */
@@ -208,7 +218,6 @@ void tarv_hash_destroy() {
 }
 
 tarv_stat_t tarv_hash_add_entry(tarv_hash_entry_t* entry) {
-    entry->timestamp = jiffies();
     const write_guard guard(tarv_lock);
     link_in(entry);
     return tarv_stat_ok;
@@ -251,12 +260,7 @@ tarv_stat_t tarv_hash_remove_entry(u32 req_ip, tarv_hash_entry_t** out) {
 
 tarv_stat_t tarv_hash_update_ib_data(u32 req_ip, tarv_arp_data_t* record) {
     const write_guard guard(tarv_lock);
-    tarv_hash_entry_t* const entry = find_unprotected(req_ip);
-    if (!entry)
-        return tarv_stat_not_found;
-    TARV_LOG(TARV_DEBUG, "IP: %08X found.\n", req_ip);
-    replace(entry, *record);
-    return tarv_stat_ok;
+    return replace(req_ip, *record) ? tarv_stat_ok : tarv_stat_not_found;
 }
 
 tarv_hash_entered_t tarv_hash_enter(tarv_arp_data_t* record, tarv_hash_rule_t rule,
@@ -264,18 +268,14 @@ tarv_hash_entered_t tarv_hash_enter(tarv_arp_data_t* record, tarv_hash_rule_t ru
     // To whoever reads the log these are separate steps, each with a name of its own.
     const u32 address = record->dst_ip;
     const write_guard guard(tarv_lock);
-    if (rule == tarv_hash_replace) {
-        if (tarv_hash_entry_t* const known = find_unprotected(address)) {
-            TARV_LOG_FROM("tarv_hash_update_ib_data", TARV_DEBUG, "IP: %08X found.\n", address);
-            replace(known, *record);
-            return tarv_hash_replaced;
-        }
-    }
+    const bool replaces = rule == tarv_hash_replace;
+    if (replaces && replace(address, *record))
+        return tarv_hash_replaced;
     if (tarv_hash_entry_t* const known = find(address)) {
         TARV_LOG_FROM(
-            rule == tarv_hash_replace ? "tarv_hash_get_entry_data" : "tarv_hash_get_entry",
+            replaces ? TARV_NAME_OF(tarv_hash_get_entry_data) : TARV_NAME_OF(tarv_hash_get_entry),
             TARV_DEBUG, "IP: %08X found.\n", address);
-        if (rule == tarv_hash_replace)
+        if (replaces)
             copy_record(known, record);
         touch(known);
         return tarv_hash_refused;
@@ -284,7 +284,6 @@ tarv_hash_entered_t tarv_hash_enter(tarv_arp_data_t* record, tarv_hash_rule_t ru
         return tarv_hash_wants_entry;
     entry->arp_data = *record;
     tarv_aim_paths(&entry->arp_data);
-    entry->timestamp = jiffies();
     link_in(entry);
     return tarv_hash_added;
 }

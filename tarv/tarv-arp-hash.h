@@ -2,9 +2,9 @@
 //
 // The address cache: one table of address records keyed by the peer's IPv4 address.
 //
-// Ownership: an entry is made and filled by a caller and belongs to the table from
-// tarv_hash_add_entry on. The table frees what it purges and what it ages out;
-// tarv_hash_remove_entry hands an entry back. The table never allocates.
+// Ownership: an entry is made by a caller and belongs to the table from the moment that it is
+// added. The table frees what it purges and what it ages out; tarv_hash_remove_entry hands an entry
+// back. The table never allocates.
 //
 // Duplicates: tarv_hash_add_entry does not refuse a second entry for an address. A new entry goes
 // to the head of its chain and lookups take the first match, so the newest entry hides older ones
@@ -39,11 +39,10 @@ struct tarv_hash_entry_st {
     tarv_hash_entry_st* next;  // in the chain of its bucket
     list_head list_struct;     // not used
     tarv_arp_data_t arp_data;  // dst_ip is the key
-    unsigned long
-        timestamp;  // jiffies of the last use; stored also by readers, hence with write_once
+    unsigned long timestamp;   // jiffies of the last use; readers store it too, with write_once
 
-    /* The table's own: where it finds the entry without a walk. A hit by address reads only the
-     * first of them, which shares a cache line with the time stamp. */
+    /* The table's own: where it finds the entry without a walk. A search by address reads only the
+     * first of them, and that only when it goes past the entry. */
     tarv_hash_entry_st* next_by_address;  // under the same head
     tarv_hash_entry_st** link;            // what points at the entry in its chain
     order_links_t<tarv_hash_entry_st> by_gid;

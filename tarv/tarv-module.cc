@@ -32,7 +32,23 @@ void print_banner() {
     printk("%s\n", module_id + keyword_length);
 }
 
-bool create_control_file() {
+bool start_engine() {
+    return tarv_init() == tarv_stat_ok;
+}
+
+/* Without a version file the module serves all the same. */
+bool make_version_record() {
+    module_version_init(module_name, "1.21",
+                        "$Name: IB_CODE_DRAVONIK_V4_355_BR_V355_01_20060112 $");
+    return true;
+}
+
+void remove_version_record() {
+    module_version_exit(module_name);
+}
+
+bool make_control_file() {
+    tarv_proc_start();
     tarv_proc_entry = create_proc_entry(control_path, 0644, nullptr);
     if (!tarv_proc_entry)
         return false;
@@ -41,6 +57,39 @@ bool create_control_file() {
     tarv_proc_entry->write_proc = tarv_proc_write;
     tarv_proc_entry->owner = this_module();
     return true;
+}
+
+void remove_control_file() {
+    remove_proc_entry(control_path, nullptr);
+    tarv_proc_entry = nullptr;
+    tarv_proc_stop();
+}
+
+/* Where there is no level to be bound to, the module logs nothing. */
+bool bind_trace_level() {
+    tarv_log_bind();
+    return true;
+}
+
+/* The steps of a load, in their order. What was done is undone in the reverse order, by a load that
+ * fails and by the unload. */
+struct load_step_t {
+    bool (*load)();
+    void (*undo)();
+    const char* failure;  // in the log
+    int result;           // what the load returns then
+};
+constexpr load_step_t load_steps[] = {
+    {start_engine, tarv_destroy, "Error initializing tarv module.\n", -1},
+    {make_version_record, remove_version_record, nullptr, 0},
+    {make_control_file, remove_control_file, "Error creating /proc entry.\n", -12},
+    {bind_trace_level, tarv_log_unbind, nullptr, 0},
+};
+constexpr u32 load_step_count = sizeof load_steps / sizeof load_steps[0];
+
+void undo_load(u32 done) {
+    while (done-- > 0)
+        load_steps[done].undo();
 }
 
 const module_param_t params[] = {
@@ -75,28 +124,16 @@ const module_info_t tarv_module = {
 int tarv_module_init() {
     print_banner();
     write_once(TARV_trace_level, 0);
-    if (tarv_init() != tarv_stat_ok) {
-        TARV_LOG(TARV_ERROR, "Error initializing tarv module.\n");
-        return -1;
+    for (u32 done = 0; done < load_step_count; done++) {
+        if (load_steps[done].load())
+            continue;
+        TARV_LOG(TARV_ERROR, "%s", load_steps[done].failure);
+        undo_load(done);
+        return load_steps[done].result;
     }
-    module_version_init(module_name, "1.21",
-                        "$Name: IB_CODE_DRAVONIK_V4_355_BR_V355_01_20060112 $");
-    tarv_proc_start();
-    if (!create_control_file()) {
-        TARV_LOG(TARV_ERROR, "Error creating /proc entry.\n");
-        module_version_exit(module_name);
-        tarv_destroy();
-        return -12;
-    }
-    tarv_log_bind();
     return 0;
 }
 
 void tarv_module_exit() {
-    tarv_log_unbind();
-    remove_proc_entry(control_path, nullptr);
-    tarv_proc_entry = nullptr;
-    tarv_proc_stop();
-    module_version_exit(module_name);
-    tarv_destroy();
+    undo_load(load_step_count);
 }

@@ -8,6 +8,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_req_list";
+constexpr const char* handler = TARV_NAME_OF(tarv_req_timer_handler);
 
 constexpr u32 arp_timeout = 1000;  // ticks
 
@@ -16,7 +17,6 @@ constinit pending_places_t<15> places TA_GUARDED(tarv_rl_lock) = {};
 
 /* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
 void trace_due(tarv_found_list& timed_out) TA_EXCL(tarv_rl_lock) {
-    constexpr char handler[] = "tarv_req_timer_handler";
     const spin_guard guard(tarv_rl_lock);
     for (tarv_list_entry_t* entry : tarv_request_list(requests.head)) {
         TARV_LOG_FROM(handler, TARV_FUNC, "Checking request entry: <0x%p>\n",

@@ -10,8 +10,9 @@ namespace {
 
 constexpr char tarv_unit[] = "tarv_sa";
 
-/* The build is one function to whoever reads the log. */
-constexpr char build[] = "tarv_sa_build_multi_path_rec_query_mad";
+constexpr const char* build = TARV_NAME_OF(tarv_sa_build_multi_path_rec_query_mad);
+constexpr const char* parse = TARV_NAME_OF(tarv_sa_parse_path_rec_query_mad_reply);
+constexpr const char* receive = TARV_NAME_OF(tarv_sa_recv_done_cb);
 
 /* Components of a MultiPathRecord that every query selects, and the bit of the first GID in the
  * list when the mask is read as a little-endian number. */
@@ -98,23 +99,22 @@ void build_query(sa_mad_v2_rmpp_payload_t* block, int sgid_count, int dgid_count
 }
 
 /* The answer is one to a path query, and a good one. */
-bool is_path_answer(const gsi_dtgrm_t* dtgrm, const char* function) {
+bool is_path_answer(const gsi_dtgrm_t* dtgrm) {
     const auto* header = reinterpret_cast<const mad_hdr_t*>(dtgrm->mad);
     if (header->base_ver != MAD_BASE_VERSION || header->mgt_class != SA_MGT_CLASS ||
         header->class_ver != SA_CLASS_VERSION) {
-        TARV_LOG_FROM(function, TARV_WARNING,
+        TARV_LOG_FROM(parse, TARV_WARNING,
                       "Invalid base version<%d>, mgmt class<%d> or class version<%d>\n",
                       header->base_ver, header->mgt_class, header->class_ver);
         return false;
     }
     if (header->attrib_id != SA_ATTR_MULTI_PATH_RECORD) {
-        TARV_LOG_FROM(function, TARV_WARNING, "Invalid attribute ID. <0x%04X>\n",
-                      header->attrib_id);
+        TARV_LOG_FROM(parse, TARV_WARNING, "Invalid attribute ID. <0x%04X>\n", header->attrib_id);
         return false;
     }
     const u16 status = __builtin_bswap16(header->status);
     if (status != 0) {
-        TARV_LOG_FROM(function, TARV_DEBUG, "Incoming mad has an error status <0x%X> -> dropped.\n",
+        TARV_LOG_FROM(parse, TARV_DEBUG, "Incoming mad has an error status <0x%X> -> dropped.\n",
                       status);
         return false;
     }
@@ -122,14 +122,14 @@ bool is_path_answer(const gsi_dtgrm_t* dtgrm, const char* function) {
 }
 
 /* Finds the local port at which the answer's first path starts and hands the answer on. */
-void deliver(ib_path_record_v2_t* paths, int path_count, u32 arrival_port, const char* function) {
+void deliver(ib_path_record_v2_t* paths, int path_count, u32 arrival_port) {
     const gx_gid_t sgid = paths[0].sgid;
     const int port_count = read_once(tarv_sa_g.port_count);
     for (int n = 1; n <= port_count; n++) {
         const gx_gid_t gid = sa_read_gid(tarv_sa_g.ports[n - 1]);
-        TARV_LOG_FROM(function, TARV_DEBUG, "Check     SGID: 0x%08LX%08LX port: %d, SLID:%d\n\n",
+        TARV_LOG_FROM(receive, TARV_DEBUG, "Check     SGID: 0x%08LX%08LX port: %d, SLID:%d\n\n",
                       gid_high(sgid), gid_low(sgid), n, paths[0].slid);
-        TARV_LOG_FROM(function, TARV_DEBUG, "Local port GID: 0x%08LX%08LX port: %d\n\n",
+        TARV_LOG_FROM(receive, TARV_DEBUG, "Local port GID: 0x%08LX%08LX port: %d\n\n",
                       gid_high(gid), gid_low(gid), n);
         if (!(gid == sgid))
             continue;
@@ -137,7 +137,7 @@ void deliver(ib_path_record_v2_t* paths, int path_count, u32 arrival_port, const
             new_path_cb(paths, path_count, arrival_port);
         return;
     }
-    TARV_LOG_FROM(function, TARV_DEBUG,
+    TARV_LOG_FROM(receive, TARV_DEBUG,
                   "SGID of the incoming PATH_RECORD_REPLY does not match any of the local ports "
                   "gids.\n");
 }
@@ -219,8 +219,7 @@ void tarv_sa_recv_done_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
     ib_path_record_v2_t new_path[TARV_MAX_PATHS];
     int path_count = TARV_MAX_PATHS;
     if (tarv_sa_parse_path_rec_query_mad_reply(dtgrm, new_path, &path_count) == tarv_stat_ok)
-        deliver(new_path, path_count, static_cast<u32>(reinterpret_cast<unsigned long>(context)),
-                __func__);
+        deliver(new_path, path_count, static_cast<u32>(reinterpret_cast<unsigned long>(context)));
     else
         TARV_LOG(TARV_DEBUG, "Error processing the incoming MAD\n");
     gsi_dtgrm_pool_put(dtgrm);
@@ -228,7 +227,7 @@ void tarv_sa_recv_done_cb(gsi_class_handle_t, void* context, gsi_dtgrm_t* dtgrm)
 
 tarv_stat_t tarv_sa_parse_path_rec_query_mad_reply(gsi_dtgrm_t* dtgrm,
                                                    ib_path_record_v2_t* new_path, int* path_count) {
-    if (!is_path_answer(dtgrm, __func__))
+    if (!is_path_answer(dtgrm))
         return tarv_stat_error;
     int paysize = 0;
     const auto* block =

@@ -12,6 +12,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_sa";
+constexpr const char* set_up = TARV_NAME_OF(tarv_sa_init);
 
 constexpr u32 datagrams_per_port = 1000;
 
@@ -121,7 +122,7 @@ void commit(int port_num, const setup_t& setup) TA_EXCL(tarv_sa_lock) {
     write_once(port.gsi_class_handle, setup.gsi_class_handle);
     write_once(port.gsi_pool_handle, setup.gsi_pool_handle);
     write_once(port.is_valid, 1);
-    TARV_LOG_FROM("tarv_sa_init", TARV_DEBUG,
+    TARV_LOG_FROM(set_up, TARV_DEBUG,
                   "gid:0x%LX,0x%LX, p_key:%X, sm_lid:%d,\ngsi_class_handle:%p, "
                   "gsi_pool_handle:%p\n",
                   gid_high(setup.gid), gid_low(setup.gid), setup.p_key, setup.sm_lid,
