@@ -60,10 +60,10 @@ gx_gid_t our_gid() {
 }
 
 /// A host whose cache knows all peers, with both their paths from our port, and on both of whose
-/// lists a request waits for each of them.
+/// lists a request waits for each of them, or all of these requests for one peer.
 class Full {
   public:
-    explicit Full(u32 peers) {
+    Full(u32 peers, bool all_for_one) {
         write_once(halted, 0);
         write_once(get_data_retry, 0);
         arp_cache_timeout_sec = 1'000'000'000;
@@ -75,8 +75,8 @@ class Full {
         for (const u32 n : shuffled(peers))
             tarv_hash_add_entry(make_entry(n));
         for (const u32 n : shuffled(peers, 2)) {
-            tarv_add_arp_request(make_request(n));
-            tarv_sa_add_request(make_request(n));
+            tarv_add_arp_request(make_request(all_for_one ? 0 : n));
+            tarv_sa_add_request(make_request(all_for_one ? 0 : n));
         }
     }
     ~Full() {
@@ -123,6 +123,22 @@ void time_out(void (*handler)(unsigned long), timer_list& timer) {
     del_timing_sync(&timer);
 }
 
+void hear_one() {
+    list_head found;
+    tarv_find_and_move_arp_requests_to_list(peer_ip(0), &found);
+    while (tarv_list_entry_t* const request = tarv_found_list(found).pop())
+        tarv_free_request(request);
+}
+
+/// One path, where all want two: all are tried and go back.
+void answer_one() {
+    list_head found;
+    ib_path_record_v2_t path = {};
+    path.dgid = peer_gid(0);
+    require(tarv_sa_find_and_move_requests_to_list(&path, 1, 1, &found) == tarv_stat_not_found,
+            "one path was enough");
+}
+
 /// What taking all entries out of the chains and indexes costs by itself, in the order in which the
 /// chains have them.
 void unlink_all() {
@@ -145,6 +161,7 @@ void unlink_all() {
 struct Path {
     const char* name;
     void (*run)();
+    bool all_for_one = false;
 };
 
 constexpr Path paths[] = {
@@ -155,6 +172,8 @@ constexpr Path paths[] = {
     {"flush", [] { tarv_hash_remove_all(); }},
     {"cache_destroy", [] { tarv_hash_destroy(); }},
     {"bare_unlinking", unlink_all},
+    {"arp_answer_for_all", hear_one, true},
+    {"sa_answer_for_all", answer_one, true},
     {"arp_destroy", [] { tarv_req_list_destroy(); }},
     {"sa_destroy", [] { tarv_sa_req_list_destroy(); }},
     {"arp_timer_all_due", [] { time_out(tarv_req_timer_handler, tarv_req_timer); }},
@@ -173,7 +192,7 @@ constexpr Path paths[] = {
 
 void hold(benchmark::State& state, const Path& path) {
     for (auto _ : state) {
-        const Full full(static_cast<u32>(state.range(0)));
+        const Full full(static_cast<u32>(state.range(0)), path.all_for_one);
         longest = 0;
         path.run();
         state.SetIterationTime(longest);

@@ -8,6 +8,7 @@
 namespace {
 
 constexpr char tarv_unit[] = "tarv_sa_req_list";
+constexpr const char* handler = TARV_NAME_OF(tarv_sa_req_timer_handler);
 
 constexpr u32 sa_timeout = 3000;  // ticks
 
@@ -38,7 +39,6 @@ constinit sa_places_t places TA_GUARDED(tarv_sa_rl_lock) = {};
 
 /* Takes the due requests off the list in a walk over all of it that can be followed in the log. */
 void trace_due(tarv_found_list& timed_out) TA_EXCL(tarv_sa_rl_lock) {
-    constexpr char handler[] = "tarv_sa_req_timer_handler";
     const spin_guard guard(tarv_sa_rl_lock);
     for (tarv_list_entry_t* entry : tarv_request_list(sa_requests.head)) {
         TARV_LOG_FROM(handler, TARV_FUNC, "Checking sa request entry: <0x%p>, static flag:%d\n",
@@ -91,9 +91,12 @@ void leave_answer(tarv_maker_t* maker, const ib_path_record_v2_t* paths, int pat
         maker->answer.paths[i] = paths[i];
 }
 
-/* Sets the requests for the answer's GID aside, the oldest first. */
-void set_aside_for(const ib_path_record_v2_t* paths, int path_count, tarv_found_list& found)
-    TA_REQ(tarv_sa_rl_lock) {
+/* Sets a piece of the requests for the answer's GID aside, newest first; whether there may be more.
+ * The next piece begins at the newest again, and comes past the busy ones once more. */
+bool set_piece_aside(const ib_path_record_v2_t* paths, int path_count, tarv_found_list& tried)
+    TA_EXCL(tarv_sa_rl_lock) {
+    const spin_guard guard(tarv_sa_rl_lock);
+    u32 count = 0;
     tarv_list_entry_t* older = nullptr;
     for (tarv_list_entry_t* entry = places.by_dgid.newest(paths[0].dgid); entry; entry = older) {
         older = places.by_dgid.older(entry);
@@ -102,28 +105,32 @@ void set_aside_for(const ib_path_record_v2_t* paths, int path_count, tarv_found_
             continue;
         }
         pending_set_aside(sa_requests, places, entry);
-        found.push(entry);
+        tried.push(entry);
+        if (++count == pending_piece)
+            return true;
     }
+    return false;
 }
 
-/* Ends the setting aside: those that the answer did not satisfy go back to the list, or to
- * `unanswered`, for their last word, when nobody may wait any more. */
-void put_back_unsatisfied(tarv_found_list& found, tarv_found_list& unanswered)
-    TA_REQ(tarv_sa_rl_lock) {
-    for (tarv_list_entry_t* entry : found) {
-        if (!entry->not_valid) {
-            pending_let_go(entry);
-            continue;
-        }
-        tarv_found_list::unlink(entry);
+/* Ends the setting aside for a piece: those that the answer satisfied are `found`, the others go
+ * back to the list, or to `unanswered`, for their last word, when nobody may wait any more. */
+bool end_piece_of_trial(tarv_found_list& tried, tarv_found_list& found, tarv_found_list& unanswered)
+    TA_EXCL(tarv_sa_rl_lock) {
+    const spin_guard guard(tarv_sa_rl_lock);
+    for (u32 count = 0; count < pending_piece; count++) {
+        tarv_list_entry_t* const entry = tried.pop();
+        if (!entry)
+            return false;
+        const bool is_satisfied = !entry->not_valid;
         entry->not_valid = 0;
-        if (!read_once(halted)) {
+        if (!is_satisfied && !read_once(halted)) {
             pending_link(sa_requests, places, entry);
             continue;
         }
         pending_let_go(entry);
-        unanswered.push_back(entry);
+        (is_satisfied ? found : unanswered).push_back(entry);
     }
+    return true;
 }
 
 }  // namespace
@@ -193,11 +200,14 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
                                                    u32, list_head* found_list) {
     INIT_LIST_HEAD(found_list);
     tarv_found_list found(*found_list);
-    {
-        const spin_guard guard(tarv_sa_rl_lock);
-        set_aside_for(new_path, path_count, found);
+    list_head tried_head, unanswered_head;
+    INIT_LIST_HEAD(&tried_head);
+    INIT_LIST_HEAD(&unanswered_head);
+    tarv_found_list tried(tried_head);
+    tarv_found_list unanswered(unanswered_head);
+    while (set_piece_aside(new_path, path_count, tried)) {
     }
-    for (tarv_list_entry_t* entry : found) {
+    for (tarv_list_entry_t* entry : tried) {
         const tarv_stat_t status = tarv_hash_update_paths(entry->req_ip, new_path, path_count,
                                                           entry->requested_paths, nullptr);
         if (status == tarv_stat_ok)
@@ -206,12 +216,7 @@ tarv_stat_t tarv_sa_find_and_move_requests_to_list(ib_path_record_v2_t* new_path
         if (status != tarv_stat_not_found)
             TARV_LOG(TARV_ERROR, "tarv_hash_update_paths() failed. returned %d\n", status);
     }
-    list_head unanswered_head;
-    INIT_LIST_HEAD(&unanswered_head);
-    tarv_found_list unanswered(unanswered_head);
-    {
-        const spin_guard guard(tarv_sa_rl_lock);
-        put_back_unsatisfied(found, unanswered);
+    while (end_piece_of_trial(tried, found, unanswered)) {
     }
     while (tarv_list_entry_t* entry = unanswered.pop())
         pending_give_last_word(entry);

@@ -202,10 +202,12 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
     trace(TARV_PANIC);
     tarv_list_entry_t* next = request("c");
     list.add(next);
-    kernel.advance(list.limit - 1);
     tarv_list_entry_t* busy = request("b");
     tarv_set_request_static_flag(busy);
     list.add(busy);
+    kernel.advance(list.limit - 1);
+    tarv_list_entry_t* young = request("d");
+    list.add(young);
     trace(TARV_FUNC);
     kernel.advance(1);
     const std::string fn = arp ? "F tarv_req_timer_handler: " : "F tarv_sa_req_timer_handler: ";
@@ -216,9 +218,10 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
     const std::string retried =
         "D tarv_api/tarv_retry_ib_data_request: "
         "maximum number of retries. stopped trying.";
-    Lines expected = {host::kformat(checking.c_str(), busy, 1),
-                      host::kformat(checking.c_str(), next, 0), fn + "\t\t-> timeouted!",
-                      host::kformat(checking.c_str(), due, 0), fn + "\t\t-> timeouted!"};
+    Lines expected = {
+        host::kformat(checking.c_str(), young, 0), host::kformat(checking.c_str(), busy, 1),
+        host::kformat(checking.c_str(), next, 0),  fn + "\t\t-> timeouted!",
+        host::kformat(checking.c_str(), due, 0),   fn + "\t\t-> timeouted!"};
     // An ARP request is announced before its retry; no SA request is freed before all have been
     // told.
     const std::string processed = fn + "All the timeouted requests processed.";
@@ -229,6 +232,7 @@ TEST_P(BothLists, TraceAddingAndTimingOut) {
              : Lines{retried, retried, found, found_next})
         expected.push_back(line);
     EXPECT_EQ(told(list.unit), expected);
+    EXPECT_EQ(waiting(list), "db") << "too young, and busy";
 }
 
 INSTANTIATE_TEST_SUITE_P(Lists, BothLists,
@@ -346,6 +350,61 @@ INSTANTIATE_TEST_SUITE_P(
                     Matching{"no_paths_wanted", "a1g1p0", 1, "a", "", 0},
                     Matching{"not_cached_any_more", "a1g1p1- b2g1p1", 1, "b", "a", 0}),
     support::row_name);
+
+/* More than are taken in one piece, and one in the midst of them whose maker is busy. */
+TEST_F(Requests, AreAllTriedHoweverMany) {
+    support::add(support::record(ip("10.0.0.1"), 0));
+    tarv_maker_t maker = {};
+    tarv_list_entry_t* busy = nullptr;
+    for (int n = 0; n < 700; n++) {
+        const bool one_path = n % 2;
+        tarv_list_entry_t* entry =
+            request(n == 350   ? "c"
+                    : one_path ? "a"
+                               : "b",
+                    "10.0.0.1", one_path ? tarv_paths_primary : tarv_paths_both);
+        entry->dgid = gid(1);
+        if (n == 350) {
+            busy = entry;
+            entry->maker = &maker;
+            tarv_set_request_static_flag(entry);
+        }
+        tarv_sa_add_request(entry);
+    }
+    ib_path_record_v2_t path = support::path(gid(1), gid(0x40), 7);
+    list_head found;
+    tarv_sa_find_and_move_requests_to_list(&path, 1, 1, &found);
+    u32 in_order = 0;
+    u64 last_number = 0;
+    while (tarv_list_entry_t* entry = tarv_found_list(found).pop()) {
+        in_order += entry->number > last_number;
+        last_number = entry->number;
+        tarv_free_request(entry);
+    }
+    EXPECT_EQ(in_order, 350u);
+    EXPECT_EQ(waiting(sa_list), std::string(349, 'b') + "c");
+    EXPECT_EQ(maker.answer.count, 1);
+    tarv_sa_release_request(busy, &maker, false);
+    kernel.advance(10000);
+    EXPECT_EQ(answered(), "c" + std::string(349, 'b'));
+}
+
+/* The answer is being tried when the module is halted. */
+TEST_F(Requests, AreNotPutBackInAHaltedModule) {
+    write_once(local_get_if_info_fn, [](u32, gx_p_key_t*, u32*, int*, int*) {
+        write_once(halted, 1);
+        return tarv_stat_error;
+    });
+    support::add(support::record(ip("10.0.0.1"), 0));
+    tarv_list_entry_t* entry = request("a", "10.0.0.1", tarv_paths_both);
+    entry->dgid = gid(1);
+    tarv_sa_add_request(entry);
+    ib_path_record_v2_t path = support::path(gid(1), gid(0x40), 7);
+    list_head found;
+    EXPECT_EQ(tarv_sa_find_and_move_requests_to_list(&path, 1, 1, &found), tarv_stat_not_found);
+    EXPECT_EQ(waiting(sa_list), "");
+    EXPECT_EQ(answered(), "a");
+}
 
 /* Who is put back is as old as before, and stands at the head: the order in which both are told. */
 TEST_F(Requests, PutBackKeepTheirTimeAndHaveANewPlace) {
