@@ -15,6 +15,11 @@ namespace {
 
 constexpr std::size_t closed_kept = 1024;
 
+/* A port whose GID is all zero has none. */
+bool has_gid(const Gid& gid) {
+    return gid != Gid{};
+}
+
 /* The table of operations of every handle. An adapter's own context is the handle itself. */
 constexpr gx_hca_ops_t operations = {
     .modify_hca = nullptr,
@@ -134,7 +139,7 @@ gx_return_t Adapter::query_port(gx_hca_h_t handle, u8 number, gx_port_attrib_t* 
     attributes->port_mtu = end.mtu;
     attributes->port_lmc = end.lmc;
     attributes->port_base_lid = end.lid;
-    attributes->port_sgid_table_size = 1;
+    attributes->port_sgid_table_size = has_gid(end.gid);
     attributes->port_pkey_table_size = static_cast<u32>(subnet_.pkeys(end.at).size());
     attributes->port_sma_address_info = {number, manager.lid, manager.sl};
     return gx_return_ok;
@@ -146,9 +151,10 @@ gx_return_t Adapter::gid_table(gx_hca_h_t handle, u8 number, u32* size, gx_gid_t
         return status;
     if (!has_port(number))
         return gx_return_invalid_param;
-    *size = std::min<u32>(*size, 1);
+    const Gid gid = port(number).gid;
+    *size = std::min<u32>(*size, has_gid(gid));
     if (*size == 1)
-        table[0] = held(port(number).gid);
+        table[0] = held(gid);
     return gx_return_ok;
 }
 

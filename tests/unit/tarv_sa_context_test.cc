@@ -138,13 +138,18 @@ INSTANTIATE_TEST_SUITE_P(
                         no_gsi, "0, 2"}),
     support::row_name);
 
-TEST_F(SaContext, NeedsAPKey) {
-    fabric.set_pkeys(1, {});
+TEST_F(SaContext, NeedsAPKeyAndAGid) {
     trace(TARV_DEBUG);
-    EXPECT_EQ(set_up(1), tarv_stat_error);
-    EXPECT_EQ(told("tarv_sa"), (Lines{std::string("D ") + gid_fn + ": Port #1 has no P_Key.",
-                                      "E tarv_sa_init: Cannot get port #1 gid and pkey"}));
-    EXPECT_EQ(open(), (Open{0, 0, 0}));
+    for (const bool has_pkey : {false, true}) {
+        if (has_pkey)
+            fabric.subnet().set_gid(fabric.adapter().port(1).at, {});
+        fabric.set_pkeys(1, has_pkey ? std::vector<u16>{0xFFFF} : std::vector<u16>{});
+        EXPECT_EQ(set_up(1), tarv_stat_error);
+        EXPECT_EQ(told("tarv_sa"), (Lines{std::string("D ") + gid_fn + ": Port #1 has no " +
+                                              (has_pkey ? "GID." : "P_Key."),
+                                          "E tarv_sa_init: Cannot get port #1 gid and pkey"}));
+        EXPECT_EQ(open(), (Open{0, 0, 0}));
+    }
 }
 
 TEST_F(SaContext, KeepsItsPoolFromLinkDownToLinkUp) {
