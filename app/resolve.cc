@@ -15,7 +15,7 @@ tarv_paths_t wanted_paths(fabric::Fabric& fabric, const fabric::Host& host) {
     const fabric::PortId peer = fabric.peers().station(host.ip).at;
     int ports = 0;
     for (int port = 1; port <= fabric.adapter().ports(); ++port)
-        ports += fabric.subnet().way({fabric.adapter().node(), port}, peer).has_value();
+        ports += fabric.subnet().way({fabric.our_host().node, port}, peer).has_value();
     return ports >= 2 ? tarv_paths_both : tarv_paths_primary;
 }
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "fabric/fabric.h"
+#include "fabric/waist.h"
 #include "host/check.h"
 #include "host/faults.h"
 
@@ -25,40 +25,36 @@ constexpr gx_hca_ops_t operations = {
     .modify_hca = nullptr,
     .query_hca =
         [](void* context, gx_hca_attrib_t* attributes) {
-            return Fabric::current().adapter().query_hca(static_cast<gx_hca_h_t>(context),
-                                                         attributes);
+            return Waist::current().adapter().query_hca(static_cast<gx_hca_h_t>(context),
+                                                        attributes);
         },
     .query_port =
         [](void* context, u8 port, gx_port_attrib_t* attributes) {
-            return Fabric::current().adapter().query_port(static_cast<gx_hca_h_t>(context), port,
-                                                          attributes);
+            return Waist::current().adapter().query_port(static_cast<gx_hca_h_t>(context), port,
+                                                         attributes);
         },
     .get_port_gid_tbl =
         [](void* context, u8 port, u32* size, gx_gid_t* table) {
-            return Fabric::current().adapter().gid_table(static_cast<gx_hca_h_t>(context), port,
-                                                         size, table);
+            return Waist::current().adapter().gid_table(static_cast<gx_hca_h_t>(context), port,
+                                                        size, table);
         },
     .get_port_partition_tbl =
         [](void* context, u8 port, u32* size, gx_p_key_t* table) {
-            return Fabric::current().adapter().pkey_table(static_cast<gx_hca_h_t>(context), port,
-                                                          size, table);
+            return Waist::current().adapter().pkey_table(static_cast<gx_hca_h_t>(context), port,
+                                                         size, table);
         },
 };
 
 }  // namespace
 
-Adapter::Adapter(Works& works, Subnet& subnet, const Topology& topology, int node)
-    : subnet_(subnet),
-      node_(node),
-      ports_(static_cast<int>(topology.nodes.at(static_cast<std::size_t>(node)).ports.size()) - 1),
-      guid_(topology.nodes[static_cast<std::size_t>(node)].guid),
-      events_(works) {}
-
 EndPort Adapter::port(int number) const {
-    std::optional<EndPort> end = has_port(number) ? subnet_.at({node_, number}) : std::nullopt;
-    if (!end)
+    if (!has_port(number))
         throw std::invalid_argument("the adapter has no port " + std::to_string(number));
-    return *end;
+    return ports_.port(number);
+}
+
+std::vector<std::uint16_t> Adapter::pkeys(int number) const {
+    return ports_.pkeys(port(number).at.port);
 }
 
 void Adapter::raise(std::uint32_t type, int port) {
@@ -121,7 +117,7 @@ gx_return_t Adapter::query_hca(gx_hca_h_t handle, gx_hca_attrib_t* attributes) {
     host::must_sleep("gx_hca_query");
     if (gx_return_t status = enter("gx_hca_query", handle))
         return status;
-    *attributes = {guid_, static_cast<u32>(ports_)};
+    *attributes = {ports_.guid(), static_cast<u32>(ports())};
     return gx_return_ok;
 }
 
@@ -132,7 +128,7 @@ gx_return_t Adapter::query_port(gx_hca_h_t handle, u8 number, gx_port_attrib_t* 
     if (!has_port(number))
         return gx_return_invalid_param;
     EndPort end = port(number);
-    SubnetManager manager = subnet_.manager();
+    SubnetManager manager = ports_.manager(number);
     *attributes = {};
     attributes->port_num = number;
     attributes->port_state = end.up ? gx_port_state_active : gx_port_state_down;
@@ -140,7 +136,7 @@ gx_return_t Adapter::query_port(gx_hca_h_t handle, u8 number, gx_port_attrib_t* 
     attributes->port_lmc = end.lmc;
     attributes->port_base_lid = end.lid;
     attributes->port_sgid_table_size = has_gid(end.gid);
-    attributes->port_pkey_table_size = static_cast<u32>(subnet_.pkeys(end.at).size());
+    attributes->port_pkey_table_size = static_cast<u32>(pkeys(number).size());
     attributes->port_sma_address_info = {number, manager.lid, manager.sl};
     return gx_return_ok;
 }
@@ -164,9 +160,9 @@ gx_return_t Adapter::pkey_table(gx_hca_h_t handle, u8 number, u32* size, gx_p_ke
         return status;
     if (!has_port(number))
         return gx_return_invalid_param;
-    std::vector<std::uint16_t> pkeys = subnet_.pkeys({node_, number});
-    *size = std::min(*size, static_cast<u32>(pkeys.size()));
-    std::copy_n(pkeys.begin(), *size, table);
+    const std::vector<std::uint16_t> held_keys = pkeys(number);
+    *size = std::min(*size, static_cast<u32>(held_keys.size()));
+    std::copy_n(held_keys.begin(), *size, table);
     return gx_return_ok;
 }
 
@@ -176,7 +172,7 @@ gx_return_t Adapter::set_event_callback(gx_hca_h_t handle,
     if (gx_return_t status = enter("gx_set_sleepable_async_event_cb", handle))
         return status;
     std::vector<gx_event_record_t> active;
-    for (int number = 1; number <= ports_; number++) {
+    for (int number = 1; number <= ports(); number++) {
         if (port(number).up)
             active.push_back({gx_async_r_port_link_up, static_cast<u8>(number)});
     }
@@ -211,20 +207,24 @@ int Adapter::base_lid(gx_hca_h_t handle, u8 number, gx_lid_t* lid) {
 int Adapter::port_of_base_gid(gx_hca_h_t handle, const gx_gid_t* gid, int* number) {
     if (gx_return_t status = enter("base_gid2port_num", handle))
         return status;
-    std::optional<EndPort> end = subnet_.by_gid(wire(*gid));
-    if (!end || end->at.node != node_)
-        return gx_return_not_found;
-    *number = end->at.port;
-    return 0;
+    const Gid wanted = wire(*gid);
+    for (int candidate = 1; candidate <= ports(); candidate++)
+        if (port(candidate).gid == wanted) {
+            *number = candidate;
+            return 0;
+        }
+    return gx_return_not_found;
 }
 
 int Adapter::pkey_at(gx_hca_h_t handle, u8 number, int index, gx_p_key_t* pkey) {
     if (gx_return_t status = enter("pkey_index2pkey", handle))
         return status;
-    std::vector<std::uint16_t> pkeys = subnet_.pkeys({node_, number});
-    if (!has_port(number) || index < 0 || index >= static_cast<int>(pkeys.size()))
+    if (!has_port(number))
         return gx_return_invalid_param;
-    *pkey = pkeys[static_cast<std::size_t>(index)];
+    const std::vector<std::uint16_t> table = pkeys(number);
+    if (index < 0 || index >= static_cast<int>(table.size()))
+        return gx_return_invalid_param;
+    *pkey = table[static_cast<std::size_t>(index)];
     return 0;
 }
 
@@ -232,44 +232,44 @@ int Adapter::pkey_at(gx_hca_h_t handle, u8 number, int index, gx_p_key_t* pkey) 
 
 // The waist.
 
-using fabric::Fabric;
+using fabric::Waist;
 
 const char* gx_default_hca_name() {
-    return Fabric::current().adapter().name();
+    return Waist::current().adapter().name();
 }
 
 gx_return_t gx_hca_open(const char* name, u32, gx_hca_h_t* hca) {
-    return Fabric::current().adapter().open(name, hca);
+    return Waist::current().adapter().open(name, hca);
 }
 
 gx_return_t gx_hca_close(gx_hca_h_t hca) {
-    return Fabric::current().adapter().close(hca);
+    return Waist::current().adapter().close(hca);
 }
 
 gx_return_t gx_set_sleepable_async_event_cb(gx_hca_h_t hca, gx_request_event_record_t request,
                                             gx_sleepable_async_event_cb_t* callback) {
     if (request.req_event_type != gx_async_even_all)
         return gx_return_invalid_param;
-    return Fabric::current().adapter().set_event_callback(hca, callback);
+    return Waist::current().adapter().set_event_callback(hca, callback);
 }
 
 gx_return_t gx_dell_sleepable_async_event_cb(gx_hca_h_t hca,
                                              gx_sleepable_async_event_cb_t* callback) {
-    return Fabric::current().adapter().end_event_callback(hca, callback);
+    return Waist::current().adapter().end_event_callback(hca, callback);
 }
 
 int port_num2base_gid(gx_hca_h_t hca, u8 port, gx_gid_t* gid) {
-    return Fabric::current().adapter().base_gid(hca, port, gid);
+    return Waist::current().adapter().base_gid(hca, port, gid);
 }
 
 int port_num2base_lid(gx_hca_h_t hca, u8 port, gx_lid_t* lid) {
-    return Fabric::current().adapter().base_lid(hca, port, lid);
+    return Waist::current().adapter().base_lid(hca, port, lid);
 }
 
 int base_gid2port_num(gx_hca_h_t hca, const gx_gid_t* gid, int* port) {
-    return Fabric::current().adapter().port_of_base_gid(hca, gid, port);
+    return Waist::current().adapter().port_of_base_gid(hca, gid, port);
 }
 
 int pkey_index2pkey(gx_hca_h_t hca, u8 port, int index, gx_p_key_t* pkey) {
-    return Fabric::current().adapter().pkey_at(hca, port, index, pkey);
+    return Waist::current().adapter().pkey_at(hca, port, index, pkey);
 }

@@ -2,8 +2,8 @@
 //
 // Our host's adapter: the verbs layer and the address services of the waist.
 //
-// Its ports are those of its node in the topology; what they are like (GID, LID, state, MTU,
-// P_Keys) is read from the subnet at each call. Every open handle is an object of its own. Rules
+// What its ports are like (GID, LID, state, MTU, P_Keys) is asked of whoever has them (ports.h) at
+// each call. Every open handle is an object of its own. Rules
 // that stop the program, with the call's name: a handle that is not open, a call with a spin lock
 // held, a close while an event callback is registered on the handle.
 #pragma once
@@ -17,21 +17,21 @@
 
 #include "fabric/events.h"
 #include "fabric/mutex.h"
-#include "fabric/subnet.h"
+#include "fabric/ports.h"
 #include "platform/verbs.h"
 
 namespace fabric {
 
 class Adapter {
   public:
-    Adapter(Works& works, Subnet& subnet, const Topology& topology, int node);
+    Adapter(Works& works, const Ports& ports) : ports_(ports), events_(works) {}
 
-    const char* name() const { return "hca0"; }
-    int node() const { return node_; }
-    int ports() const { return ports_; }
-    bool has_port(int port) const { return port >= 1 && port <= ports_; }
+    const char* name() const { return ports_.name(); }
+    int ports() const { return ports_.count(); }
+    bool has_port(int port) const { return port >= 1 && port <= ports(); }
     /// Throws std::invalid_argument for a port that is not there.
     EndPort port(int number) const;
+    std::vector<std::uint16_t> pkeys(int number) const;
     Events& events() { return events_; }
 
     /// Has an event of any type, also one that nobody knows, delivered.
@@ -58,10 +58,7 @@ class Adapter {
     /* Checks that hold for every call: no lock, an open handle, and whether it is to fail. */
     gx_return_t enter(const char* call, gx_hca_h_t handle) const;
 
-    Subnet& subnet_;
-    const int node_;
-    const int ports_;
-    const gx_guid_t guid_;
+    const Ports& ports_;
     Events events_;
     mutable Mutex mutex_;
     std::unordered_map<gx_hca_h_t, std::unique_ptr<gx_hca_t>> open_ TA_GUARDED(mutex_);

@@ -9,9 +9,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "fabric/waist.h"
 #include "fabric/works.h"
 #include "host/check.h"
-#include "host/kernel.h"
 
 namespace fabric {
 namespace {
@@ -46,13 +46,15 @@ struct Fabric::Parts {
     Works works;
     Tap tap;
     Subnet subnet;
+    SubnetPorts ports;
+    Uplink* uplink;
     Adapter adapter;
     Network network;
     Gsi gsi;
     Sa sa;
     Peers peers;
     Ipoib ipoib;
-    std::shared_ptr<void> watch;
+    Waist waist;
 
     Parts(Topology given, std::vector<Host> given_hosts, std::size_t index,
           const FabricOptions& options)
@@ -60,13 +62,16 @@ struct Fabric::Parts {
           hosts(std::move(given_hosts)),
           our_host(index),
           subnet(topology, options.subnet, chosen(hosts, index).node),
-          adapter(works, subnet, topology, chosen(hosts, index).node),
-          network(works, subnet, tap, adapter.node(), adapter.ports()),
-          gsi(works, network, adapter, subnet),
+          ports(subnet, topology, hosts[index].node),
+          uplink(options.uplink),
+          adapter(works, uplink != nullptr ? static_cast<const Ports&>(*uplink) : ports),
+          network(works, subnet, tap, hosts[index].node, adapter.ports(), uplink),
+          gsi(works, network, adapter),
           sa(works, subnet, network),
           peers(subnet, network, topology, hosts, index),
-          ipoib(subnet, network, adapter, hosts[index].ip, interface_qpn(index),
-                common_mask(hosts)) {
+          ipoib(subnet, network, adapter, hosts[index].node, hosts[index].ip, interface_qpn(index),
+                common_mask(hosts)),
+          waist(adapter, gsi, ipoib) {
         network.set_delays(options.delays);
         gsi.set_translations(options.translations);
         network.connect({
@@ -76,31 +81,32 @@ struct Fabric::Parts {
             .ipoib = [this](int port, const Packet& packet) { ipoib.receive(port, packet); },
             .ipoib_port = [this] { return ipoib.port(); },
         });
-        watch = host::Kernel::current().watch([this](std::vector<std::string>& lines) {
-            adapter.report(lines);
-            gsi.report(lines);
-        });
     }
 };
 
 Fabric::Fabric(Topology topology, std::vector<Host> hosts, std::size_t our_host,
                const FabricOptions& options)
     : parts_(std::make_unique<Parts>(std::move(topology), std::move(hosts), our_host, options)) {
-    Fabric* none = nullptr;
-    if (!the_fabric.compare_exchange_strong(none, this))
-        host::die("a second fabric was made while one exists");
+    the_fabric = this;
+    if (Uplink* const uplink = parts_->uplink)
+        uplink->start({.arrived =
+                           [this](int port, Packet packet) {
+                               network().arrive_by_uplink(port, std::move(packet));
+                           },
+                       .changed = [this](gx_event_record_t event) { follow_uplink(event); }});
 }
 
 Fabric::~Fabric() {
+    if (parts_->uplink != nullptr)
+        parts_->uplink->stop();
     parts_->works.close();
-    parts_->watch.reset();
     the_fabric = nullptr;
 }
 
 Fabric& Fabric::current() {
     Fabric* fabric = the_fabric;
     if (fabric == nullptr)
-        host::die("the verbs layer or the GSI service was called, but there is no fabric");
+        host::die("a simulated fabric was asked for, but there is none");
     return *fabric;
 }
 
@@ -143,7 +149,23 @@ Faults& Fabric::peer(std::uint32_t ip) {
     return parts_->peers.faults(ip);
 }
 
+void Fabric::refuse_for_uplink(const char* what) const {
+    if (parts_->uplink != nullptr)
+        throw std::invalid_argument(std::string(what) +
+                                    " can be changed on a simulated fabric only");
+}
+
+/* The peers' ARP follows what becomes of our ports. */
+void Fabric::follow_uplink(gx_event_record_t event) {
+    const int number = event.port_num;
+    const std::optional<EndPort> picture = subnet().at({our_host().node, number});
+    if (const bool up = adapter().port(number).up; picture && picture->linked && picture->up != up)
+        subnet().set_up(picture->at, up);
+    raise_event(event.event_type, number);
+}
+
 void Fabric::set_link(int port, bool up) {
+    refuse_for_uplink("a port's link");
     EndPort end = adapter().port(port);
     if (end.up == up)
         return;
@@ -152,20 +174,24 @@ void Fabric::set_link(int port, bool up) {
 }
 
 void Fabric::set_lid(int port, std::uint16_t lid) {
+    refuse_for_uplink("a LID");
     subnet().set_lid(adapter().port(port).at, lid);
     raise_event(gx_async_r_port_lid, port);
 }
 
 void Fabric::set_mtu(int port, std::uint8_t mtu_code) {
+    refuse_for_uplink("an MTU");
     subnet().set_mtu(adapter().port(port).at, mtu_code);
     raise_event(gx_async_r_port_mtu, port);
 }
 
 void Fabric::set_pkeys(int port, std::vector<std::uint16_t> table) {
+    refuse_for_uplink("a partition table");
     subnet().set_pkeys(adapter().port(port).at, std::move(table));
 }
 
 void Fabric::move_sm(std::uint16_t lid, std::uint8_t sl) {
+    refuse_for_uplink("the subnet manager");
     subnet().move_manager(lid, sl);
     for (int port = 1; port <= adapter().ports(); port++) {
         if (adapter().port(port).up)

@@ -10,6 +10,10 @@
 // them as bytes (network.h, wire.h), can be looked at (capture.h) and can be lost, late, doubled or
 // out of order (faults.h).
 //
+// With a device on a real fabric (FabricOptions::uplink) our ports are the device's and its
+// fabric's SA is the one that is asked; the peers' ARP remains simulated, on a topology that is a
+// picture of that fabric.
+//
 // Exactly one Fabric exists at a time, inside the life of a host::Kernel, to whose list of remains
 // it adds what a module left open in it. All calls may come from any thread; scripting calls act on
 // what happens after them.
@@ -36,6 +40,9 @@ struct FabricOptions {
     SubnetOptions subnet = {};
     Delays delays = {};
     GsiTranslations translations = {};
+    /// The device that our ports are, and by which management datagrams go and come; its ports are
+    /// in the topology under their GUIDs. Null: they are simulated. It outlives the fabric.
+    Uplink* uplink = nullptr;
 };
 
 class Fabric {
@@ -64,7 +71,7 @@ class Fabric {
     Network& network();
 
     // Scripts. Ports are our adapter's, from 1; addresses are in network order. What is not there
-    // throws std::invalid_argument.
+    // throws std::invalid_argument, and so does a change to the ports of a device.
 
     Faults& port(int number);        ///< of every packet that crosses the port
     Faults& peer(std::uint32_t ip);  ///< of the ARP packets that the peer sends
@@ -92,6 +99,9 @@ class Fabric {
 
   private:
     struct Parts;
+    void refuse_for_uplink(const char* what) const;
+    void follow_uplink(gx_event_record_t event);
+
     std::unique_ptr<Parts> parts_;
 };
 

@@ -85,8 +85,8 @@ void decode_answer(const Bytes& wire, const GsiTranslations& translations, std::
     host.store(mad);
 }
 
-Gsi::Gsi(Works& works, Network& network, Adapter& adapter, Subnet& subnet)
-    : works_(works), network_(network), adapter_(adapter), subnet_(subnet) {
+Gsi::Gsi(Works& works, Wire& wire, const Adapter& adapter)
+    : works_(works), wire_(wire), adapter_(adapter) {
     MutexLock lock(mutex_);
     received_ = std::make_unique<gsi_dtgrm_pool>();
     received_->name = "received";
@@ -191,7 +191,7 @@ Packet Gsi::make_packet(const gsi_class& owner, const GsiSlot& slot, std::uint32
     packet.slid = static_cast<std::uint16_t>(port.lid | record.path_bits);
     packet.dlid = record.rlid;
     packet.sl = record.sl;
-    packet.pkey = subnet_.pkeys(port.at).at(0);
+    packet.pkey = adapter_.pkeys(owner.port).at(0);
     packet.dest_qp = record.rqp;
     packet.qkey = record.rqk != 0 ? record.rqk : gsi_qkey;
     packet.src_qp = gsi_qp;
@@ -242,7 +242,7 @@ void Gsi::transmit(gsi_class_handle_t handle, GsiSlot* slot, Packet packet) {
         port = handle->port;
         callback = handle->send_done;
     }
-    network_.send(port, std::move(packet));
+    wire_.send(port, std::move(packet));
     complete(handle, callback, &slot->record);
 }
 
@@ -326,7 +326,7 @@ void Gsi::receive(int port, const Packet& packet) {
         }
     }
     if (reply)
-        network_.send(port, std::move(*reply));
+        wire_.send(port, std::move(*reply));
     if (dtgrm == nullptr)
         return;
     Witness* const sees = witness();

@@ -31,7 +31,7 @@
 
 #include "fabric/adapter.h"
 #include "fabric/mutex.h"
-#include "fabric/network.h"
+#include "fabric/ports.h"
 #include "fabric/rmpp.h"
 #include "fabric/works.h"
 #include "platform/gsi.h"
@@ -53,7 +53,7 @@ struct GsiSlot;  ///< a datagram and what the service knows about it
 
 class Gsi {
   public:
-    Gsi(Works& works, Network& network, Adapter& adapter, Subnet& subnet);
+    Gsi(Works& works, Wire& wire, const Adapter& adapter);
     ~Gsi();
 
     void set_translations(const GsiTranslations& translations);
@@ -115,9 +115,8 @@ class Gsi {
     void complete(gsi_class_handle_t handle, gsi_dtgrm_cb_t* callback, gsi_dtgrm_t* dtgrm);
 
     Works& works_;
-    Network& network_;
-    Adapter& adapter_;
-    Subnet& subnet_;
+    Wire& wire_;
+    const Adapter& adapter_;
 
     mutable Mutex mutex_;  ///< also of the inside of every class, pool and slot
     GsiTranslations translations_ TA_GUARDED(mutex_);

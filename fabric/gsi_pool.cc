@@ -7,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
-#include "fabric/fabric.h"
 #include "fabric/gsi_internal.h"
+#include "fabric/waist.h"
 #include "host/check.h"
 #include "host/faults.h"
 
@@ -215,44 +215,44 @@ void* Gsi::get_rmpp_buffer(gsi_dtgrm_t* dtgrm, int* paysize) {
 
 // The waist.
 
-using fabric::Fabric;
+using fabric::Waist;
 
 int gsi_register_class(u8 mgt_class, u8 class_ver, const char* hca_name, u8 port, int is_server,
                        int uses_rmpp, gsi_dtgrm_cb_t* send_done, gsi_dtgrm_cb_t* recv_done,
                        void* context, gsi_class_handle_t* handle) {
-    return Fabric::current().gsi().register_class(mgt_class, class_ver, hca_name, port,
-                                                  is_server != 0, uses_rmpp != 0, send_done,
-                                                  recv_done, context, handle);
+    return Waist::current().gsi().register_class(mgt_class, class_ver, hca_name, port,
+                                                 is_server != 0, uses_rmpp != 0, send_done,
+                                                 recv_done, context, handle);
 }
 
 int gsi_deregister_class(gsi_class_handle_t handle) {
-    return Fabric::current().gsi().deregister_class(handle);
+    return Waist::current().gsi().deregister_class(handle);
 }
 
 int gsi_dtgrm_pool_create_named(u32 count, gsi_dtgrm_pool_handle_t* pool, const char* name) {
-    return Fabric::current().gsi().create_pool(count, pool, name);
+    return Waist::current().gsi().create_pool(count, pool, name);
 }
 
 void gsi_dtgrm_pool_destroy(gsi_dtgrm_pool_handle_t pool) {
-    Fabric::current().gsi().destroy_pool(pool);
+    Waist::current().gsi().destroy_pool(pool);
 }
 
 int gsi_dtgrm_pool_get(gsi_dtgrm_pool_handle_t pool, gsi_dtgrm_t** dtgrm) {
-    return Fabric::current().gsi().get(pool, dtgrm);
+    return Waist::current().gsi().get(pool, dtgrm);
 }
 
 void gsi_dtgrm_pool_put(gsi_dtgrm_t* dtgrm) {
-    Fabric::current().gsi().put(dtgrm);
+    Waist::current().gsi().put(dtgrm);
 }
 
 void* gsi_dtgrm_alloc_rmpp_buf(gsi_dtgrm_t* dtgrm, u32 size) {
-    return Fabric::current().gsi().alloc_rmpp_buffer(dtgrm, size);
+    return Waist::current().gsi().alloc_rmpp_buffer(dtgrm, size);
 }
 
 void* gsi_dtgrm_get_rmpp_buf(gsi_dtgrm_t* dtgrm, int* paysize) {
-    return Fabric::current().gsi().get_rmpp_buffer(dtgrm, paysize);
+    return Waist::current().gsi().get_rmpp_buffer(dtgrm, paysize);
 }
 
 int gsi_post_send_dtgrm(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm) {
-    return Fabric::current().gsi().post(handle, dtgrm);
+    return Waist::current().gsi().post(handle, dtgrm);
 }

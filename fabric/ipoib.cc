@@ -8,7 +8,6 @@
 #include "fabric/witness.h"
 #include "host/check.h"
 #include "host/faults.h"
-#include "host/services.h"
 #include "platform/jiffies.h"
 
 namespace fabric {
@@ -17,28 +16,6 @@ namespace {
 constexpr std::size_t requests_kept = 16384;
 constexpr u32 learned = TARV_MASK_SRC_IP | TARV_MASK_DST_IP | TARV_MASK_GID | TARV_MASK_QPN |
                         TARV_MASK_LID | TARV_MASK_QKEY | TARV_MASK_CAP_FLG | TARV_MASK_LOCAL_PORT;
-
-/* A function that the module registered for others, or null. */
-template <class Function>
-Function* module_function(const char* name) {
-    const void* address = host::inter_module_get(name);
-    return reinterpret_cast<Function*>(const_cast<void*>(address));
-}
-
-tarv_stat_t send_arp_data(tarv_arp_data_t* record, void* context, int media_reset) {
-    const host::DriverCall call("send_arp_data_fn");
-    return static_cast<Ipoib*>(context)->send_request(*record, media_reset);
-}
-
-/* The module gives no context here: the query is about the host, which has one driver. */
-tarv_stat_t get_if_info(u32 ip, gx_p_key_t* pkey, u32* unused, int* scratch, int* loopback) {
-    const host::DriverCall call("get_if_info_fn");
-    if (unused != nullptr)
-        *unused = 0;
-    if (scratch != nullptr)
-        *scratch = 0;
-    return Fabric::current().ipoib().interface_info(ip, pkey, loopback);
-}
 
 tarv_arp_data_t make_record(const ArpPacket& arp, const Packet& packet, int port) {
     tarv_arp_data_t record{};
@@ -64,47 +41,16 @@ bool is_ipoib_arp(const ArpPacket& arp) {
 
 }  // namespace
 
-Ipoib::Ipoib(Subnet& subnet, Network& network, Adapter& adapter, std::uint32_t ip,
+Ipoib::Ipoib(Subnet& subnet, Network& network, const Adapter& adapter, int node, std::uint32_t ip,
              std::uint32_t qpn, std::uint32_t prefix_mask)
     : subnet_(subnet),
       network_(network),
       adapter_(adapter),
+      node_(node),
       qpn_(qpn),
       addresses_{ip},
       mask_(prefix_mask) {
     choose_port();
-}
-
-tarv_stat_t Ipoib::attach() {
-    auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
-    if (attach_fn == nullptr)
-        return tarv_stat_error;
-    void* handle = nullptr;
-    tarv_stat_t status = attach_fn(get_if_info, send_arp_data, this, &handle);
-    if (status != tarv_stat_ok)
-        return status;
-    MutexLock lock(mutex_);
-    attached_ = true;
-    handle_ = handle;
-    return status;
-}
-
-tarv_stat_t Ipoib::detach() {
-    void* handle;
-    {
-        MutexLock lock(mutex_);
-        attached_ = false;
-        handle = handle_;
-        while (intakes_ > 0)
-            idle_.wait(mutex_);
-    }
-    auto* detach_fn = module_function<tarv_detach_fn_t>("tarv_detach_fn");
-    return detach_fn == nullptr ? tarv_stat_error : detach_fn(handle);
-}
-
-bool Ipoib::attached() const {
-    MutexLock lock(mutex_);
-    return attached_;
 }
 
 int Ipoib::port() const {
@@ -114,7 +60,7 @@ int Ipoib::port() const {
 
 Station Ipoib::station() const {
     MutexLock lock(mutex_);
-    Station station{addresses_.front(), {adapter_.node(), port_}, 0, {}, qpn_, flags_};
+    Station station{addresses_.front(), {node_, port_}, 0, {}, qpn_, flags_};
     if (std::optional<EndPort> end = subnet_.at(station.at); end && port_ != 0) {
         station.lid = end->lid;
         station.gid = end->gid;
@@ -252,42 +198,25 @@ tarv_stat_t Ipoib::send_request(const tarv_arp_data_t& record, int media_reset) 
     return tarv_stat_ok;
 }
 
-/* Whether a packet about that address goes to the module; then it is counted until it is there. */
 /* A reply that was sent to us is for us whatever it names as its target: who asks in another's name
  * gets an answer in that name. */
-bool Ipoib::begin_intake(const ArpPacket& arp, const Packet& packet) {
-    MutexLock lock(mutex_);
-    const bool sent_to_us = arp.operation == arp_reply && packet.dest_qp == qpn_;
-    if (!attached_ || (!sent_to_us && !is_ours(arp.target_ip)))
+bool Ipoib::is_for_us(const ArpPacket& arp, const Packet& packet) const {
+    if (packet.dest_qp != qpn_ && packet.dest_qp != multicast_qp)
         return false;
-    intakes_++;
-    return true;
+    MutexLock lock(mutex_);
+    return (arp.operation == arp_reply && packet.dest_qp == qpn_) || is_ours(arp.target_ip);
 }
 
 void Ipoib::receive(int port, const Packet& packet) {
     std::optional<ArpPacket> arp = decode<ArpPacket>(packet.payload);
-    if (!arp || !is_ipoib_arp(*arp) || (packet.dest_qp != qpn_ && packet.dest_qp != multicast_qp) ||
-        !begin_intake(*arp, packet))
+    if (!arp || !is_ipoib_arp(*arp) || !is_for_us(*arp, packet))
+        return;
+    const Intake intake(*this);
+    if (!intake)
         return;
     hand_in(make_record(*arp, packet, port));
     if (arp->operation == arp_request)
         answer(*arp, packet, port);
-    MutexLock lock(mutex_);
-    intakes_--;
-    idle_.notify_all();
-}
-
-/* To the module, if it is there. */
-void Ipoib::hand_in(tarv_arp_data_t record) {
-    auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn");
-    if (process == nullptr)
-        return;
-    Witness* const sees = witness();
-    if (sees != nullptr)
-        sees->before_arp(record);
-    const tarv_stat_t result = process(&record);
-    if (sees != nullptr)
-        sees->after_arp(result);
 }
 
 /* The peer that asks for us is told where we are. */

@@ -3,25 +3,22 @@
 // Our host's IPoIB driver: the one that the module has ARP requests sent through, and that hands
 // ARP packets to it.
 //
-// Life cycle: attach() finds the module by the names that it registered and gives it the driver's
-// functions; detach() waits until no packet is being handed over, then takes them back. Packets
-// that arrive meanwhile or later are dropped, and so are packets for addresses that are not ours.
+// Packets for addresses that are not ours are dropped.
 //
 // The driver has one interface, with our host's address, on the first port that is up. It chooses
 // anew when it has to send and its port is down, and when the module asks for a media reset.
 // The calls "send_arp" and "get_if_info" can be made to fail (host/faults.h).
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <vector>
 
 #include "fabric/adapter.h"
+#include "fabric/driver.h"
 #include "fabric/mutex.h"
 #include "fabric/network.h"
 #include "fabric/peers.h"
-#include "tarv/tarv.h"
 
 namespace fabric {
 
@@ -33,16 +30,12 @@ struct SentRequest {
     tarv_arp_data_t record;  ///< as the module gave it
 };
 
-class Ipoib {
+class Ipoib final : public Driver {
   public:
     /// The interface's network is `network`/`prefix`, in network order.
-    Ipoib(Subnet& subnet, Network& network, Adapter& adapter, std::uint32_t ip, std::uint32_t qpn,
-          std::uint32_t prefix_mask);
-
-    /// The module's answer; tarv_stat_error also when no module is there.
-    tarv_stat_t attach();
-    tarv_stat_t detach();
-    bool attached() const;
+    /// It lives on that node of the subnet, whose adapter is given.
+    Ipoib(Subnet& subnet, Network& network, const Adapter& adapter, int node, std::uint32_t ip,
+          std::uint32_t qpn, std::uint32_t prefix_mask);
 
     /// The interface's port now; 0: no port is up.
     int port() const;
@@ -71,32 +64,27 @@ class Ipoib {
     /// An IPoIB packet arrived at our port.
     void receive(int port, const Packet& packet);
 
-    // What the module calls.
-    tarv_stat_t send_request(const tarv_arp_data_t& record, int media_reset);
-    tarv_stat_t interface_info(std::uint32_t ip, gx_p_key_t* pkey, int* loopback) const;
+    tarv_stat_t send_request(const tarv_arp_data_t& record, int media_reset) override;
+    tarv_stat_t interface_info(std::uint32_t ip, gx_p_key_t* pkey, int* loopback) const override;
 
   private:
     bool is_ours(std::uint32_t ip) const TA_REQ(mutex_);
     void answer_inside(std::uint32_t ip);
-    static void hand_in(tarv_arp_data_t record);
     void choose_port();
-    bool begin_intake(const ArpPacket& arp, const Packet& packet);
+    bool is_for_us(const ArpPacket& arp, const Packet& packet) const;
     void answer(const ArpPacket& arp, const Packet& packet, int port);
 
     Subnet& subnet_;
     Network& network_;
-    Adapter& adapter_;
+    const Adapter& adapter_;
+    const int node_;
     const std::uint32_t qpn_;
     mutable Mutex mutex_;
-    std::condition_variable_any idle_;
     std::vector<std::uint32_t> addresses_ TA_GUARDED(mutex_);
     std::uint32_t mask_ TA_GUARDED(mutex_);
     std::uint16_t pkey_ TA_GUARDED(mutex_) = 0xFFFF;
     std::uint8_t flags_ TA_GUARDED(mutex_) = interface_flags;
     int port_ TA_GUARDED(mutex_) = 0;
-    bool attached_ TA_GUARDED(mutex_) = false;
-    void* handle_ TA_GUARDED(mutex_) = nullptr;
-    int intakes_ TA_GUARDED(mutex_) = 0;  ///< packets being handed to the module
     std::size_t media_resets_ TA_GUARDED(mutex_) = 0;
     std::size_t sent_ TA_GUARDED(mutex_) = 0;
     unsigned quick_ TA_GUARDED(mutex_) = 0;  ///< requests to be answered inside

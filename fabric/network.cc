@@ -20,8 +20,9 @@ host::Context context_of(const Packet& packet) {
 
 }  // namespace
 
-Network::Network(Works& works, Subnet& subnet, Tap& tap, int our_node, int our_ports)
-    : works_(works), subnet_(subnet), tap_(tap), our_node_(our_node) {
+Network::Network(Works& works, Subnet& subnet, Tap& tap, int our_node, int our_ports,
+                 Uplink* uplink)
+    : works_(works), subnet_(subnet), tap_(tap), our_node_(our_node), uplink_(uplink) {
     for (int i = 0; i < our_ports; i++)
         port_faults_.push_back(std::make_unique<Faults>());
 }
@@ -54,9 +55,26 @@ void Network::send(int port, Packet packet) {
         return;
     Shared shared = std::make_shared<const Packet>(std::move(packet));
     look(Direction::out, port, *shared);
+    if (uplink_ != nullptr && is_management(*shared))
+        return port_faults(port).pass([this, port, shared](unsigned long late) {
+            if (late == 0)
+                return uplink_->send(port, *shared);
+            works_.schedule(host::Context::gsi, late,
+                            [this, port, shared] { uplink_->send(port, *shared); });
+        });
     unsigned long ticks = ticks_for(*shared, true);
     port_faults(port).pass([this, shared, ticks](unsigned long late) {
         works_.schedule(context_of(*shared), ticks + late, [this, shared] { arrive_far(*shared); });
+    });
+}
+
+void Network::arrive_by_uplink(int port, Packet packet) {
+    Shared shared = std::make_shared<const Packet>(std::move(packet));
+    port_faults(port).pass([this, port, shared](unsigned long late) {
+        works_.schedule(host::Context::gsi, late, [this, port, shared] {
+            look(Direction::in, port, *shared);
+            receivers_.gsi(port, *shared);
+        });
     });
 }
 

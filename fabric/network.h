@@ -6,6 +6,9 @@
 // A packet is lost when the port that sends it or the port that it is for is down at that moment,
 // when nothing leads there, or when a fault says so. Management datagrams (to or from queue pair 1)
 // arrive in the GSI context, all others in the driver's.
+//
+// Where our ports are those of a device (ports.h), management datagrams go out by it and come in by
+// it. They meet the faults of our port as all others do, but no delays: those are the fabric's own.
 #pragma once
 
 #include <functional>
@@ -27,7 +30,7 @@ struct Delays {
     unsigned long sa_reply = 1;    ///< an answer on its way back
 };
 
-class Network {
+class Network final : public Wire {
   public:
     /// Who hears what arrives. `port` is our adapter's, where it is given.
     struct Receivers {
@@ -38,7 +41,8 @@ class Network {
         std::function<int()> ipoib_port;  ///< where our interface hears broadcasts; 0: nowhere
     };
 
-    Network(Works& works, Subnet& subnet, Tap& tap, int our_node, int our_ports);
+    /// `uplink`: the device of our ports; null where they are the subnet's.
+    Network(Works& works, Subnet& subnet, Tap& tap, int our_node, int our_ports, Uplink* uplink);
     void connect(Receivers receivers) { receivers_ = std::move(receivers); }
 
     void set_delays(const Delays& delays);
@@ -48,7 +52,10 @@ class Network {
     Faults& port_faults(int port);
 
     /// Sends from our port. From any context, with locks held; nothing arrives inside the call.
-    void send(int port, Packet packet);
+    void send(int port, Packet packet) override;
+
+    /// A management datagram came in by the device.
+    void arrive_by_uplink(int port, Packet packet);
 
     /// Another port of the fabric sends to us; `late` is added to the time under way.
     void send_to_us(PortId from, Packet packet, unsigned long late);
@@ -65,6 +72,7 @@ class Network {
     Subnet& subnet_;
     Tap& tap_;
     const int our_node_;
+    Uplink* const uplink_;
     std::vector<std::unique_ptr<Faults>> port_faults_;  ///< index is the port number less 1
     Receivers receivers_;
     mutable Mutex mutex_;

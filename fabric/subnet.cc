@@ -268,4 +268,10 @@ void Subnet::move_manager(std::uint16_t lid, std::uint8_t sl) {
         manager_.at = ports_[static_cast<std::size_t>(by_lid_[lid])].at;
 }
 
+SubnetPorts::SubnetPorts(const Subnet& subnet, const Topology& topology, int node)
+    : subnet_(subnet),
+      node_(node),
+      count_(static_cast<int>(topology.nodes.at(static_cast<std::size_t>(node)).ports.size()) - 1),
+      guid_(topology.nodes[static_cast<std::size_t>(node)].guid) {}
+
 }  // namespace fabric

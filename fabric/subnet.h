@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "fabric/mutex.h"
+#include "fabric/ports.h"
 #include "fabric/routing.h"
 #include "fabric/topology.h"
 #include "fabric/wire.h"
@@ -23,32 +24,11 @@ namespace fabric {
 
 inline constexpr std::uint16_t last_unicast_lid = 0xBFFF;
 
-inline bool operator==(const PortId& a, const PortId& b) {
-    return a.node == b.node && a.port == b.port;
-}
-
-struct EndPort {
-    PortId at;
-    Gid gid{};
-    std::uint16_t lid = 0;  ///< the base LID; 0: not linked
-    std::uint8_t lmc = 0;
-    std::uint8_t mtu = 0;
-    std::uint8_t rate = 0;
-    bool linked = false;  ///< the topology has a link there (a switch's own port counts as linked)
-    bool up = false;
-};
-
 /// What the way between two end ports allows.
 struct Way {
     int hops = 0;  ///< links on the way
     std::uint8_t mtu = 0;
     std::uint8_t rate = 0;
-};
-
-struct SubnetManager {
-    PortId at;
-    std::uint16_t lid = 0;
-    std::uint8_t sl = 0;
 };
 
 struct SubnetOptions {
@@ -107,6 +87,28 @@ class Subnet {
     std::unordered_map<Index, std::vector<std::uint16_t>> pkeys_ TA_GUARDED(mutex_);
     SubnetManager manager_ TA_GUARDED(mutex_);
     mutable Routing routing_ TA_GUARDED(mutex_);
+};
+
+/// The ports of one adapter of the subnet, as its own host sees them.
+class SubnetPorts final : public Ports {
+  public:
+    /// The adapter is a node of the subnet's topology.
+    SubnetPorts(const Subnet& subnet, const Topology& topology, int node);
+
+    const char* name() const override { return "hca0"; }
+    gx_guid_t guid() const override { return guid_; }
+    int count() const override { return count_; }
+    EndPort port(int number) const override { return *subnet_.at({node_, number}); }
+    SubnetManager manager(int) const override { return subnet_.manager(); }
+    std::vector<std::uint16_t> pkeys(int number) const override {
+        return subnet_.pkeys({node_, number});
+    }
+
+  private:
+    const Subnet& subnet_;
+    const int node_;
+    const int count_;
+    const gx_guid_t guid_;
 };
 
 }  // namespace fabric

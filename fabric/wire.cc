@@ -240,6 +240,25 @@ struct Format<DatagramHeader> {
     };
 };
 
+template <>
+struct Format<NodeInfo> {
+    using T = NodeInfo;
+    static constexpr Row<T> rows[] = {
+        WHOLE(node_type, 2),  WHOLE(ports, 3),          WHOLE(node_guid, 12),
+        WHOLE(port_guid, 20), WHOLE(partition_cap, 28), WHOLE(local_port, 36),
+    };
+};
+
+template <>
+struct Format<PortInfo> {
+    using T = PortInfo;
+    static constexpr Row<T> rows[] = {
+        WHOLE(gid_prefix, 8),   WHOLE(lid, 16),       WHOLE(sm_lid, 18),
+        FIELD(state, 32, 4, 4), FIELD(lmc, 34, 5, 3), FIELD(neighbor_mtu, 36, 0, 4),
+        FIELD(sm_sl, 36, 4, 4),
+    };
+};
+
 #undef FIELD
 #undef WHOLE
 #undef GID
@@ -261,6 +280,7 @@ static_assert(sound<MadHeader>() && sound<RmppHeader>() && sound<SaHeader>());
 static_assert(sound<MultiPathRecord>() && sound<PathRecord>() && sound<ArpPacket>());
 static_assert(sound<LocalRouteHeader>() && sound<GlobalRouteHeader>());
 static_assert(sound<BaseTransportHeader>() && sound<DatagramHeader>());
+static_assert(sound<NodeInfo>() && sound<PortInfo>());
 static_assert(MadHeader::wire_size == rmpp_offset);
 static_assert(rmpp_offset + RmppHeader::wire_size == sa_offset);
 static_assert(sa_data_offset == 56 && sa_data_size == 200);
@@ -303,6 +323,8 @@ WIRE_FORMAT(SaHeader);
 WIRE_FORMAT(MultiPathRecord);
 WIRE_FORMAT(PathRecord);
 WIRE_FORMAT(ArpPacket);
+WIRE_FORMAT(NodeInfo);
+WIRE_FORMAT(PortInfo);
 WIRE_FORMAT(LocalRouteHeader);
 WIRE_FORMAT(GlobalRouteHeader);
 WIRE_FORMAT(BaseTransportHeader);

@@ -140,6 +140,41 @@ struct PathRecord {
     std::uint8_t preference = 0;
 };
 
+// Subnet management datagrams: a common header, and 64 bytes of attribute data. On a directed route
+// without a hop they are for the port's own agent.
+
+inline constexpr std::size_t smp_data_offset = 64;
+inline constexpr std::size_t smp_data_size = 64;
+inline constexpr std::uint8_t directed_route_class = 0x81;
+inline constexpr std::uint8_t method_get = 0x01;
+inline constexpr std::uint16_t attribute_node_info = 0x0011;
+inline constexpr std::uint16_t attribute_port_info = 0x0015;
+inline constexpr std::uint16_t attribute_pkey_table = 0x0016;  ///< 32 entries of 16 bits a block
+inline constexpr std::uint16_t permissive_lid = 0xFFFF;
+
+/// Of a NodeInfo what identifies an adapter and the port that was asked.
+struct NodeInfo {
+    static constexpr std::size_t wire_size = 40;
+    std::uint8_t node_type = 0;  ///< 1: adapter
+    std::uint8_t ports = 0;
+    std::uint64_t node_guid = 0;
+    std::uint64_t port_guid = 0;
+    std::uint16_t partition_cap = 0;  ///< entries of a port's partition table
+    std::uint8_t local_port = 0;
+};
+
+/// Of a PortInfo what a host has to know about its port.
+struct PortInfo {
+    static constexpr std::size_t wire_size = smp_data_size;
+    std::uint64_t gid_prefix = 0;
+    std::uint16_t lid = 0;
+    std::uint16_t sm_lid = 0;
+    std::uint8_t state = 0;  ///< 1 down, 2 initializing, 3 armed, 4 active
+    std::uint8_t lmc = 0;
+    std::uint8_t neighbor_mtu = 0;
+    std::uint8_t sm_sl = 0;
+};
+
 // IPoIB: every datagram begins with 4 bytes, its Ethernet type and two reserved ones.
 
 inline constexpr std::uint16_t arp_ether_type = 0x0806;

@@ -317,7 +317,7 @@ void Model::rewrite_pkeys(std::uint32_t ip, ib_path_record_v2_t* paths, int coun
 
 bool Model::local_pkey(const gx_gid_t& sgid, std::uint16_t& pkey) {
     const auto end = fabric_.subnet().by_gid(fabric::wire(sgid));
-    if (!end || end->at.node != fabric_.adapter().node())
+    if (!end || end->at.node != fabric_.our_host().node)
         return false;
     counts_.note(Count::own_pkeys);
     const std::vector<std::uint16_t> keys = fabric_.subnet().pkeys(end->at);

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "fabric/driver.h"
+
+#include "fabric/waist.h"
+#include "fabric/witness.h"
+#include "host/check.h"
+#include "host/services.h"
+
+namespace fabric {
+namespace {
+
+/* A function that the module registered for others, or null. */
+template <class Function>
+Function* module_function(const char* name) {
+    const void* address = host::inter_module_get(name);
+    return reinterpret_cast<Function*>(const_cast<void*>(address));
+}
+
+tarv_stat_t send_arp_data(tarv_arp_data_t* record, void* context, int media_reset) {
+    const host::DriverCall call("send_arp_data_fn");
+    return static_cast<Driver*>(context)->send_request(*record, media_reset);
+}
+
+/* The module gives no context here: the query is about the host, which has one driver. */
+tarv_stat_t get_if_info(u32 ip, gx_p_key_t* pkey, u32* unused, int* scratch, int* loopback) {
+    const host::DriverCall call("get_if_info_fn");
+    if (unused != nullptr)
+        *unused = 0;
+    if (scratch != nullptr)
+        *scratch = 0;
+    return Waist::current().driver().interface_info(ip, pkey, loopback);
+}
+
+}  // namespace
+
+tarv_stat_t Driver::attach() {
+    auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
+    if (attach_fn == nullptr)
+        return tarv_stat_error;
+    void* handle = nullptr;
+    tarv_stat_t status = attach_fn(get_if_info, send_arp_data, this, &handle);
+    if (status != tarv_stat_ok)
+        return status;
+    MutexLock lock(attachment_mutex_);
+    attached_ = true;
+    handle_ = handle;
+    return status;
+}
+
+tarv_stat_t Driver::detach() {
+    void* handle;
+    {
+        MutexLock lock(attachment_mutex_);
+        attached_ = false;
+        handle = handle_;
+        while (intakes_ > 0)
+            idle_.wait(attachment_mutex_);
+    }
+    auto* detach_fn = module_function<tarv_detach_fn_t>("tarv_detach_fn");
+    return detach_fn == nullptr ? tarv_stat_error : detach_fn(handle);
+}
+
+bool Driver::attached() const {
+    MutexLock lock(attachment_mutex_);
+    return attached_;
+}
+
+Driver::Intake::Intake(Driver& driver) : driver_(driver) {
+    MutexLock lock(driver_.attachment_mutex_);
+    begun_ = driver_.attached_;
+    driver_.intakes_ += begun_ ? 1 : 0;
+}
+
+Driver::Intake::~Intake() {
+    if (!begun_)
+        return;
+    MutexLock lock(driver_.attachment_mutex_);
+    driver_.intakes_--;
+    driver_.idle_.notify_all();
+}
+
+void Driver::hand_in(tarv_arp_data_t record) {
+    auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn");
+    if (process == nullptr)
+        return;
+    Witness* const sees = witness();
+    if (sees != nullptr)
+        sees->before_arp(record);
+    const tarv_stat_t result = process(&record);
+    if (sees != nullptr)
+        sees->after_arp(result);
+}
+
+}  // namespace fabric
