@@ -67,6 +67,7 @@ class Full {
         write_once(halted, 0);
         write_once(get_data_retry, 0);
         arp_cache_timeout_sec = 1'000'000'000;
+        tarv_driver_start();
         tarv_hash_init();
         tarv_req_list_init();
         tarv_sa_req_list_init();
