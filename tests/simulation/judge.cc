@@ -88,14 +88,20 @@ void Judge::take(const app::ScriptStep& step) {
         for (const std::string& line : lines())
             if (line.starts_with("remains: "))
                 violate("remains", line);
+    if (const std::string held = host::held_locks(); !held.empty())
+        violate("lock_held", "the lock " + held + " is held after " + step.place);
     if (!loaded() || violation_)
         return;
     violate(check_datagrams(fabric().gsi()));
-    if (steps_ % 64 == 0) {
-        violate(read_state(found_));
-        violate(check_indexes(found_, steps_ / 64));
-        check_patience();
-    }
+    if (steps_ % 64 == 0)
+        look_everywhere(steps_ / 64);
+}
+
+/* What is too dear to be done at every step. */
+void Judge::look_everywhere(std::size_t sample) {
+    violate(read_state(found_));
+    violate(check_indexes(found_, sample));
+    check_patience();
 }
 
 void Judge::end(bool may_wait) {
@@ -104,8 +110,11 @@ void Judge::end(bool may_wait) {
         if (!may_wait && clients_[number - 1].state == Standing::pending)
             violate("still_waiting", "request " + std::to_string(number) +
                                          " has no answer though nothing is lost any more");
-    if (loaded())
+    if (loaded()) {
+        // Whatever was left out of the script: at its end nothing is.
+        look_everywhere(all_gids);
         unload_module();
+    }
     calm();
     kernel().advance(20000);
     for (const std::string& line : kernel().remains())

@@ -36,7 +36,7 @@ struct Violation {
     std::string text;
 };
 
-class Judge final : public app::ScriptHost, private fabric::Witness {
+class Judge : public app::ScriptHost, private fabric::Witness {
   public:
     Judge(const app::Site& site, unsigned long first_jiffy);
     ~Judge() override;
@@ -55,6 +55,9 @@ class Judge final : public app::ScriptHost, private fabric::Witness {
 
     void say(const std::string& text) override;
     void fail(const std::string& place, const std::string& message) override;
+
+  protected:
+    void violate(const char* name, const std::string& text);
 
   private:
     enum class Standing : std::uint8_t { asking, pending, refused, answered, silent };
@@ -81,7 +84,6 @@ class Judge final : public app::ScriptHost, private fabric::Witness {
         std::size_t got = 0;
     };
 
-    void violate(const char* name, const std::string& text);
     void violate(const std::optional<Difference>& found);
     Client& client_of(const app::ScriptReply& made) { return clients_[made.number - 1]; }
     Client& client_of(void* context) { return client_of(*static_cast<app::ScriptReply*>(context)); }
@@ -96,6 +98,7 @@ class Judge final : public app::ScriptHost, private fabric::Witness {
 
     // Checks.
     void check_state();
+    void look_everywhere(std::size_t sample);
     void account(const State& found);
     void forget(const app::ScriptReply& made, Client& client, const char* where);
     void check_patience();

@@ -139,8 +139,6 @@ void declare(CLI::App& program, Options& options) {
         program.add_flag("--failures", options.failures,
                          "Make every service of the kernel fail in turn in each script instead");
     failures->excludes(scripts);
-    program.add_flag("--brief", options.of_failures.brief, "A short table of the failures")
-        ->needs(failures);
     program
         .add_option("--scenario", options.of_failures.scenario,
                     "Those scripts only that have this in their names")

@@ -241,15 +241,15 @@ void restore_stamps(const State& found) TA_NO_ANALYSIS {
 
 }  // namespace
 
-std::optional<Difference> check_indexes(const State& found, std::size_t number) {
+std::optional<Difference> check_indexes(const State& found, std::size_t sample) {
     auto wrong = check_addresses(found);
     std::size_t entry_number = 0;
     for (const State::Chain& chain : found.table)
         for (const Cached& entry : chain)
-            if (!wrong && (entry_number++ + number) % 8 == 0)
+            if (!wrong && (sample == all_gids || (entry_number++ + sample) % 8 == 0))
                 wrong = check_gid(found, entry.record.gid);
     if (!wrong)
-        wrong = check_gid(found, {{static_cast<u8>(number), 0xEE}});
+        wrong = check_gid(found, {{static_cast<u8>(sample), 0xEE}});
     restore_stamps(found);
     for (const bool arp : {true, false})
         for (const Waiting& waiting : arp ? found.arp : found.sa) {

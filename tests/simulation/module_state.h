@@ -20,8 +20,10 @@ namespace simulation {
 std::optional<Difference> read_state(State& state);
 
 /// What a walk of the table finds, every look-up has to find, by address and by GID; requests are
-/// counted as they stand. No entry becomes younger. `number` chooses among the GIDs.
-std::optional<Difference> check_indexes(const State& found, std::size_t number);
+/// counted as they stand. No entry becomes younger. Of the GIDs one in eight is looked up, which
+/// `sample` chooses, or all_gids.
+inline constexpr std::size_t all_gids = ~std::size_t{0};
+std::optional<Difference> check_indexes(const State& found, std::size_t sample);
 
 /// The count of queries that are posted and not completed, and the datagrams that are out.
 std::optional<Difference> check_datagrams(fabric::Gsi& gsi);

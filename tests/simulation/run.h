@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// Runs: the worlds of a seed one after the other, in a process of their own, so that a broken rule
-// of the kernel, which ends a process, is found like any other violation.
+// Runs: the worlds of a seed one after the other, or a script.
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "tests/simulation/counts.h"
-#include "tests/simulation/judge.h"
+#include "tests/simulation/apart.h"
 
 namespace simulation {
 
@@ -20,17 +17,6 @@ using Lines = std::vector<std::string>;  ///< of a script
 struct Limits {
     std::uint64_t lines = 0;
     double seconds = 0;
-};
-
-struct Result {
-    std::uint64_t lines = 0;
-    double seconds = 0;  ///< that it took
-    std::uint64_t digest = 0;
-    Counts counts;
-
-    std::optional<Violation> violation;
-    std::uint64_t world = 0;          ///< that it was found in, from 0
-    std::uint64_t line_of_world = 0;  ///< at which of its lines, from 1
 };
 
 /// The script of a world of a seed, with so many lines of chance at most.
