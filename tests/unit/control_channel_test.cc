@@ -134,28 +134,6 @@ class ControlRead : public ControlTest {
     }
 };
 
-class ControlChunks : public ControlRead, public testing::WithParamInterface<std::size_t> {};
-
-INSTANTIATE_TEST_SUITE_P(Sizes, ControlChunks, testing::Values(1, 78, 79, 4096));
-
-TEST_P(ControlChunks, GiveTheWholeTextWhateverHappensMeanwhile) {
-    fill(60);
-    const std::string whole = read_all();
-    ASSERT_EQ(whole.size(), 79u + 60 * 78);
-    host::ProcFile file(control_path);
-    std::string text = file.read(GetParam());
-    EXPECT_EQ(text.size(), GetParam());
-    command("flush");
-    while (text.size() < whole.size()) {
-        const std::string chunk = file.read(GetParam());
-        ASSERT_EQ(chunk.size(), std::min(GetParam(), whole.size() - text.size()));
-        text += chunk;
-    }
-    EXPECT_EQ(file.read(GetParam()), "");
-    EXPECT_EQ(text, whole);
-    EXPECT_EQ(read_all(), header);
-}
-
 TEST_F(ControlRead, LogsAPass) {
     const std::string read = "tarv_proc_read";
     const auto call = [&](const char* off, const char* count) {
@@ -174,23 +152,6 @@ TEST_F(ControlRead, LogsAPass) {
     EXPECT_EQ(masked(), (Lines{call("78", "4E"), debug(read, "Current chunk size is 1"),
                                call("79", "4D"), debug(read, "Current chunk size is 0"),
                                debug(read, "Last iteration reached !!!")}));
-}
-
-TEST_F(ControlRead, KeepsASecondReaderOutOfTheFirstOnesText) {
-    fill(3);
-    const std::string whole = read_all();
-    host::ProcFile first(control_path);
-    // As much as the text that says that the file is busy.
-    std::string text = first.read(45);
-    host::ProcFile second(control_path);
-    EXPECT_EQ(second.read(4096), busy);
-    EXPECT_EQ(second.read(4096), "");
-    text += first.read(78);
-    EXPECT_EQ(second.read_at(4096, 0), busy);
-    EXPECT_EQ(second.read_at(10, 100), "");
-    text += first.read(4096);
-    EXPECT_EQ(text, whole);
-    EXPECT_EQ(host::ProcFile(control_path).read(4096), whole);
 }
 
 /* Where a reader goes who does not read on, before it closes the file. */

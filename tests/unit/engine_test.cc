@@ -9,19 +9,13 @@ namespace {
 using namespace support;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
-constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
 
 struct EngineTest : SiteTest {
     void raise(u32 type, int port) {
         fabric.raise_event(type, port);
-        kernel.settle();
-    }
-    void set_link(int port, bool up) {
-        fabric.set_link(port, up);
         kernel.settle();
     }
     bool knows(u32 address) { return tarv_hash_get_entry(address, nullptr) == tarv_stat_ok; }
@@ -77,51 +71,6 @@ TEST_F(EngineTest, NamesAreWithdrawnInTheirOrder) {
             std::string("nobody registered the name ") + order[i] + " ");
 }
 
-struct LinkDown {
-    const char* name;
-    int port;
-    std::vector<u32> kept;  // masks of the entries that stay
-    bool adapter_tells = true;
-};
-struct LinkDownTest : EngineTest, testing::WithParamInterface<LinkDown> {};
-
-TEST_P(LinkDownTest, PurgesExactlyThatPortsPaths) {
-    const LinkDown& row = GetParam();
-    const std::vector<u32> masks = {0,
-                                    primary,
-                                    secondary,
-                                    primary | secondary,
-                                    primary | TARV_MASK_STATIC,
-                                    secondary | TARV_MASK_STATIC};
-    for (u32 n = 0; n < masks.size(); n++)
-        know(2, masks[n], host_ip(100) + (n << 24));
-    trace(TARV_DEBUG);
-    host::clear_faults();
-    if (!row.adapter_tells)
-        host::fail_nth("port_num2base_gid", 1);
-    set_link(row.port, false);
-    EXPECT_THAT(masked(), ElementsAre("D tarv_api/tarv_async_event_cb: Received link_down <port:" +
-                                      std::to_string(row.port) + ">"));
-    std::vector<u32> kept;
-    for (u32 n = 0; n < masks.size(); n++)
-        if (knows(host_ip(100) + (n << 24)))
-            kept.push_back(masks[n]);
-    EXPECT_EQ(kept, row.kept);
-    EXPECT_EQ(table().size, row.kept.size());
-    EXPECT_EQ(fabric.gsi().open_classes(), 1u);
-    EXPECT_EQ(fabric.gsi().pools(), 2u) << "it serves the next set-up";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Site, LinkDownTest,
-    testing::Values(LinkDown{"port_1", 1, {0, secondary, secondary | TARV_MASK_STATIC}},
-                    LinkDown{"port_2", 2, {0, primary, primary | TARV_MASK_STATIC}},
-                    LinkDown{"port_2_whose_gid_is_only_remembered",
-                             2,
-                             {0, primary, primary | TARV_MASK_STATIC},
-                             false}),
-    row_name);
-
 struct Refused {
     const char* name;
     u32 type;
@@ -152,40 +101,6 @@ INSTANTIATE_TEST_SUITE_P(Site, RefusedTest, testing::Values(
     Refused{"link_up_0", 0x10000, 0, refused_link_up(0, "Port #0 is not supported, ports are 1 to 8.")},
     Refused{"link_down_9", 0x20000, 9, {"D tarv_api/tarv_async_event_cb: Received link_down <port:9>"}},
     Refused{"sm_change_9", 0x40000, 9, {"D tarv_sa/tarv_sa_get_sa_info: gx_port_query() failed <-3>"}}), row_name);
-// clang-format on
-
-struct Stop {
-    const char* name;
-    std::function<void(EngineTest&)> before;
-    Lines told;
-};
-struct StopTest : EngineTest, testing::WithParamInterface<Stop> {};
-
-TEST_P(StopTest, GivesThoseWhoWaitForPathsTheirLastWord) {
-    fabric.peer(host_ip(2)).drop_all();
-    fabric.sa().faults().drop_all();
-    know(3);
-    ask(host_ip(2), tarv_paths_none, "arp");
-    ask(host_ip(3), tarv_paths_primary, "first");
-    ask(host_ip(3), tarv_paths_both, "second");
-    kernel.advance(100);
-    GetParam().before(*this);
-    unload();
-    kernel.settle();
-    std::erase_if(timeline, [](const auto& line) { return line.find("query") != line.npos; });
-    EXPECT_THAT(timeline, testing::UnorderedElementsAreArray(GetParam().told));
-    EXPECT_EQ(kernel.remains(), Lines{});
-}
-
-const std::string first_told = "+100 first told -254";
-const std::string second_told = "+100 second told -254";
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Site, StopTest, testing::Values(
-    Stop{"running", [](EngineTest&) {}, {first_told, second_told}},
-    Stop{"links_down", [](EngineTest& test) {test.set_link(1, false); test.set_link(2, false);}, {first_told, second_told}},
-    Stop{"no_retries_left", [](EngineTest&) {write_once(get_data_retry, 0);}, {first_told, second_told}},
-    Stop{"no_memory", [](EngineTest&) {host::fail_nth("kmalloc", 1);}, {first_told}},
-    Stop{"halted", [](EngineTest&) {tarv_proc_cmd_halt(1, nullptr);}, {"+100 arp told -254", first_told, second_told}}), row_name);
 // clang-format on
 
 TEST_F(EngineTest, TheLastWordsAreSpokenBeforeTheAdapterIsClosed) {

@@ -77,94 +77,6 @@ TEST_F(IntakeTest, WithoutMemoryThePacketIsDropped) {
     EXPECT_EQ(waiting_for_arp(), 1u);
 }
 
-struct StaticPath {
-    const char* name;
-    u32 port;
-    const char* failing;  // a service
-    u16 pkey;
-};
-struct StaticPathTest : IntakeTest, testing::WithParamInterface<StaticPath> {};
-
-TEST_P(StaticPathTest, IsGivenToEveryPeerWhileTheSaIsOff) {
-    const StaticPath& row = GetParam();
-    wait_for_2({tarv_paths_both});
-    write_once(sa_queries_enabled, 0);
-    fabric.ipoib().set_pkey(0x8001);
-    if (row.failing)
-        host::fail_nth(row.failing, 1);
-    tarv_arp_data_t data = heard(2);
-    data.local_port_num = row.port;
-    EXPECT_EQ(hear(data), tarv_stat_ok);
-
-    ASSERT_EQ(replies.size(), 1u);
-    const tarv_arp_data_t& told = replies[0].record;
-    EXPECT_EQ(told.mask & both, TARV_MASK_PRIMARY_PATH);
-    EXPECT_EQ(told.paths_count, 0);
-    ib_path_record_v2_t expected = {};
-    expected.numb_path = 1;
-    expected.mtu = 3;
-    expected.pkey = row.pkey;
-    expected.dlid = data.lid;
-    expected.dgid = data.gid;
-    if (row.port <= 2) {
-        expected.sgid = port_gid(0x1000 + row.port);
-        expected.slid = fabric.adapter().port(static_cast<int>(row.port)).lid;
-    }
-    EXPECT_EQ(std::memcmp(&told.paths[0], &expected, sizeof expected), 0);
-    EXPECT_EQ(waiting_for_paths(), 0u);
-
-    // The next peer's path starts from the same template, but for its P_Key.
-    host::fail_nth("get_if_info", 1);
-    ask(host_ip(3));
-    hear(heard(3));
-    EXPECT_EQ(u16{replies.at(1).record.paths[0].pkey}, row.pkey);
-    EXPECT_EQ(u16{replies.at(1).record.paths[0].slid}, fabric.adapter().port(1).lid);
-}
-
-INSTANTIATE_TEST_SUITE_P(Site, StaticPathTest,
-                         testing::Values(StaticPath{"port_1", 1, nullptr, 0x8001},
-                                         StaticPath{"port_2", 2, nullptr, 0x8001},
-                                         StaticPath{"no_such_port", 257, nullptr, 0x8001},
-                                         StaticPath{"no_interface", 1, "get_if_info", 0xFFFF}),
-                         row_name);
-
-struct Protected {
-    const char* name;
-    u32 cached;
-    tarv_paths_t wanted;
-    std::size_t queries;
-    u32 lacking = 0;
-};
-struct ProtectedTest : IntakeTest, testing::WithParamInterface<Protected> {};
-
-TEST_P(ProtectedTest, AStaticEntryStaysTheOnlyOneAndAnswers) {
-    const Protected& row = GetParam();
-    wait_for_2({row.wanted});
-    know(2, TARV_MASK_STATIC | row.cached, 0, row.lacking);
-    write_once(statics_inv_enabled, 0);
-    tarv_arp_data_t forged = heard(2);
-    forged.lid = 999;
-    EXPECT_EQ(hear(forged), tarv_stat_ok);
-    EXPECT_EQ(table().size, 1u);
-    kernel.advance(10);
-    EXPECT_EQ(queries(), row.queries);
-    ASSERT_EQ(replies.size(), 1u);
-    EXPECT_EQ(replies[0].status, tarv_stat_ok);
-    EXPECT_EQ(replies[0].record.lid, heard(2).lid);
-    EXPECT_TRUE(replies[0].record.mask & TARV_MASK_STATIC);
-    EXPECT_TRUE(tarv_mask_has_paths(replies[0].record.mask, row.wanted));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Site, ProtectedTest,
-    testing::Values(Protected{"no_paths_wanted", 0, tarv_paths_none, 0},
-                    Protected{"all_paths_there", both, tarv_paths_both, 0},
-                    Protected{"primary_there", TARV_MASK_PRIMARY_PATH, tarv_paths_primary, 0},
-                    Protected{"secondary_missing", TARV_MASK_PRIMARY_PATH, tarv_paths_both, 1},
-                    Protected{"no_gid", 0, tarv_paths_primary, 1, TARV_MASK_GID},
-                    Protected{"no_port", 0, tarv_paths_both, 1, TARV_MASK_LOCAL_PORT}),
-    row_name);
-
 struct Inside {
     const char* name;
     tarv_paths_t wanted;
@@ -207,23 +119,6 @@ TEST_F(IntakeTest, ADriverThatDetachesItselfWhileItIsCalledIsStopped) {
 }
 
 struct PathIntakeTest : IntakeTest {};
-
-TEST_F(PathIntakeTest, OnePathForBothPutsTheRequestBack) {
-    know(2);
-    fabric.sa().answer_with_records(1);
-    kernel.advance(500);
-    trace(TARV_WARNING);
-    ask(host_ip(2), tarv_paths_both);
-    kernel.advance(10);
-    EXPECT_THAT(masked(), ElementsAre("E tarv_sa_req_list/tarv_sa_find_and_move_requests_to_list: "
-                                      "tarv_hash_update_paths() failed. returned -253",
-                                      "W tarv_api/tarv_process_path_rec_data: No matching requests "
-                                      "for the received Path Record Query Reply."));
-    EXPECT_EQ(waiting_for_paths(), 1u);
-    kernel.advance(12'490);
-    EXPECT_EQ(timeline.back(), "+13000 client told -254");
-    EXPECT_EQ(queries(), 4u);
-}
 
 /* The entry goes between the storing of the paths and its lookup: the reply callback of a request
  * that is answered before removes it. */

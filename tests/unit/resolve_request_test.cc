@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// Every decision about a request: hit or miss, with or without a callback, a driver, paths, the SA;
-// and every step that can fail.
+// A request: the steps of its road, what it carries, and each step of it that can fail.
 #include <cstring>
 
 #include "tests/support/module_test.h"
@@ -12,59 +11,6 @@ using namespace support;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
-constexpr u32 secondary = TARV_MASK_SECONDARY_PATH;
-constexpr u32 both = primary | secondary;
-
-struct Hit {
-    const char* name;
-    int wanted;
-    u32 cached;
-    bool callback;
-    u8 sa_on;
-    tarv_stat_t status;
-};
-struct HitTest : SiteTest, testing::WithParamInterface<Hit> {};
-
-TEST_P(HitTest, IsDecidedByWhatIsWantedAndCached) {
-    const Hit& row = GetParam();
-    know(2, row.cached);
-    write_once(sa_queries_enabled, row.sa_on);
-    const auto wanted = static_cast<tarv_paths_t>(row.wanted);
-    EXPECT_EQ(ask(host_ip(2), wanted, row.callback ? "client" : ""), row.status);
-    EXPECT_EQ(record.dst_ip, host_ip(2));
-    EXPECT_EQ(record.mask & both, row.cached);
-    kernel.advance(20);
-    const bool pending = row.status == tarv_stat_pending;
-    EXPECT_EQ(queries(), pending ? 1u : 0u);
-    ASSERT_EQ(replies.size(), pending ? 1u : 0u);
-    if (pending) {
-        EXPECT_EQ(replies[0].record.mask & both, both);
-    }
-    EXPECT_THAT(arp_requests(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Site, HitTest,
-    testing::Values(Hit{"none_wanted", 0, 0, true, 1, tarv_stat_ok},
-                    Hit{"none_wanted_no_callback", 0, 0, false, 1, tarv_stat_ok},
-                    Hit{"primary_there", 1, primary, true, 1, tarv_stat_ok},
-                    Hit{"primary_there_no_callback_sa_off", 1, primary, false, 0, tarv_stat_ok},
-                    Hit{"both_there", 2, both, true, 1, tarv_stat_ok},
-                    Hit{"both_there_no_callback", 2, both, false, 1, tarv_stat_ok},
-                    Hit{"primary_missing_no_callback", 1, 0, false, 1, tarv_stat_not_found},
-                    Hit{"primary_missing_no_callback_sa_off", 1, secondary, false, 0,
-                        tarv_stat_not_found},
-                    Hit{"secondary_missing_no_callback", 2, primary, false, 1, tarv_stat_not_found},
-                    Hit{"primary_missing_sa_off", 1, 0, true, 0, tarv_stat_ok},
-                    Hit{"secondary_missing_sa_off", 2, primary, true, 0, tarv_stat_ok},
-                    Hit{"primary_missing", 1, 0, true, 1, tarv_stat_pending},
-                    Hit{"only_secondary_of_both", 2, secondary, true, 1, tarv_stat_pending},
-                    Hit{"secondary_missing", 2, primary, true, 1, tarv_stat_pending},
-                    Hit{"three_paths", 3, 0, true, 1, tarv_stat_ok},
-                    Hit{"minus_one_path", -1, 0, false, 1, tarv_stat_ok}),
-    row_name);
 
 struct RequestTest : SiteTest {
     static const tarv_list_entry_t* newest_for_paths() TA_NO_ANALYSIS {
@@ -96,40 +42,65 @@ TEST_F(RequestTest, AHaltedModuleRefusesEvenWhatItKnows) {
                                       "sending ARP during stack stop)."));
 }
 
-struct Invalidation {
-    const char* name;
-    bool known;
-    u32 more;
-    u8 statics;
-    const char* logged;
-    tarv_stat_t status;
-};
-struct InvalidationTest : SiteTest, testing::WithParamInterface<Invalidation> {};
+TEST_F(RequestTest, OfAResolutionEachStepIsLoggedLetterByLetter) {
+    trace(TARV_DEBUG);
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_pending);
+    EXPECT_EQ(record.mask, 0u);
+    kernel.advance(10);
 
-TEST_P(InvalidationTest, DropsWhatMayBeDroppedAndResolvesAfresh) {
-    const Invalidation& row = GetParam();
-    if (row.known)
-        know(2, row.more);
-    write_once(statics_inv_enabled, row.statics);
-    trace(TARV_FUNC);
-    EXPECT_EQ(ask(host_ip(2), tarv_paths_none, "client", 1), row.status);
-    EXPECT_THAT(
+    EXPECT_EQ(
         masked(),
-        Contains(
-            std::string("F tarv_api/__tarv_get_ib_data: Invalidate is ON, Entry <IP:0x200000A> ") +
-            row.logged + "."));
-    EXPECT_EQ(arp_requests().size(), row.status == tarv_stat_pending ? 1u : 0u);
-    EXPECT_EQ(table().size, row.status == tarv_stat_pending ? 0u : 1u);
+        (Lines{
+            "D tarv_req_list/tarv_add_arp_request: Added req: P",
+            "D tarv_api/__tarv_get_ib_data: send_arp_data_fn() finished tarv_media_reset = 0.",
+            "D tarv_api/tarv_get_ib_data: status from __tarv_get_ib_data() - -253",
+            "D tarv_api/tarv_process_arp_data: ARP processed <src_ip:0200000a,dst_ip:0100000a>",
+            "D tarv_sa_req_list/tarv_sa_add_request: Added SA req: P",
+            "D tarv_sa/tarv_sa_query_path: 2 sgids passed to "
+            "tarv_sa_build_multi_path_rec_query_mad()",
+            "D tarv_sa/tarv_sa_build_multi_path_rec_query_mad: Building RMPP payload",
+            "D tarv_sa/tarv_sa_build_multi_path_rec_query_mad: Requesting 3 paths.",
+            "D tarv_sa/tarv_sa_query_path: tarv_sa_build_multi_path_rec_query_mad() ok !!!",
+            "D tarv_sa/tarv_sa_query_path: Sending the path query on port 1",
+            "D tarv_sa/tarv_sa_parse_path_rec_query_mad_reply: **** GSI returned payload size of "
+            "148 ****",
+            "D tarv_sa/tarv_sa_parse_path_rec_query_mad_reply: Non-RMPP reply received",
+            "",
+            "D tarv_sa/tarv_sa_parse_path_rec_query_mad_reply: **** paysize - 20 = 128, sizeof "
+            "ib_path_record_v2_t = 64 ****",
+            "D tarv_sa/tarv_sa_recv_done_cb: Check     SGID: 0xFE8000000000000000001001 port: 1, "
+            "SLID:11",
+            "",
+            "D tarv_sa/tarv_sa_recv_done_cb: Local port GID: 0xFE8000000000000000001001 port: 1",
+            "",
+            "D tarv_arp_hash/tarv_change_path_pkey: pkey of first path changed to: 0xffff",
+            "D tarv_arp_hash/tarv_change_path_pkey: pkey of second path changed to: 0xffff",
+            "D tarv_arp_hash/tarv_hash_update_paths: IP: 0200000A found.",
+            "D tarv_arp_hash/tarv_hash_update_paths: Received 2 paths.",
+            "D tarv_arp_hash/tarv_hash_update_paths: Primary path added<mask 0x2FF>.",
+            "D tarv_arp_hash/tarv_hash_update_paths: Secondary path added<mask 0x3FF>.",
+            "D tarv_arp_hash/tarv_hash_get_entry: IP: 0200000A found.",
+        }));
+    EXPECT_THAT(timeline,
+                ElementsAre("+2 query on port 1 to lid 1 sl 0", "+4 client told 0 with 10.0.0.2"));
+
+    EXPECT_EQ(ask(host_ip(2), tarv_paths_both), tarv_stat_ok);
+    EXPECT_THAT(masked(),
+                ElementsAre("D tarv_arp_hash/tarv_hash_get_entry_data: IP: 0200000A found.",
+                            "D tarv_api/tarv_get_ib_data: status from __tarv_get_ib_data() - 0"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Site, InvalidationTest,
-    testing::Values(
-        Invalidation{"learned", true, 0, 0, "removed", tarv_stat_pending},
-        Invalidation{"unknown", false, 0, 1, "not found", tarv_stat_pending},
-        Invalidation{"static_entry", true, TARV_MASK_STATIC, 1, "removed", tarv_stat_pending},
-        Invalidation{"kept_static", true, TARV_MASK_STATIC, 0, "not found", tarv_stat_ok}),
-    row_name);
+TEST_F(RequestTest, WhatIsInvalidatedIsTraced) {
+    know(2, TARV_MASK_STATIC);
+    trace(TARV_FUNC);
+    for (const auto& [statics, said] : {std::pair{0, "not found"}, {1, "removed"}}) {
+        write_once(statics_inv_enabled, statics);
+        ask(host_ip(2), tarv_paths_none, "client", 1);
+        EXPECT_THAT(masked(), Contains("F tarv_api/__tarv_get_ib_data: Invalidate is ON, Entry "
+                                       "<IP:0x200000A> " +
+                                       std::string(said) + "."));
+    }
+}
 
 TEST_F(RequestTest, AWaitingRequestRemembersWhatItNeeds) {
     know(2);
@@ -175,68 +146,54 @@ TEST_F(RequestTest, AnArpRequestHoldsNothingButItsFiveFields) {
     EXPECT_EQ(record.mask, 0u);
 }
 
-TEST_F(RequestTest, AnArpRequestThatCannotBeSentStaysWithoutItsCallback) {
-    host::fail_nth("send_arp", 1);
-    trace(TARV_ERROR);
-    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
-    EXPECT_THAT(masked(), ElementsAre("E tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed."));
-    EXPECT_EQ(record.mask, 0x403u);
-    EXPECT_EQ(record.arp_operation, TARV_ARP_OP_REQUEST);
-    EXPECT_EQ(record.dst_ip, host_ip(2));
-    EXPECT_EQ(waiting_for_arp(), 1u);
-    kernel.advance(2000);
-    EXPECT_EQ(masked(), retired_without_callback());
-    EXPECT_EQ(waiting_for_arp(), 0u);
-    ask(host_ip(3));
-    EXPECT_THAT(arp_requests(), ElementsAre("+0 10.0.0.2 reset 1", "+2000 10.0.0.3 reset 1"));
-    EXPECT_THAT(timeline, IsEmpty());
-}
+/* A call that fails while host 2, who answers nothing, is asked for and asked again, or the SA. */
+struct Failing {
+    const char* name;
+    const char* service;
+    tarv_paths_t paths;         // wanted of an entry that has none; none: there is no entry
+    unsigned long first_ticks;  // after the request, before the call fails
+    tarv_stat_t status;
+    Lines logged;
+};
+struct FailingTest : RequestTest, testing::WithParamInterface<Failing> {};
 
-TEST_F(RequestTest, AReissueThatCannotBeSentEndsItsRequest) {
+TEST_P(FailingTest, IsLoggedAndEndsTheRequest) {
+    const Failing& row = GetParam();
     fabric.peer(host_ip(2)).drop_all();
-    ask(host_ip(2));
-    host::fail_nth("send_arp", 1);
+    if (row.paths != tarv_paths_none)
+        know(2);
     trace(TARV_ERROR);
-    kernel.advance(1000);
-    EXPECT_THAT(timeline, ElementsAre("+1000 client told -255"));
-    EXPECT_FALSE(replies.at(0).with_record);
-    EXPECT_THAT(
-        masked(),
-        ElementsAre("E tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed.",
-                    "E tarv_api/tarv_retry_ib_data_request: __tarv_get_ib_data() returned :-255"));
-    EXPECT_EQ(waiting_for_arp(), 1u);
-    kernel.advance(1000);
-    EXPECT_EQ(masked(), retired_without_callback());
-}
-
-TEST_F(RequestTest, NoMemoryForARequestIsAnError) {
-    trace(TARV_ERROR);
-    host::fail_nth("kmalloc", 1);
-    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
-    know(2);
-    host::fail_nth("kmalloc", 1);
-    EXPECT_EQ(ask(host_ip(2), tarv_paths_primary), tarv_stat_error);
-    EXPECT_THAT(
-        masked(),
-        ElementsAre(
-            "E tarv_api/__tarv_get_ib_data: Not enough memory to allocate a request entry.",
-            "E tarv_api/__tarv_get_ib_data: Not enough memory to allocate a SA request entry."));
+    if (row.first_ticks == 0)
+        host::fail_nth(row.service, 1);
+    EXPECT_EQ(ask(host_ip(2), row.paths), row.status);
+    if (row.status == tarv_stat_error && row.service == std::string("send_arp")) {
+        EXPECT_EQ(record.mask, 0x403u) << "the caller sees what could not be sent";
+        EXPECT_EQ(record.dst_ip, host_ip(2));
+    }
+    host::fail_nth(row.service, 1);
+    kernel.advance(row.first_ticks);
+    host::clear_faults();
+    kernel.advance(2000 - row.first_ticks);
+    EXPECT_EQ(masked(), row.logged);
     EXPECT_EQ(waiting_for_arp() + waiting_for_paths(), 0u);
-    kernel.settle();
-    EXPECT_EQ(queries() + arp_requests().size(), 0u);
 }
 
-TEST_F(RequestTest, NoMemoryForAReissueEndsTheRequestInSilence) {
-    fabric.peer(host_ip(2)).drop_all();
-    ask(host_ip(2));
-    host::fail_nth("kmalloc", 1);
-    trace(TARV_ERROR);
-    kernel.advance(1000);
-    EXPECT_THAT(masked(), ElementsAre("E tarv_api/tarv_retry_ib_data_request: Not enough memory to "
-                                      "allocate a temp_arp_data (" +
-                                      std::to_string(sizeof(tarv_arp_data_t)) + ")."));
-    EXPECT_EQ(waiting_for_arp(), 0u);
-    EXPECT_THAT(timeline, IsEmpty());
-}
+const std::string no_memory = "E tarv_api/__tarv_get_ib_data: Not enough memory to allocate a ";
+const std::string returned =
+    "E tarv_api/tarv_retry_ib_data_request: __tarv_get_ib_data() returned :";
+const std::string no_callback =
+    "E tarv_api/tarv_retry_ib_data_request: can't call reply callback (is NULL)";
+const std::string not_sent = "E tarv_api/__tarv_get_ib_data: send_arp_data_fn() failed.";
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Site, FailingTest, testing::Values(
+    Failing{"send", "send_arp", tarv_paths_none, 0, tarv_stat_error, {not_sent, returned + "-256", no_callback}},
+    Failing{"send_again", "send_arp", tarv_paths_none, 1000, tarv_stat_pending, {not_sent, returned + "-255", returned + "-256", no_callback}},
+    Failing{"memory_for_arp", "kmalloc", tarv_paths_none, 0, tarv_stat_error, {no_memory + "request entry."}},
+    Failing{"memory_for_paths", "kmalloc", tarv_paths_primary, 0, tarv_stat_error, {no_memory + "SA request entry."}},
+    Failing{"memory_to_ask_again", "kmalloc", tarv_paths_none, 1000, tarv_stat_pending,
+        {"E tarv_api/tarv_retry_ib_data_request: Not enough memory to allocate a temp_arp_data (" + std::to_string(sizeof(tarv_arp_data_t)) + ")."}}),
+    row_name);
+// clang-format on
 
 }  // namespace

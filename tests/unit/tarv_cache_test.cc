@@ -29,22 +29,6 @@ class Cache : public support::KernelTest {
     }
 };
 
-struct Bucket {
-    const char* name;
-    const char* address;
-    u32 bucket;
-};
-class Hash : public testing::TestWithParam<Bucket> {};
-TEST_P(Hash, FallsInto) {
-    EXPECT_EQ(tarv_hash_func(ip(GetParam().address)), GetParam().bucket);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Addresses, Hash,
-    testing::Values(Bucket{"nothing", "0.0.0.0", 0}, Bucket{"first_host", "10.0.0.1", 10},
-                    Bucket{"second_host", "10.0.0.2", 9}, Bucket{"class_c", "192.168.1.20", 18},
-                    Bucket{"high_bit", "0.0.0.128", 16}, Bucket{"broadcast", "255.255.255.255", 0}),
-    support::row_name);
-
 const u32 known = ip("10.0.0.1");
 const u32 unknown = ip("10.0.0.2");
 tarv_hash_entry_t copied;
@@ -79,25 +63,6 @@ TEST_F(Cache, LogsWhatItFinds) {
     EXPECT_EQ(tarv_hash_update_ib_data(unknown, &new_data), tarv_stat_not_found);
     EXPECT_EQ(tarv_hash_remove_entry(unknown, &entry), tarv_stat_not_found);
     EXPECT_EQ(console(), Lines{});
-}
-
-TEST_F(Cache, FindsByGidInTableOrderWhateverTheMask) {
-    const auto add_with_gid = [](u32 address, u16 lid) {
-        tarv_arp_data_t data = record(address, 0, lid);
-        data.gid = gid(1);
-        add(data);
-    };
-    tarv_arp_data_t out = {};
-    EXPECT_EQ(tarv_hash_seq_cache_lookup(&first_gid, &out), tarv_stat_not_found);
-    for (u16 i = 0; i < 3; i++) {  // each is found before those that were there
-        add_with_gid(ip_in_bucket(7u - 3 * (i > 0), i), i);
-        ASSERT_EQ(tarv_hash_seq_cache_lookup(&first_gid, &out), tarv_stat_ok);
-        EXPECT_EQ(out.lid, i);
-        EXPECT_EQ(out.primary_path, &out.paths[0]);
-    }
-    add_with_gid(ip_in_bucket(31), 9);
-    tarv_hash_seq_cache_lookup(&first_gid, &out);
-    EXPECT_EQ(out.lid, 2);
 }
 
 TEST_F(Cache, TracesALookupByGid) {
@@ -155,42 +120,6 @@ TEST_P(TextSizes, AreExact) {
 }
 INSTANTIATE_TEST_SUITE_P(Entries, TextSizes, testing::Values(0, 1, 2, 100));
 
-struct TextLine {
-    const char* name;
-    const char* address;
-    u32 mask;
-    u16 lid;
-    const char* line;
-};
-class TextLines : public Cache, public testing::WithParamInterface<TextLine> {};
-TEST_P(TextLines, AreInColumns) {
-    add(record(ip(GetParam().address), GetParam().mask, GetParam().lid));
-    EXPECT_EQ(render(160), header + GetParam().line);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Entries, TextLines,
-    testing::Values(
-        TextLine{"usual", "10.0.0.1", 0x21F, 5,
-                 "10.0.0.1         0x1         0x21f       00:AA:00:00:00:05     *        ipoib\n"},
-        TextLine{"each_length_of_a_byte", "10.100.99.9", 0, 0,
-                 "10.100.99.9      0x1         0x0         00:AA:00:00:00:00     *        ipoib\n"},
-        TextLine{"lid_without_mask", "192.168.1.20", 0, 0x1234,
-                 "192.168.1.20     0x1         0x0         00:AA:00:00:12:34     *        ipoib\n"},
-        TextLine{
-            "longest", "255.255.255.255", 0xFFFFFFFF, 0xFEDC,
-            "255.255.255.255  0x1         0xffffffff  00:AA:00:00:FE:DC     *        ipoib\n"}),
-    support::row_name);
-
-TEST_F(Cache, RendersInTableOrder) {
-    add(record(ip("10.0.0.1"), 0));  // bucket 10
-    add(record(ip("10.0.0.2"), 0));  // bucket 9
-    add(record(ip_in_bucket(10, 50), 0, 0x77));
-    const std::string text = render(4 * 80);
-    EXPECT_EQ(text.find("10.0.0.2 "), header.size());
-    EXPECT_NE(text.substr(header.size() + 78, 78).find(":00:77 "), std::string::npos);
-    EXPECT_EQ(text.find("10.0.0.1 "), header.size() + 2 * 78);
-}
-
 TEST_F(Cache, NeverOverrunsItsBuffer) {
     for (u32 i = 1; i <= 5; i++)
         add(record(i, 0));
@@ -200,17 +129,6 @@ TEST_F(Cache, NeverOverrunsItsBuffer) {
         EXPECT_EQ(render(80 * (seen + 1)).size(), 79 + 78 * seen);
     }
     table().size = 5;
-}
-
-TEST_F(Cache, DestroysWhatItHolds) {
-    for (u32 i = 1; i <= 100; i++)
-        add(record(i, i % 2 ? TARV_MASK_STATIC : 0u));
-    trace(TARV_DEBUG);
-    tarv_hash_destroy();
-    EXPECT_EQ(told(unit), Lines{});
-    EXPECT_EQ(table().size, 0u);
-    tarv_hash_destroy();
-    EXPECT_EQ(told(unit), (Lines{"D tarv_hash_destroy: The ARP table is empty."}));
 }
 
 }  // namespace

@@ -47,60 +47,6 @@ class Paths : public support::FabricTest {
         support::path(support::gid(1), port_gid(0x1001), 103, 0xFFFF)};
 };
 
-/// An answer of `count` paths for an entry that holds `before`; what a request that wants `wanted`
-/// is told, and what the entry is like then.
-struct Update {
-    const char* name;
-    int before;
-    int count;
-    int wanted;
-    tarv_stat_t status;
-    u32 mask;
-    int paths_count;
-};
-class UpdatePaths : public Paths, public testing::WithParamInterface<Update> {};
-TEST_P(UpdatePaths, StoresAndDecides) {
-    const Update& row = GetParam();
-    const tarv_hash_entry_t* entry = support::add(support::record(peer, TARV_MASK_LID));
-    if (row.before)
-        tarv_hash_update_paths(peer, received, row.before, tarv_paths_none, nullptr);
-    std::swap(received[0], received[2]);
-    tarv_hash_entry_t copy = {};
-    trace(TARV_DEBUG);
-    EXPECT_EQ(tarv_hash_update_paths(peer, row.count ? received : nullptr, row.count,
-                                     static_cast<tarv_paths_t>(row.wanted), &copy),
-              row.status);
-    // A mask is told as it is at that moment: an older secondary path is still marked.
-    EXPECT_EQ(told_by("tarv_hash_update_paths", unit),
-              "D IP: 0200000A found.\n" +
-                  (row.count ? host::kformat("D Received %d paths.\n"
-                                             "D Primary path added<mask 0x%X>.\n",
-                                             row.count, row.before > 1 ? 0x190 : 0x090)
-                             : "") +
-                  (row.count > 1 ? "D Secondary path added<mask 0x190>.\n" : ""));
-    EXPECT_EQ(entry->arp_data.mask, row.mask | TARV_MASK_LID);
-    EXPECT_EQ(entry->arp_data.paths_count, row.paths_count);
-    EXPECT_EQ(entry->arp_data.primary_path, &entry->arp_data.paths[0]);
-    EXPECT_EQ(entry->arp_data.secondary_path, &entry->arp_data.paths[1]);
-    for (int i = 0; i < row.count; i++)
-        EXPECT_EQ(entry->arp_data.paths[i].dlid, 103 - i);
-    EXPECT_EQ(copy.arp_data.dst_ip, row.status == tarv_stat_ok ? peer : 0)
-        << "a copy goes only to who is satisfied";
-}
-constexpr auto ok = tarv_stat_ok, pending = tarv_stat_pending;
-INSTANTIATE_TEST_SUITE_P(Answers, UpdatePaths,
-                         testing::Values(Update{"one_for_one", 0, 1, 1, ok, 0x080, 1},
-                                         Update{"one_for_both", 0, 1, 2, pending, 0x080, 1},
-                                         Update{"two_for_both", 0, 2, 2, ok, 0x180, 2},
-                                         Update{"three_for_both", 0, 3, 2, ok, 0x180, 3},
-                                         Update{"one_withdraws_two", 2, 1, 2, pending, 0x080, 1},
-                                         Update{"one_after_two_for_one", 2, 1, 1, ok, 0x080, 1},
-                                         Update{"none_for_none", 0, 0, 0, ok, 0, 0},
-                                         Update{"none_for_one", 0, 0, 1, pending, 0, 0},
-                                         Update{"none_with_older_two", 2, 0, 2, ok, 0x180, 2},
-                                         Update{"two_for_nobody", 0, 2, 3, pending, 0x180, 2}),
-                         support::row_name);
-
 /// P_Keys as "8001 7FFF".
 std::vector<std::uint16_t> pkeys(const std::string& text) {
     std::istringstream in(text);
@@ -121,6 +67,7 @@ struct Rewrite {
     const char* pkeys;
     const char* told;
 };
+constexpr auto ok = tarv_stat_ok;
 constexpr char skipped[] = "W change pkey of path(s) from SA was skipped\n";
 class PKeyRewrite : public Paths, public testing::WithParamInterface<Rewrite> {};
 TEST_P(PKeyRewrite, GivesThePKeyThatIsUsedTowardsThePeer) {

@@ -175,16 +175,6 @@ TEST_F(SaContext, KeepsItsPoolFromLinkDownToLinkUp) {
     EXPECT_EQ(open(), (Open{0, 0, 0})) << "the clean-up takes a pool that was kept";
 }
 
-TEST_F(SaContext, AsksUntilTheServiceLetsGo) {
-    ASSERT_EQ(set_up(1), tarv_stat_ok);
-    host::clear_faults();
-    for (const unsigned long nth : {1, 2, 3})
-        host::fail_nth("gsi_deregister_class", nth);
-    tarv_sa_destroy(1);
-    EXPECT_EQ(host::calls_of("gsi_deregister_class"), 4u);
-    EXPECT_EQ(open(), (Open{0, 0, 1}));
-}
-
 TEST_F(SaContext, IsCleanedUpPortByPort) {
     ASSERT_EQ(set_up(1), tarv_stat_ok);
     ASSERT_EQ(set_up(2), tarv_stat_ok);
@@ -198,25 +188,6 @@ TEST_F(SaContext, IsCleanedUpPortByPort) {
     EXPECT_EQ(shown()[1], "port num: 2") << "what was found out stays";
     EXPECT_EQ(shown()[3],
               " valid: 0, pkey: 65535, sl: 0, sm lid: 1, gsi h: null, gsi pool h: null");
-}
-
-TEST_F(SaContext, FollowsTheSubnetManager) {
-    ASSERT_EQ(set_up(1), tarv_stat_ok);
-    const std::string before = shown()[2];
-    fabric.move_sm(12, 5);
-    EXPECT_EQ(shown()[2], before);
-    EXPECT_EQ(tarv_sa_update_sa_info(2), tarv_stat_error) << "it is not set up";
-    EXPECT_EQ(shown()[3], nothing_set_up);
-
-    host::fail_nth("gx_port_query", 1);
-    EXPECT_EQ(tarv_sa_update_sa_info(1), tarv_stat_error);
-    host::fail_nth("gx_hca_open", 1);
-    EXPECT_EQ(tarv_sa_update_sa_info(1), tarv_stat_error);
-    EXPECT_EQ(shown()[2], before);
-
-    EXPECT_EQ(tarv_sa_update_sa_info(1), tarv_stat_ok);
-    EXPECT_EQ(shown()[2], " valid: 1, pkey: 65535, sl: 5, sm lid: 12, gsi h: P, gsi pool h: P");
-    EXPECT_EQ(open(), (Open{0, 1, 1}));
 }
 
 class SaPortNumbers : public SaContext, public testing::WithParamInterface<int> {};

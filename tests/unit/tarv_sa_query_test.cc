@@ -237,25 +237,6 @@ INSTANTIATE_TEST_SUITE_P(
                 "port: 0, get: 0"}),
     support::row_name);
 
-TEST_F(SaQuery, IsNotPostedWhenThePortGoesMeanwhile) {
-    set_up({1});
-    trace(TARV_DEBUG);
-    // Between the building and the posting. The console's reader may take no lock of the module, so
-    // it leaves the port as another processor's take-down would.
-    host::set_console([](const host::LogLine& line) {
-        if (line.text.ends_with(" ok !!!"))
-            write_once(tarv_sa_g.ports[0].is_valid, 0);
-    });
-    EXPECT_EQ(query(), tarv_stat_error);
-    host::set_console({});
-    EXPECT_EQ(told("tarv_sa").back(),
-              "D tarv_sa_query_path: Invalid port object <is_valid:0> or gsi_post_send_dtgrm() "
-              "failed <0>");
-    EXPECT_EQ(fabric.gsi().datagrams_out(), 0u);
-    EXPECT_EQ(query(), tarv_stat_error) << "its link is down";
-    EXPECT_EQ(counters(), "port: 1, get: 0");
-}
-
 /* The rest of its log stands in the log of a whole resolution. */
 TEST_F(SaQuery, TracesTheEndOfItsSending) {
     set_up({1});
@@ -281,56 +262,6 @@ fabric::PathRecord record_from(std::uint64_t guid, std::uint16_t dlid) {
     record.dlid = dlid;
     return record;
 }
-
-/// An answer of so many records, cut off after so many bytes of SA header and data (0: whole): how
-/// many are delivered. In segments or not, the same holds.
-struct Size {
-    const char* name;
-    unsigned records;
-    std::size_t cut;
-    std::size_t delivered;
-};
-class AnswerSizes : public SaQuery, public testing::WithParamInterface<std::tuple<Size, bool>> {};
-TEST_P(AnswerSizes, DecideHowManyPathsCount) {
-    const auto& [row, in_segments] = GetParam();
-    set_up({1});
-    std::vector<fabric::PathRecord> records;
-    for (unsigned i = 0; i < row.records; i++)
-        records.push_back(record_from(i == 0 ? 0x1001 : 0x2001, static_cast<u16>(51 + i)));
-    fabric.sa().answer_with(records);
-    if (row.cut)
-        fabric.sa().answer_truncated_to(row.cut);
-    if (in_segments)
-        fabric.sa().answer_over_rmpp();
-    trace(TARV_DEBUG);
-    ask();
-    ASSERT_EQ(deliveries.size(), row.delivered ? 1u : 0u);
-    if (!row.delivered) {
-        EXPECT_EQ(told_by("tarv_sa_recv_done_cb", "tarv_sa"),
-                  "D Error processing the incoming MAD\n");
-        return;
-    }
-    const std::string parse = told_by("tarv_sa_parse_path_rec_query_mad_reply", "tarv_sa");
-    EXPECT_TRUE(row.records == 1 || row.cut != 0 ||
-                (parse.find("D RMPP reply") != std::string::npos) ==
-                    (in_segments || row.records > 3));
-    ASSERT_EQ(deliveries[0].paths.size(), row.delivered);
-    for (std::size_t i = 0; i < row.delivered; i++)
-        EXPECT_EQ(deliveries[0].paths[i].dlid, 51 + i);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Records, AnswerSizes,
-    testing::Combine(testing::Values(Size{"none", 0, 0, 0}, Size{"one", 1, 0, 1},
-                                     Size{"two", 2, 0, 2}, Size{"three", 3, 0, 3},
-                                     Size{"four", 4, 0, 3}, Size{"cut_in_the_header", 2, 10, 0},
-                                     Size{"cut_to_83", 2, 83, 0}, Size{"cut_to_84", 2, 84, 1},
-                                     Size{"cut_to_147", 2, 147, 1}, Size{"cut_to_148", 2, 148, 2},
-                                     Size{"cut_to_211", 3, 211, 2}, Size{"cut_to_275", 4, 275, 3}),
-                     testing::Bool()),
-    [](const auto& row) {
-        return std::string(std::get<0>(row.param).name) +
-               (std::get<1>(row.param) ? "_in_segments" : "");
-    });
 
 /// An answer that is no good: how the SA is made to give it, and what the parse logs of it.
 struct Bad {
@@ -376,17 +307,6 @@ INSTANTIATE_TEST_SUITE_P(
                         },
                         "W Invalid attribute ID. <0x0001>\n"}),
     support::row_name);
-
-TEST_F(SaQuery, AnswerOfAnotherPortComesWithItsArrival) {
-    set_up({1, 2});
-    fabric.sa().answer_with({record_from(0x1002, 51)});
-    ask(1);
-    ASSERT_EQ(deliveries.size(), 1u);
-    EXPECT_EQ(deliveries[0].port, 1u);
-    tarv_sa_destroy(2);
-    ask(1);
-    EXPECT_EQ(deliveries.size(), 2u) << "a port that went down is matched all the same";
-}
 
 TEST_F(SaQuery, AnswerOfNoPortIsDropped) {
     set_up({1});
