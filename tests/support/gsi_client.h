@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/gsi.h"
-#include "tests/support/fabric_world.h"
+#include "tests/support/fabric_test.h"
 
 namespace fabric_testing {
 

@@ -13,14 +13,12 @@
 #include <deque>
 #include <functional>
 
-#include "host/faults.h"
 #include "host/services.h"
 #include "tarv/tarv-api-control.h"
 #include "tarv/tarv-module.h"
 #include "tarv/tarv-sa.h"
-#include "tests/support/kernel_test.h"
+#include "tests/support/machine_test.h"
 #include "tests/support/records.h"
-#include "tests/support/site.h"
 
 namespace support {
 
@@ -53,30 +51,13 @@ struct StandInDriver {
     }
 };
 
-/// An adapter, and the module not loaded.
-class FabricTest : public KernelTest {
+/// The module not loaded, and its files.
+class ModuleTest : public MachineTest {
   public:
-    explicit FabricTest(unsigned long first_jiffy = 1000, int our_ports = 2)
-        : KernelTest(first_jiffy),
-          fabric(site(our_ports), fabric::deal_addresses(site(our_ports)), 0) {}
-    void TearDown() override {
-        host::clear_faults();
-        if (loaded)
-            unload();
-        KernelTest::TearDown();
-    }
+    using MachineTest::MachineTest;
 
-    int load(const std::vector<std::string>& parameters = {}) {
-        const int result = host::load_module(tarv_module, parameters);
-        loaded = result == 0;
-        return result;
-    }
-    void unload() {
-        if (fabric.ipoib().attached())
-            fabric.ipoib().detach();
-        host::unload_module(tarv_module);
-        loaded = false;
-    }
+    int load(const std::vector<std::string>& parameters = {}) { return machine.load(parameters); }
+    void unload() { machine.unload(); }
 
     static void set_level(std::uint64_t level) {
         host::set_repository_value(level_key, "debug-level", level);
@@ -94,26 +75,23 @@ class FabricTest : public KernelTest {
     static std::string read_all(const std::string& path = control_path) {
         return host::ProcFile(path).read(1 << 20);
     }
-
-    fabric::Fabric fabric;
-    bool loaded = false;
 };
 
 /// The SA client alone, all its ports still to be set up.
-class SaTest : public FabricTest {
+class SaTest : public ModuleTest {
   public:
-    explicit SaTest(int our_ports = 2) : FabricTest(1000, our_ports) { tarv_sa_start(); }
+    explicit SaTest(int our_ports = 2) : ModuleTest(1000, our_ports) { tarv_sa_start(); }
     void TearDown() override {
         tarv_sa_cleanup();
         kernel.advance(20000);  // requests that the fabric still remembers are forgotten
         EXPECT_EQ(atomic_read(&tarv_gsi_pending_cnt), 0);
-        FabricTest::TearDown();
+        ModuleTest::TearDown();
     }
 };
 
 /// The module is loaded as its administrator finds it: it has heard of its ports and logs up to
 /// DEBUG; nothing is switched on, no driver is attached.
-class ControlTest : public FabricTest {
+class ControlTest : public ModuleTest {
   public:
     ControlTest() { host::set_logger_level(TARV_FUNC); }
     void SetUp() override {
@@ -126,9 +104,9 @@ class ControlTest : public FabricTest {
 
 /// The module is loaded and in use: with the fabric's driver, ARP intake and SA queries. Nothing is
 /// logged until trace() says so.
-class SiteTest : public FabricTest {
+class RunningTest : public ModuleTest {
   public:
-    using FabricTest::FabricTest;
+    using ModuleTest::ModuleTest;
 
     void SetUp() override {
         fabric.on_packet([this](const fabric::SeenPacket& seen) { note_query(seen); });
@@ -234,7 +212,7 @@ class SiteTest : public FabricTest {
     }
 
     struct SiteClient : Client {
-        SiteTest* site;
+        RunningTest* site;
     };
     static void reply(tarv_stat_t status, tarv_arp_data_t* answer, void* context) {
         auto* client = static_cast<SiteClient*>(context);

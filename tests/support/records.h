@@ -14,7 +14,6 @@
 #include "platform/jiffies.h"
 #include "platform/memory.h"
 #include "tarv/tarv-arp-hash.h"
-#include "tarv/tarv-req-list.h"
 
 namespace support {
 
@@ -95,19 +94,5 @@ struct Client {
                                    answer ? *answer : tarv_arp_data_t{}, jiffies()});
     }
 };
-
-/// A request as its maker leaves it on a list, with that client's callback. The list owns it.
-inline tarv_list_entry_t* request(u32 req_ip, tarv_paths_t paths = tarv_paths_none,
-                                  Client* client = nullptr) {
-    auto* entry = static_cast<tarv_list_entry_t*>(kmalloc(sizeof(tarv_list_entry_t), GFP_KERNEL));
-    *entry = {};
-    entry->req_ip = req_ip;
-    entry->requested_paths = paths;
-    if (client) {
-        entry->reply_cb = reinterpret_cast<void*>(&Client::reply);
-        entry->context = client;
-    }
-    return entry;
-}
 
 }  // namespace support

@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 constexpr u32 primary = TARV_MASK_PRIMARY_PATH;
 
-struct EngineTest : SiteTest {
+struct EngineTest : RunningTest {
     void raise(u32 type, int port) {
         fabric.raise_event(type, port);
         kernel.settle();

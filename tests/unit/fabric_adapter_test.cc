@@ -4,7 +4,7 @@
 #include <map>
 
 #include "host/console.h"
-#include "tests/support/fabric_world.h"
+#include "tests/support/fabric_test.h"
 
 using namespace fabric;
 using namespace fabric_testing;
@@ -177,7 +177,7 @@ std::string star(const LidCase& c) {
 TEST(SubnetManagerTest, KeepsGivenLidsAndGivesTheMissingOnes) {
     for (const LidCase& c : lid_cases) {
         SCOPED_TRACE(c.name);
-        Topology topology = read(star(c));
+        Topology topology = read_fabric(star(c));
         Subnet subnet(topology, {.lmc = c.lmc});
         for (const auto& [guid, lid] : c.expected) {
             std::optional<EndPort> port = subnet.by_gid(gid(guid));

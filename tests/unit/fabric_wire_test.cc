@@ -4,7 +4,7 @@
 // files.
 #include <cstring>
 
-#include "tests/support/fabric_world.h"
+#include "tests/support/fabric_test.h"
 
 using namespace fabric;
 using namespace fabric_testing;

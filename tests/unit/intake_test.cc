@@ -14,7 +14,7 @@ using testing::IsEmpty;
 
 constexpr u32 both = TARV_MASK_BOTH_PATHS;
 
-struct IntakeTest : SiteTest {
+struct IntakeTest : RunningTest {
     /// Clients whose ARP requests get lost wait for host 2.
     void wait_for_2(const std::vector<tarv_paths_t>& wanted) {
         fabric.peer(host_ip(2)).drop_all();

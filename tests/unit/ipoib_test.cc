@@ -3,7 +3,7 @@
 // The IPoIB driver and the peers' interfaces, with functions registered in the module's place.
 #include "host/services.h"
 #include "platform/module.h"
-#include "tests/support/fabric_world.h"
+#include "tests/support/fabric_test.h"
 
 using namespace fabric;
 using namespace fabric_testing;
@@ -41,38 +41,44 @@ tarv_stat_t process(tarv_arp_data_t* record) {
     return tarv_stat_ok;
 }
 
-class IpoibTest : public FabricTest {
-  protected:
-    IpoibTest() {
+/* The names of a module, for as long as it is there. */
+class StandIn {
+  public:
+    explicit StandIn(Fabric& fabric) {
         given = {};
         add("tarv_attach_fn", attach);
         add("tarv_detach_fn", detach);
         add("tarv_process_arp_data_fn", process);
         EXPECT_EQ(fabric.ipoib().attach(), tarv_stat_ok);
     }
-    ~IpoibTest() override {
+    ~StandIn() {
         for (const char* name : names_)
             inter_module_unregister(name);
     }
 
+  private:
     template <class F>
     void add(const char* name, F* function) {
         inter_module_register(name, this_module(), reinterpret_cast<const void*>(function));
         names_.push_back(name);
     }
-
-    /* The module has an address asked for; what its send function answered. */
-    tarv_stat_t ask(int n, int media_reset = 0) {
-        tarv_arp_data_t record{};
-        record.mask = 0x403;
-        record.arp_operation = 1;
-        record.src_ip = ip(1);
-        record.dst_ip = ip(n);
-        return given.send(&record, given.context, media_reset);
-    }
-
-  private:
     std::vector<const char*> names_;
+};
+
+/* The module has an address asked for; what its send function answered. */
+tarv_stat_t ask_for(std::uint32_t address, int media_reset = 0) {
+    tarv_arp_data_t record{};
+    record.mask = 0x403;
+    record.arp_operation = 1;
+    record.src_ip = ip(1);
+    record.dst_ip = address;
+    return given.send(&record, given.context, media_reset);
+}
+
+class IpoibTest : public FabricTest {
+  protected:
+    static tarv_stat_t ask(int n, int media_reset = 0) { return ask_for(ip(n), media_reset); }
+    StandIn module{fabric};
 };
 
 TEST_F(IpoibTest, AsksByBroadcastAndHandsTheAnswerOver) {
@@ -210,6 +216,23 @@ TEST_F(IpoibTest, MeetsScriptedFaults) {
         fabric.port(1).clear();
         fabric.port(2).clear();
         fabric.network().set_delays({});
+    }
+}
+
+/* The subnet manager has hardly a LID left. */
+TEST(IpoibScale, HearsEveryHostOfASubnetThatIsFull) {
+    const Topology topology =
+        make_fabric({.hosts = 46'000, .two_port_percent = 0, .hosts_per_leaf = 120});
+    const std::vector<Host> hosts = deal_addresses(topology);
+    app::Machine machine({topology, hosts, 0}, {}, {});
+    const StandIn module(machine.fabric());
+    for (std::size_t i = 1; i < hosts.size(); i++)
+        ASSERT_EQ(ask_for(hosts[i].ip), tarv_stat_ok);
+    machine.kernel().advance(2);
+    ASSERT_THAT(given.heard, SizeIs(hosts.size() - 1));
+    for (std::size_t i = 1; i < hosts.size(); i++) {
+        ASSERT_EQ(given.heard[i - 1].src_ip, hosts[i].ip);
+        ASSERT_EQ(given.heard[i - 1].lid, machine.fabric().peers().station(hosts[i].ip).lid);
     }
 }
 

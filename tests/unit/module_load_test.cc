@@ -22,7 +22,7 @@ Lines bound(const std::string& level) {
     return {"LOGGER: Added key quorvane/modules/tarv/, trace level " + level};
 }
 
-class ModuleLoad : public FabricTest {};
+class ModuleLoad : public ModuleTest {};
 
 using Symbols = std::vector<std::pair<std::string, const void*>>;
 
@@ -116,7 +116,7 @@ struct Failure {
     std::vector<std::string> files;
 };
 
-class ModuleLoadFailure : public FabricTest, public testing::WithParamInterface<Failure> {};
+class ModuleLoadFailure : public ModuleTest, public testing::WithParamInterface<Failure> {};
 
 const std::vector<std::string> both_files = {"quorvane/", "quorvane/tarv/", "quorvane/tarv/control",
                                              "quorvane/tarv/version"};
@@ -164,8 +164,7 @@ TEST_P(ModuleLoadFailure, ReturnsWhatItShouldAndLeavesNothing) {
     EXPECT_EQ(console(), row.lines);
     EXPECT_EQ(host::proc_entries(), row.files);
     EXPECT_EQ(TARV_trace_level, row.lines.back() == bound("4")[0] ? 4 : 0);
-    if (loaded)
-        unload();
+    machine.stop();
     EXPECT_THAT(kernel.remains(), IsEmpty());
     host::clear_faults();
     EXPECT_EQ(load(), 0);
@@ -174,6 +173,7 @@ TEST_P(ModuleLoadFailure, ReturnsWhatItShouldAndLeavesNothing) {
 
 /* The key as an administrator may have set it, and what becomes of the module's level. */
 TEST_F(ModuleLoad, FollowsItsTraceLevelUntilItGoes) {
+    host::remove_repository_key(level_key);
     ASSERT_EQ(load(), 0);
     EXPECT_EQ(console(), banner + initialized + no_key);
     EXPECT_EQ(TARV_trace_level, 0);

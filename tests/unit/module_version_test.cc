@@ -23,7 +23,7 @@ struct Record {
     const char* file = "quorvane/tarv/version";
 };
 
-class VersionRecord : public KernelTest, public testing::WithParamInterface<Record> {};
+class VersionRecord : public MachineTest, public testing::WithParamInterface<Record> {};
 
 constexpr char release_tag[] = "$Name: IB_CODE_DRAVONIK_V4_355_BR_V355_01_20060112 $";
 
@@ -66,7 +66,7 @@ TEST_P(VersionRecord, IsOneLineOfSevenFields) {
     EXPECT_EQ(module_banner, nullptr);
 }
 
-class VersionTest : public KernelTest {};
+class VersionTest : public MachineTest {};
 
 TEST_F(VersionTest, OfANamelessModuleCannotBeRemovedByName) {
     ASSERT_EQ(module_version_init(nullptr, "1", nullptr), 0);

@@ -12,7 +12,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-struct RequestTest : SiteTest {
+struct RequestTest : RunningTest {
     static const tarv_list_entry_t* newest_for_paths() TA_NO_ANALYSIS {
         return *tarv_request_list(sa_requests.head).begin();
     }

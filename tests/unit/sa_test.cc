@@ -244,14 +244,14 @@ TEST_F(SaTest, SendsLongAnswersInSegments) {
 }
 
 TEST(SaPaths, UseFurtherLidsOfPortsThatHaveThem) {
-    World world({.subnet = {.lmc = 2}});
+    SmallMachine machine(1000, 2, {.subnet = {.lmc = 2}});
     GsiClient client;
     client.ask(0x2001);
     ASSERT_THAT(client.answers, SizeIs(1));
     std::vector<PathRecord> records = client.answers[0].records();
     ASSERT_THAT(records, SizeIs(3));
-    std::uint16_t slid = world.fabric.adapter().port(1).lid;
-    std::uint16_t dlid = world.fabric.peers().station(ip(2)).lid;
+    std::uint16_t slid = machine.fabric().adapter().port(1).lid;
+    std::uint16_t dlid = machine.fabric().peers().station(ip(2)).lid;
     EXPECT_EQ(dlid % 4, 0);
     for (std::uint16_t i = 0; i < 3; i++) {
         EXPECT_EQ(records[i].slid, slid + i);

@@ -9,7 +9,7 @@
 
 #include "app/script_text.h"
 #include "fabric/topology.h"
-#include "tests/support/kernel_test.h"
+#include "tests/support/machine_test.h"
 #include "tests/support/program.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // Ageing: at which run of the timer an entry goes, and what the run tells.
-#include "tests/support/kernel_test.h"
+#include "tests/support/machine_test.h"
 #include "tests/support/records.h"
 
 namespace {
@@ -12,14 +12,14 @@ using support::Lines;
 using support::record;
 using support::table;
 
-class Ageing : public support::KernelTest {
+class Ageing : public support::MachineTest {
   protected:
-    explicit Ageing(unsigned long first_jiffy = 1000) : KernelTest(first_jiffy) {
+    explicit Ageing(unsigned long first_jiffy = 1000) : MachineTest(first_jiffy) {
         tarv_hash_init();
     }
     void TearDown() override {
         tarv_hash_destroy();
-        KernelTest::TearDown();
+        MachineTest::TearDown();
     }
 };
 

@@ -5,7 +5,7 @@
 #include "host/check.h"
 #include "host/faults.h"
 #include "host/services.h"
-#include "tests/support/kernel_test.h"
+#include "tests/support/machine_test.h"
 #include "tests/support/records.h"
 
 namespace {
@@ -20,12 +20,12 @@ using support::table;
 
 constexpr char unit[] = "tarv_arp_hash";
 
-class Cache : public support::KernelTest {
+class Cache : public support::MachineTest {
   protected:
     Cache() { tarv_hash_init(); }
     void TearDown() override {
         tarv_hash_destroy();
-        KernelTest::TearDown();
+        MachineTest::TearDown();
     }
 };
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tarv/sa-mads.h"
-#include "tests/support/kernel_test.h"
+#include "tests/support/machine_test.h"
 
 namespace {
 

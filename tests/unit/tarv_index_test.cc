@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "tarv/tarv-list.h"
-#include "tests/support/kernel_test.h"
+#include "tests/support/machine_test.h"
 #include "tests/support/records.h"
 
 namespace {
@@ -138,7 +138,7 @@ TEST_P(Spreading, CannotBeUndoneByWhoeverChoosesGids) {
     }
 }
 
-using Drawing = support::KernelTest;
+using Drawing = support::MachineTest;
 TEST_F(Drawing, IsAnotherOneAtEveryLoad) {
     std::set<u64> blocks, gids;
     for (int load = 0; load < 10; load++) {

@@ -30,7 +30,7 @@ tarv_stat_t interface_info(u32 address, gx_p_key_t* pkey, u32* unused, int* scra
     return driver.status;
 }
 
-class Paths : public support::FabricTest {
+class Paths : public support::ModuleTest {
   protected:
     Paths() {
         tarv_hash_init();
@@ -38,7 +38,7 @@ class Paths : public support::FabricTest {
     }
     void TearDown() override {
         tarv_hash_destroy();
-        FabricTest::TearDown();
+        ModuleTest::TearDown();
     }
     /// Three records from local ports 1, 2 and 1 towards LIDs 101, 102 and 103.
     ib_path_record_v2_t received[3] = {

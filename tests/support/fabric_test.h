@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The tests' fabric in virtual time without a module, seen through the waist's calls.
+// The tests' machine without its module: the fabric, seen through the waist's calls.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -12,11 +12,11 @@
 #include "host/check.h"
 #include "host/faults.h"
 #include "host/kernel.h"
-#include "tests/support/site.h"
+#include "tests/support/machine.h"
 
 namespace fabric_testing {
 
-using support::read, support::site;
+using support::read_fabric, support::SmallMachine;
 
 inline std::uint32_t ip(int n) {
     return support::host_ip(n);
@@ -32,21 +32,11 @@ inline fabric::Gid gid(std::uint64_t guid) {
     return support::wire_gid(guid);
 }
 
-class World {
-  public:
-    explicit World(const fabric::FabricOptions& options = {}) : World(site(), options) {}
-    World(const fabric::Topology& topology, const fabric::FabricOptions& options)
-        : fabric(topology, deal_addresses(topology), 0, options) {}
-
-    host::Kernel kernel;
-    fabric::Fabric fabric;
-};
-
 class FabricTest : public testing::Test {
   protected:
-    World world;
-    host::Kernel& kernel = world.kernel;
-    fabric::Fabric& fabric = world.fabric;
+    support::SmallMachine machine;
+    host::Kernel& kernel = machine.kernel();
+    fabric::Fabric& fabric = machine.fabric();
 };
 
 }  // namespace fabric_testing

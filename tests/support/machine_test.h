@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The ground that every test of the module stands on: a kernel of its own in virtual time, the
-// module's switches as a fresh load leaves them, and the console in its hands.
+// The ground that every test of the module stands on: a machine of its own in virtual time, the
+// module not loaded, its switches as a fresh load leaves them, and the console in its hands.
 //
-// The test ends with a look at what is left: whatever the module did not give back fails it. So a
-// test, or its TearDown before it calls this one, stops every part of the module that it started.
+// The test ends with a look at what is left: whatever the module did not give back fails it. What a
+// test loads is unloaded then; parts of the module that it started by themselves it has to stop.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,10 +14,12 @@
 #include <vector>
 
 #include "host/console.h"
+#include "host/faults.h"
 #include "host/kernel.h"
 #include "tarv/logger.h"
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-arp-hash.h"
+#include "tests/support/machine.h"
 
 namespace support {
 
@@ -62,10 +64,10 @@ inline std::string without_pointers(const std::string& line) {
     return result;
 }
 
-class KernelTest : public testing::Test {
+class MachineTest : public testing::Test {
   public:
-    explicit KernelTest(unsigned long first_jiffy = 1000)
-        : kernel(host::Options{host::Clock::virtual_time, first_jiffy}) {
+    explicit MachineTest(unsigned long first_jiffy = 1000, int our_ports = 2)
+        : machine(first_jiffy, our_ports) {
         trace(TARV_PANIC);
         tarv_driver_start();
         write_once(halted, 0);
@@ -76,9 +78,11 @@ class KernelTest : public testing::Test {
         write_once(tarv_media_reset, 1);
         arp_cache_timeout_sec = 300;
     }
-    ~KernelTest() override { write_once(TARV_trace_level, 0); }
+    ~MachineTest() override { write_once(TARV_trace_level, 0); }
 
     void TearDown() override {
+        host::clear_faults();
+        machine.stop();
         write_once(local_send_arp_data_fn, nullptr);
         write_once(local_get_if_info_fn, nullptr);
         EXPECT_EQ(kernel.remains(), Lines{});
@@ -128,7 +132,9 @@ class KernelTest : public testing::Test {
         return text;
     }
 
-    host::Kernel kernel;
+    SmallMachine machine;
+    host::Kernel& kernel = machine.kernel();
+    fabric::Fabric& fabric = machine.fabric();
 };
 
 /// Names a test of a parameter table by its row's `name`.
