@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "tests/races/arena.h"
 #include "tests/races/places.h"
 #include "tests/races/report.h"
-#include "tests/races/site.h"
 #include "tests/races/storm.h"
 
 namespace {
@@ -39,10 +39,10 @@ std::string check_place(const std::string& name) {
 
 int run(const Options& options) {
     {
-        stress::Site site(speed);
-        stress::drive_places(site, options.place, options.times);
+        stress::Arena arena(speed);
+        stress::drive_places(arena, options.place, options.times);
         if (options.seconds > 0)
-            stress::storm(site, options.seconds);
+            stress::storm(arena, options.seconds);
     }
     if (const unsigned long found = stress::violations()) {
         std::printf("%lu violations\n", found);

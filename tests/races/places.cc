@@ -10,8 +10,6 @@ namespace {
 constexpr Place all_places[] = {
     {"take_during_release", "a request is taken while its maker, done sending, lets go of it", 1,
      drive_take_during_release},
-    {"reply_inside_send", "the ARP reply comes inside the driver's send function", 1,
-     drive_reply_inside_send},
     {"reply_beside_send", "the ARP reply comes on another thread while the driver sends", 1,
      drive_reply_beside_send},
     {"driver_change", "the driver is exchanged while it is called", 1, drive_driver_change},
@@ -40,11 +38,11 @@ constexpr Place all_places[] = {
      drive_halt_during_query},
 };
 
-void drive_place(Site& site, const Place& place, unsigned rounds) {
+void drive_place(Arena& arena, const Place& place, unsigned rounds) {
     const unsigned long before = violations();
     const auto since = std::chrono::steady_clock::now();
-    const Tally tally = place.drive(site, rounds);
-    site.reload();
+    const Tally tally = place.drive(arena, rounds);
+    arena.reload();
     if (tally.met == 0)
         violation("%s: the race never happened in %u rounds", place.name, rounds);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - since;
@@ -59,12 +57,12 @@ std::span<const Place> places() {
     return all_places;
 }
 
-void drive_places(Site& site, const std::string& name, unsigned times) {
+void drive_places(Arena& arena, const std::string& name, unsigned times) {
     for (const Place& place : all_places) {
         if (name != "all" && name != place.name)
             continue;
         progress(place.what);
-        drive_place(site, place, std::max(times / place.price, 1u));
+        drive_place(arena, place, std::max(times / place.price, 1u));
     }
 }
 

@@ -12,8 +12,8 @@
 #include <string>
 #include <thread>
 
+#include "tests/races/arena.h"
 #include "tests/races/report.h"
-#include "tests/races/site.h"
 
 namespace stress {
 
@@ -26,13 +26,13 @@ struct Place {
     const char* name;
     const char* what;
     unsigned price;  ///< of a round: so many rounds of a cheap place take as long
-    Tally (*drive)(Site& site, unsigned rounds);
+    Tally (*drive)(Arena& arena, unsigned rounds);
 };
 
 std::span<const Place> places();
 
 /// Drives the places of that name ("all": all, "none": none) and prints a line for each.
-void drive_places(Site& site, const std::string& name, unsigned times);
+void drive_places(Arena& arena, const std::string& name, unsigned times);
 
 /// Where two threads wait for each other, again and again.
 class Meeting {
@@ -71,21 +71,20 @@ void in_step(unsigned rounds, Before before, Mine mine, Other other, After after
 }
 
 // The places, by the subject of their files.
-Tally drive_take_during_release(Site& site, unsigned rounds);
-Tally drive_reply_inside_send(Site& site, unsigned rounds);
-Tally drive_reply_beside_send(Site& site, unsigned rounds);
-Tally drive_driver_change(Site& site, unsigned rounds);
-Tally drive_time_out_of_arp(Site& site, unsigned rounds);
-Tally drive_time_out_of_paths(Site& site, unsigned rounds);
-Tally drive_enter_together(Site& site, unsigned rounds);
-Tally drive_static_path(Site& site, unsigned rounds);
-Tally drive_context_torn_down(Site& site, unsigned rounds);
-Tally drive_answer_before_send_ends(Site& site, unsigned rounds);
-Tally drive_event_during_query(Site& site, unsigned rounds);
-Tally drive_unload_during_callback(Site& site, unsigned rounds);
-Tally drive_unload_during_query(Site& site, unsigned rounds);
-Tally drive_halt_during_filing(Site& site, unsigned rounds);
-Tally drive_halt_during_reissue(Site& site, unsigned rounds);
-Tally drive_halt_during_query(Site& site, unsigned rounds);
+Tally drive_take_during_release(Arena& arena, unsigned rounds);
+Tally drive_reply_beside_send(Arena& arena, unsigned rounds);
+Tally drive_driver_change(Arena& arena, unsigned rounds);
+Tally drive_time_out_of_arp(Arena& arena, unsigned rounds);
+Tally drive_time_out_of_paths(Arena& arena, unsigned rounds);
+Tally drive_enter_together(Arena& arena, unsigned rounds);
+Tally drive_static_path(Arena& arena, unsigned rounds);
+Tally drive_context_torn_down(Arena& arena, unsigned rounds);
+Tally drive_answer_before_send_ends(Arena& arena, unsigned rounds);
+Tally drive_event_during_query(Arena& arena, unsigned rounds);
+Tally drive_unload_during_callback(Arena& arena, unsigned rounds);
+Tally drive_unload_during_query(Arena& arena, unsigned rounds);
+Tally drive_halt_during_filing(Arena& arena, unsigned rounds);
+Tally drive_halt_during_reissue(Arena& arena, unsigned rounds);
+Tally drive_halt_during_query(Arena& arena, unsigned rounds);
 
 }  // namespace stress

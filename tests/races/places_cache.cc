@@ -64,14 +64,14 @@ void check_single(unsigned round, unsigned peer) {
 
 /* A packet of a peer that the cache does not know comes to its lock once to see that, and once to
  * enter it. There it is held until the other one has come as far, or is done. */
-Tally drive_enter_together(Site& site, unsigned rounds) {
+Tally drive_enter_together(Arena& arena, unsigned rounds) {
     Tally tally;
     Meeting meeting;
     bool here = false;
     const auto hear = [&](unsigned round, unsigned generation, Visitor visitor) {
         const AtMyDoor door(Door::lock, std::move(visitor));
-        site.driver.deliver(
-            site.identities.heard(round % peer_count, generation, TARV_ARP_OP_REPLY));
+        arena.driver.deliver(
+            arena.identities.heard(round % peer_count, generation, TARV_ARP_OP_REPLY));
     };
     const auto come = [&] { meeting.arrive(); };
     in_step(
@@ -97,21 +97,22 @@ Tally drive_enter_together(Site& site, unsigned rounds) {
                 return;
             }
             const unsigned peer = round % peer_count;
-            const std::string command = round % 2 ? site.identities.add_command(peer, round)
-                                                  : site.identities.add_ib_arp_command(peer, round);
+            const std::string command = round % 2
+                                            ? arena.identities.add_command(peer, round)
+                                            : arena.identities.add_ib_arp_command(peer, round);
             if (rival_in(round) == Rival::command_in_between) {
                 meeting.arrive();
-                Site::command(command);
+                Arena::command(command);
                 meeting.arrive();
             } else {
                 const AtMyDoor door(Door::lock, at_visit(1, come));
-                Site::command(command);
+                Arena::command(command);
             }
         },
         [&](unsigned round) {
             check_single(round, round % peer_count);
             write_once(statics_inv_enabled, 1);
-            Site::command("flush\n");
+            Arena::command("flush\n");
         });
     write_once(statics_inv_enabled, 1);
     return tally;

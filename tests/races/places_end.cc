@@ -26,8 +26,8 @@ void fire_after(timer_list& timer, Prepare prepare) {
     add_timing(&timer);
 }
 
-void hear(const Site& site, unsigned peer, unsigned generation) {
-    site.driver.deliver(site.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
+void hear(const Arena& arena, unsigned peer, unsigned generation) {
+    arena.driver.deliver(arena.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
 }
 
 /* A callback that is inside the module until somebody lets it go; unless it runs on the thread that
@@ -55,30 +55,31 @@ struct Way {
     Door door;
     bool (*is_it)(const void* object);
     /// Makes a request and brings its callback about.
-    void (*begin)(Site& site, Inside& inside, unsigned round);
+    void (*begin)(Arena& arena, Inside& inside, unsigned round);
 };
 
-void by_arp_timer(Site& site, Inside& inside, unsigned round) {
+void by_arp_timer(Arena& arena, Inside& inside, unsigned round) {
     write_once(get_data_retry, 0);
     fire_after(tarv_req_timer, [&] {
-        new_request().ask(site.client, round % peer_count, tarv_paths_none, true, &inside.on_reply);
+        new_request().ask(arena.client, round % peer_count, tarv_paths_none, true,
+                          &inside.on_reply);
         skip_ticks(1000);
     });
 }
 
-void ask_for_paths(Site& site, Inside& inside, unsigned round) {
-    hear(site, round % peer_count, round);
+void ask_for_paths(Arena& arena, Inside& inside, unsigned round) {
+    hear(arena, round % peer_count, round);
     Request& request = new_request();
-    if (request.ask(site.client, round % peer_count, tarv_paths_both, false, &inside.on_reply) !=
+    if (request.ask(arena.client, round % peer_count, tarv_paths_both, false, &inside.on_reply) !=
         tarv_stat_pending)
         violation("a query could not be sent: status %d", request.status());
 }
 
-void by_sa_timer(Site& site, Inside& inside, unsigned round) {
+void by_sa_timer(Arena& arena, Inside& inside, unsigned round) {
     write_once(get_data_retry, 0);
-    site.fabric.sa().faults().drop_next(1);
+    arena.fabric.sa().faults().drop_next(1);
     fire_after(tarv_sa_req_timer, [&] {
-        ask_for_paths(site, inside, round);
+        ask_for_paths(arena, inside, round);
         skip_ticks(3000);
     });
 }
@@ -94,8 +95,8 @@ constexpr Way ways[] = {
      [](const void* name) {
          return std::strcmp(static_cast<const char*>(name), control_path) == 0;
      },
-     [](Site& site, Inside& inside, unsigned round) {
-         new_request().ask(site.client, round % peer_count, tarv_paths_none, true,
+     [](Arena& arena, Inside& inside, unsigned round) {
+         new_request().ask(arena.client, round % peer_count, tarv_paths_none, true,
                            &inside.on_reply);
      }},
 };
@@ -103,16 +104,16 @@ constexpr Way ways[] = {
 }  // namespace
 
 /* The callback is let go when the unload has come to where it waits for whoever runs it. */
-Tally drive_unload_during_callback(Site& site, unsigned rounds) {
+Tally drive_unload_during_callback(Arena& arena, unsigned rounds) {
     Tally tally;
     for (unsigned round = 0; round < rounds; round++) {
         const Way& way = ways[round % std::size(ways)];
         Inside inside;
-        site.wait_for_ports();
+        arena.wait_for_ports();
         std::thread halter;
-        way.begin(site, inside, round);
+        way.begin(arena, inside, round);
         if (way.door == Door::file_removal)
-            halter = std::thread([] { Site::command("halt\n"); });
+            halter = std::thread([] { Arena::command("halt\n"); });
         wait_until(way.name, [&] { return inside.entered.load(); });
         const bool as_meant = inside.context == way.context;
         tally.met += as_meant;
@@ -122,13 +123,13 @@ Tally drive_unload_during_callback(Site& site, unsigned rounds) {
                 if (way.is_it(object))
                     inside.let_go = true;
             });
-            site.unload();
+            arena.unload();
         }
         if (!inside.left)
             violation("the unload did not wait for a callback that %s runs", way.name);
         if (halter.joinable())
             halter.join();
-        site.load();
+        arena.load();
     }
     return tally;
 }
@@ -141,40 +142,40 @@ struct QueryMaker {
     Door door;
     bool (*is_it)(const void* object);
     /// Brings the query about, on another thread.
-    void (*begin)(Site& site, const OnReply& ask_again, unsigned round);
+    void (*begin)(Arena& arena, const OnReply& ask_again, unsigned round);
 };
 
 constexpr QueryMaker query_makers[] = {
     // The ARP timer issues a request anew for a peer that has become known meanwhile.
     {host::Context::timer, Door::timer_stop,
      [](const void* object) { return object == &tarv_req_timer; },
-     [](Site& site, const OnReply&, unsigned round) {
+     [](Arena& arena, const OnReply&, unsigned round) {
          fire_after(tarv_req_timer, [&] {
-             new_request().ask(site.client, round % peer_count, tarv_paths_both, true);
-             Site::command(site.identities.add_ib_arp_command(round % peer_count, round));
+             new_request().ask(arena.client, round % peer_count, tarv_paths_both, true);
+             Arena::command(arena.identities.add_ib_arp_command(round % peer_count, round));
              skip_ticks(1000);
          });
      }},
     // The client that is told of an answer on the second port asks again for a peer on the first.
     {host::Context::gsi, Door::class_still_busy, [](const void*) { return true; },
-     [](Site& site, const OnReply& ask_again, unsigned round) {
+     [](Arena& arena, const OnReply& ask_again, unsigned round) {
          const unsigned generation = round | 1;
-         hear(site, 0, generation + 1);
-         hear(site, 1, generation);
-         new_request().ask(site.client, 1, tarv_paths_both, false, &ask_again);
+         hear(arena, 0, generation + 1);
+         hear(arena, 1, generation);
+         new_request().ask(arena.client, 1, tarv_paths_both, false, &ask_again);
      }},
 };
 
 }  // namespace
 
 /* The query's maker has a datagram, and is held until the unload comes to where it waits for it. */
-Tally drive_unload_during_query(Site& site, unsigned rounds) {
+Tally drive_unload_during_query(Arena& arena, unsigned rounds) {
     Tally tally;
     const std::thread::id me = std::this_thread::get_id();
     std::atomic<bool> making = false;
     std::atomic<bool> let_go = false;
     const OnReply ask_again = [&](Request&, tarv_stat_t) {
-        new_request().ask(site.client, 0, tarv_paths_both, false);
+        new_request().ask(arena.client, 0, tarv_paths_both, false);
         // On the thread that is to unload the module there is nobody to hold.
         if (std::this_thread::get_id() == me)
             making = true;
@@ -183,7 +184,7 @@ Tally drive_unload_during_query(Site& site, unsigned rounds) {
         const QueryMaker& maker = query_makers[round % std::size(query_makers)];
         making = false;
         let_go = false;
-        site.wait_for_ports();
+        arena.wait_for_ports();
         {
             const AtDoor buffer(Door::query_buffer, [&](const void*) {
                 if (std::this_thread::get_id() == me)
@@ -195,29 +196,29 @@ Tally drive_unload_during_query(Site& site, unsigned rounds) {
                 making = true;
                 wait_until("the unload comes to a query", [&] { return let_go.load(); });
             });
-            maker.begin(site, ask_again, round);
+            maker.begin(arena, ask_again, round);
             wait_until("a query is made", [&] { return making.load(); });
             const AtMyDoor door(maker.door, [&](const void* object) {
                 if (maker.is_it(object))
                     let_go = true;
             });
-            site.unload();
+            arena.unload();
         }
-        site.load();
+        arena.load();
     }
     return tally;
 }
 
 /* In even rounds the halt comes while the driver sends: it passes over the busy request, whose
  * maker gives it its last word. In odd rounds halt and maker come to the list at the same time. */
-Tally drive_halt_during_filing(Site& site, unsigned rounds) {
+Tally drive_halt_during_filing(Arena& arena, unsigned rounds) {
     Tally tally;
     Meeting under_way, passed, locks;  // under way: past the test for a halted module
     unsigned now = 0;
     bool racing = false;
     unsigned long told = 0;
     Request* request = nullptr;
-    const DriverDoes does(site, on_this_thread([&](const tarv_arp_data_t&) {
+    const DriverDoes does(arena, on_this_thread([&](const tarv_arp_data_t&) {
                               if (racing && now % 2 == 0) {
                                   under_way.arrive();
                                   passed.arrive();
@@ -229,7 +230,7 @@ Tally drive_halt_during_filing(Site& site, unsigned rounds) {
         [&](unsigned round) {
             // A halt goes to the list only when something waits there.
             racing = false;
-            new_request().ask(site.client, 0, tarv_paths_none, true);
+            new_request().ask(arena.client, 0, tarv_paths_none, true);
             now = round;
             racing = true;
         },
@@ -243,7 +244,7 @@ Tally drive_halt_during_filing(Site& site, unsigned rounds) {
                 locks.arrive();
             });
             request = &new_request();
-            request->ask(site.client, 1 + round % (peer_count - 1), tarv_paths_none, true);
+            request->ask(arena.client, 1 + round % (peer_count - 1), tarv_paths_none, true);
         },
         [&](unsigned round) {
             bool met = round % 2 == 0;
@@ -254,7 +255,7 @@ Tally drive_halt_during_filing(Site& site, unsigned rounds) {
                 locks.arrive();
             });
             under_way.arrive();
-            Site::command("halt\n");
+            Arena::command("halt\n");
             tally.met += met;
             // The timer may just have had the list's only request in its hands.
             if (!met)
@@ -263,9 +264,9 @@ Tally drive_halt_during_filing(Site& site, unsigned rounds) {
                 passed.arrive();
         },
         [&](unsigned) {
-            site.unload();
+            arena.unload();
             told += request->replies() != 0;
-            site.load();
+            arena.load();
         });
     tally.note =
         std::to_string(told) + " timed out, " + std::to_string(rounds - told) + " were refused";
@@ -273,12 +274,12 @@ Tally drive_halt_during_filing(Site& site, unsigned rounds) {
 }
 
 /* The ARP timer is issuing many requests anew, and is inside the driver with one of them. */
-Tally drive_halt_during_reissue(Site& site, unsigned rounds) {
+Tally drive_halt_during_reissue(Arena& arena, unsigned rounds) {
     constexpr unsigned waiting = 2000;
     Tally tally;
     Meeting sending, passed;
     unsigned until_met = 0;
-    const DriverDoes does(site, [&, me = std::this_thread::get_id()](const tarv_arp_data_t&) {
+    const DriverDoes does(arena, [&, me = std::this_thread::get_id()](const tarv_arp_data_t&) {
         if (std::this_thread::get_id() != me && --until_met == 0) {
             sending.arrive();
             passed.arrive();
@@ -288,16 +289,16 @@ Tally drive_halt_during_reissue(Site& site, unsigned rounds) {
     for (unsigned round = 0; round < rounds; round++) {
         fire_after(tarv_req_timer, [&] {
             for (unsigned i = 0; i < waiting; i++)
-                new_request().ask(site.client, peer_count + i, tarv_paths_none, false);
+                new_request().ask(arena.client, peer_count + i, tarv_paths_none, false);
             skip_ticks(1000);
             until_met = 1 + round * 37 % waiting;
         });
         sending.arrive();
-        Site::command("halt\n");
+        Arena::command("halt\n");
         tally.met++;
         passed.arrive();
-        site.unload();
-        site.load();
+        arena.unload();
+        arena.load();
     }
     tally.note = std::to_string(waiting) + " waited each time";
     return tally;
@@ -305,9 +306,9 @@ Tally drive_halt_during_reissue(Site& site, unsigned rounds) {
 
 /* In even rounds the maker of a query is held until the halt has passed over its request. In odd
  * rounds the halt comes while one path is tried on a request for two, which would wait on. */
-Tally drive_halt_during_query(Site& site, unsigned rounds) {
+Tally drive_halt_during_query(Arena& arena, unsigned rounds) {
     Tally tally;
-    site.fabric.sa().faults().drop_all();
+    arena.fabric.sa().faults().drop_all();
     {
         Meeting busy, passed;
         Request* request = nullptr;
@@ -316,13 +317,13 @@ Tally drive_halt_during_query(Site& site, unsigned rounds) {
             passed.arrive();
         };
         const auto ask = [&](unsigned round) {
-            request->ask(site.client, round % peer_count, tarv_paths_both, false);
+            request->ask(arena.client, round % peer_count, tarv_paths_both, false);
         };
         in_step(
             rounds,
             [&](unsigned round) {
-                site.wait_for_ports();
-                hear(site, round % peer_count, round);
+                arena.wait_for_ports();
+                hear(arena, round % peer_count, round);
                 request = &new_request();
                 if (round % 2 == 1)
                     ask(round);
@@ -341,12 +342,12 @@ Tally drive_halt_during_query(Site& site, unsigned rounds) {
                     hold();
                 });
                 ib_path_record_v2_t paths[2];
-                site.identities.paths_to(round % peer_count, round, paths);
+                arena.identities.paths_to(round % peer_count, round, paths);
                 tarv_process_path_rec_data(paths, 1, 1);
             },
             [&](unsigned) {
                 busy.arrive();
-                Site::command("halt\n");
+                Arena::command("halt\n");
                 tally.met++;
                 passed.arrive();
             },
@@ -354,10 +355,10 @@ Tally drive_halt_during_query(Site& site, unsigned rounds) {
                 if (request->replies() != 1)
                     violation("lost answer: a client of a halted module has %d",
                               request->replies());
-                site.reload();
+                arena.reload();
             });
     }
-    site.fabric.sa().clear();
+    arena.fabric.sa().clear();
     return tally;
 }
 

@@ -17,18 +17,18 @@ namespace stress {
 namespace {
 
 /* The cache knows the peer and no path to it. */
-void know(const Site& site, unsigned peer, unsigned generation) {
-    Site::command("remove " + text_of(address_of(peer)) + "\n");
-    site.driver.deliver(site.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
+void know(const Arena& arena, unsigned peer, unsigned generation) {
+    Arena::command("remove " + text_of(address_of(peer)) + "\n");
+    arena.driver.deliver(arena.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
 }
 
 /* What the cache has as the peer's static path. */
-ib_path_record_v2_t cached_path(const Site& site, unsigned peer) {
+ib_path_record_v2_t cached_path(const Arena& arena, unsigned peer) {
     tarv_arp_data_t record = {};
-    if (site.client.get(address_of(peer), our_address(), tarv_paths_none, &record, nullptr, nullptr,
-                        0) != tarv_stat_ok)
+    if (arena.client.get(address_of(peer), our_address(), tarv_paths_none, &record, nullptr,
+                         nullptr, 0) != tarv_stat_ok)
         violation("the cache has no entry for %s", text_of(address_of(peer)).c_str());
-    site.identities.check(record, address_of(peer), "a caller");
+    arena.identities.check(record, address_of(peer), "a caller");
     return record.paths[0];
 }
 
@@ -53,13 +53,13 @@ u16 key_of_command(unsigned round) {
 /* What the intake of the round stored is of one command, and what the next one stores is of this
  * round's. The driver does not tell that one a P_Key: it is the one that the round's intake put
  * back, or that of the command where the command may have come last. */
-void check_static_path(const Site& site, unsigned round, bool command_may_be_last) {
+void check_static_path(const Arena& arena, unsigned round, bool command_may_be_last) {
     const unsigned peer = round % peer_count;
-    const unsigned got = Identities::static_path_number(cached_path(site, peer));
+    const unsigned got = Identities::static_path_number(cached_path(arena, peer));
     if (round > 0 && got != number_of(round) && got != number_of(round - 1))
         violation("torn record: a static path is of command %u in round %u", got, round);
-    site.driver.deliver(site.identities.heard(peer, round, TARV_ARP_OP_REQUEST));
-    const ib_path_record_v2_t path = cached_path(site, peer);
+    arena.driver.deliver(arena.identities.heard(peer, round, TARV_ARP_OP_REQUEST));
+    const ib_path_record_v2_t path = cached_path(arena, peer);
     if (Identities::static_path_number(path) != number_of(round))
         violation("lost command: the static path is of command %u after command %u",
                   Identities::static_path_number(path), number_of(round));
@@ -84,7 +84,7 @@ Visitor meet_once_at(const void* lock, Meeting& meeting) {
 /* The intake copies the path, asks the driver for the P_Key, and puts the key back. The command
  * comes in between; or the two come to the lock together; or they just run, without anything that
  * orders them, and it is seen whether they ran at the same time. */
-Tally drive_static_path(Site& site, unsigned rounds) {
+Tally drive_static_path(Arena& arena, unsigned rounds) {
     enum Kind { in_between, at_the_lock, at_will };
     Tally tally;
     Meeting asked, set, locks;
@@ -95,7 +95,7 @@ Tally drive_static_path(Site& site, unsigned rounds) {
     std::atomic<bool> both = false;
     const auto kind_of = [](unsigned round) { return static_cast<Kind>(round % 3); };
     const auto lost = [](const tarv_arp_data_t&) { return tarv_stat_ok; };
-    const DriverDoes does(site, lost, [&](gx_p_key_t* pkey) {
+    const DriverDoes does(arena, lost, [&](gx_p_key_t* pkey) {
         if (!key_is_known)
             return tarv_stat_error;
         *pkey = key_of(now);
@@ -105,7 +105,7 @@ Tally drive_static_path(Site& site, unsigned rounds) {
         }
         return tarv_stat_ok;
     });
-    Site::command("sa_queries off");
+    Arena::command("sa_queries off");
     const auto race = [&](unsigned round, const auto& work) {
         const AtMyDoor door(
             Door::lock,
@@ -123,24 +123,24 @@ Tally drive_static_path(Site& site, unsigned rounds) {
             both = false;
         },
         [&](unsigned round) {
-            const std::string command = site.identities.set_static_path_command(number_of(round));
+            const std::string command = arena.identities.set_static_path_command(number_of(round));
             if (kind_of(round) == in_between)
                 asked.arrive();
-            race(round, [&] { Site::command(command); });
+            race(round, [&] { Arena::command(command); });
             if (kind_of(round) == in_between)
                 set.arrive();
         },
         [&](unsigned round) {
             race(round, [&] {
-                site.driver.deliver(
-                    site.identities.heard(round % peer_count, round, TARV_ARP_OP_REQUEST));
+                arena.driver.deliver(
+                    arena.identities.heard(round % peer_count, round, TARV_ARP_OP_REQUEST));
             });
         },
         [&](unsigned round) {
             tally.met += both;
             racing = false;
             key_is_known = false;
-            check_static_path(site, round, kind_of(round) != in_between);
+            check_static_path(arena, round, kind_of(round) != in_between);
             key_is_known = true;
         });
     return tally;
@@ -170,9 +170,9 @@ void check_query(unsigned round, const Request& request) {
 
 }  // namespace
 
-Tally drive_context_torn_down(Site& site, unsigned rounds) {
+Tally drive_context_torn_down(Arena& arena, unsigned rounds) {
     Tally tally;
-    site.wait_for_ports();
+    arena.wait_for_ports();
     Meeting built;
     Meeting gone;
     Meeting locks;
@@ -194,7 +194,7 @@ Tally drive_context_torn_down(Site& site, unsigned rounds) {
             if (at_lock)
                 at_lock(object);
         });
-        request->ask(site.client, round % peer_count, tarv_paths_both, false);
+        request->ask(arena.client, round % peer_count, tarv_paths_both, false);
         sent += request->status() == tarv_stat_pending;
         // A late answer to an earlier request may have brought the paths.
         if (!has_met)
@@ -206,9 +206,9 @@ Tally drive_context_torn_down(Site& site, unsigned rounds) {
             return;
         const bool at_once = going_in(round) == Going::at_once;
         const AtMyDoor lock(Door::lock, meet_once_at(at_once ? &tarv_sa_lock : nullptr, locks));
-        Site::event(gx_async_r_port_link_down, port_of(round));
+        Arena::event(gx_async_r_port_link_down, port_of(round));
         if (going_in(round) == Going::down_and_up)
-            Site::event(gx_async_r_port_link_up, port_of(round));
+            Arena::event(gx_async_r_port_link_up, port_of(round));
         tally.met++;
         if (!at_once)
             gone.arrive();
@@ -216,7 +216,7 @@ Tally drive_context_torn_down(Site& site, unsigned rounds) {
     in_step(
         rounds,
         [&](unsigned round) {
-            know(site, round % peer_count, round);
+            know(arena, round % peer_count, round);
             request = &new_request();
         },
         ask, tear_down,
@@ -225,7 +225,7 @@ Tally drive_context_torn_down(Site& site, unsigned rounds) {
                 return;
             check_query(round, *request);
             if (going_in(round) != Going::down_and_up)
-                Site::event(gx_async_r_port_link_up, port_of(round));
+                Arena::event(gx_async_r_port_link_up, port_of(round));
         });
     tally.note = std::to_string(sent) + " queries went out";
     return tally;
@@ -233,9 +233,9 @@ Tally drive_context_torn_down(Site& site, unsigned rounds) {
 
 /* The query is posted and its maker held there until its answer has been looked for among the
  * requests. The answer passes the busy request over, and its maker, done with it, answers it. */
-Tally drive_answer_before_send_ends(Site& site, unsigned rounds) {
+Tally drive_answer_before_send_ends(Arena& arena, unsigned rounds) {
     Tally tally;
-    site.wait_for_ports();
+    arena.wait_for_ports();
     const TimerByHand timer(tarv_sa_req_timer);
     const std::thread::id me = std::this_thread::get_id();
     std::atomic<bool> looked_for = false;
@@ -245,7 +245,7 @@ Tally drive_answer_before_send_ends(Site& site, unsigned rounds) {
             looked_for = true;
     });
     for (unsigned round = 0; round < rounds; round++) {
-        know(site, round % peer_count, round & ~1u);
+        know(arena, round % peer_count, round & ~1u);
         Request& request = new_request();
         // The pass of the answer before lets go of the lock once more when it ends.
         host::Kernel::current().settle();
@@ -257,7 +257,7 @@ Tally drive_answer_before_send_ends(Site& site, unsigned rounds) {
                 if (object == &tarv_sa_lock && posted)
                     wait_until("the SA's answer is looked for", [&] { return looked_for.load(); });
             });
-            request.ask(site.client, round % peer_count, tarv_paths_both, false);
+            request.ask(arena.client, round % peer_count, tarv_paths_both, false);
         }
         if (request.status() == tarv_stat_ok)
             continue;
@@ -287,17 +287,17 @@ constexpr Change changes[] = {
 
 /* The SA's answer is held at the door when the event comes, and goes on beside it or after it. What
  * the event purges is resolved anew: the driver answers at once. */
-Tally drive_event_during_query(Site& site, unsigned rounds) {
+Tally drive_event_during_query(Arena& arena, unsigned rounds) {
     Tally tally;
     std::atomic<unsigned> now = 0;
     std::atomic<bool> expected = false;
     std::atomic<bool> arrived = false;
     std::atomic<unsigned> going_on = 0;  // rounds whose answer may go on
-    const DriverDoes does(site, [&](const tarv_arp_data_t& request) {
-        site.driver.deliver(site.identities.heard(request.dst_ip >> 24, now, TARV_ARP_OP_REPLY));
+    const DriverDoes does(arena, [&](const tarv_arp_data_t& request) {
+        arena.driver.deliver(arena.identities.heard(request.dst_ip >> 24, now, TARV_ARP_OP_REPLY));
         return tarv_stat_ok;
     });
-    site.wait_for_ports();
+    arena.wait_for_ports();
     {
         const AtDoor answers(Door::answer_buffer, [&](const void*) {
             if (!expected.exchange(false))
@@ -309,13 +309,13 @@ Tally drive_event_during_query(Site& site, unsigned rounds) {
         for (unsigned round = 0; round < rounds; round++) {
             const Change& change = changes[round % std::size(changes)];
             now = round;
-            know(site, round % peer_count, round);
+            know(arena, round % peer_count, round);
             arrived = false;
             expected = true;
             Request& request = new_request();
             // A late answer to an earlier request may have brought the paths; or it is held just
             // now.
-            if (request.ask(site.client, round % peer_count, tarv_paths_both, false) !=
+            if (request.ask(arena.client, round % peer_count, tarv_paths_both, false) !=
                     tarv_stat_pending &&
                 expected.exchange(false))
                 continue;
@@ -324,12 +324,12 @@ Tally drive_event_during_query(Site& site, unsigned rounds) {
             const int port = 1 + static_cast<int>(round & 1);
             if (!change.wait_for_end)
                 going_on = round + 1;
-            Site::event(change.type, port);
+            Arena::event(change.type, port);
             going_on = round + 1;
             if (change.type == gx_async_r_port_link_down)
-                Site::event(gx_async_r_port_link_up, port);
+                Arena::event(gx_async_r_port_link_up, port);
         }
-        site.kernel.settle();
+        arena.kernel.settle();
     }
     return tally;
 }

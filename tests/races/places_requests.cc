@@ -20,8 +20,8 @@ tarv_paths_t paths_of(unsigned round) {
 }
 
 /* The peer answers. */
-void hear(const Site& site, unsigned peer, unsigned generation) {
-    site.driver.deliver(site.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
+void hear(const Arena& arena, unsigned peer, unsigned generation) {
+    arena.driver.deliver(arena.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
 }
 
 /* The answer came inside the send: whatever the driver says of the send, it is the request's. */
@@ -35,14 +35,14 @@ void must_be_pending(const Request& request) {
 /* The answer comes when the driver is about to return. In every other round the maker is held at
  * the lock under which it lets go, until the request has been taken; else the two just run, now and
  * then with a handicap for the maker. */
-Tally drive_take_during_release(Site& site, unsigned rounds) {
+Tally drive_take_during_release(Arena& arena, unsigned rounds) {
     Tally tally;
     Meeting sent;
     std::atomic<bool> making = false;
     std::atomic<bool> taken = false;
     bool has_sent = false;
     unsigned now = 0;
-    const DriverDoes does(site, on_this_thread([&](const tarv_arp_data_t&) {
+    const DriverDoes does(arena, on_this_thread([&](const tarv_arp_data_t&) {
                               has_sent = true;
                               sent.arrive();
                               if (now % 4 == 0)
@@ -63,7 +63,7 @@ Tally drive_take_during_release(Site& site, unsigned rounds) {
         },
         [&](unsigned round) {
             const AtMyDoor door(Door::lock, hold);
-            new_request().ask(site.client, round % peer_count, paths_of(round), true);
+            new_request().ask(arena.client, round % peer_count, paths_of(round), true);
             making = false;
             // Among many identical requests nothing is sent.
             if (!has_sent)
@@ -71,7 +71,7 @@ Tally drive_take_during_release(Site& site, unsigned rounds) {
         },
         [&](unsigned round) {
             sent.arrive();
-            hear(site, round % peer_count, round);
+            hear(arena, round % peer_count, round);
             tally.met += making;
             taken = true;
         },
@@ -79,32 +79,13 @@ Tally drive_take_during_release(Site& site, unsigned rounds) {
     return tally;
 }
 
-Tally drive_reply_inside_send(Site& site, unsigned rounds) {
-    Tally tally;
-    Request* request = nullptr;
-    unsigned now = 0;
-    const DriverDoes does(site, on_this_thread([&](const tarv_arp_data_t&) {
-                              const int before = request->replies();
-                              hear(site, now % peer_count, now);
-                              tally.met +=
-                                  request->replies() > before || paths_of(now) != tarv_paths_none;
-                              return now % 5 == 4 ? tarv_stat_error : tarv_stat_ok;
-                          }));
-    for (now = 0; now < rounds; now++) {
-        request = &new_request();
-        request->ask(site.client, now % peer_count, paths_of(now), true);
-        must_be_pending(*request);
-    }
-    return tally;
-}
-
-Tally drive_reply_beside_send(Site& site, unsigned rounds) {
+Tally drive_reply_beside_send(Arena& arena, unsigned rounds) {
     Tally tally;
     Meeting sending;
     Meeting heard;
     unsigned now = 0;
     bool has_sent = false;
-    const DriverDoes does(site, on_this_thread([&](const tarv_arp_data_t&) {
+    const DriverDoes does(arena, on_this_thread([&](const tarv_arp_data_t&) {
                               has_sent = true;
                               sending.arrive();
                               heard.arrive();
@@ -118,7 +99,7 @@ Tally drive_reply_beside_send(Site& site, unsigned rounds) {
         },
         [&](unsigned round) {
             Request& request = new_request();
-            request.ask(site.client, round % peer_count, paths_of(round), true);
+            request.ask(arena.client, round % peer_count, paths_of(round), true);
             must_be_pending(request);
             if (has_sent)
                 return;
@@ -127,7 +108,7 @@ Tally drive_reply_beside_send(Site& site, unsigned rounds) {
         },
         [&](unsigned round) {
             sending.arrive();
-            hear(site, round % peer_count, round);
+            hear(arena, round % peer_count, round);
             heard.arrive();
         },
         [&](unsigned) { tally.met += has_sent; });
@@ -208,7 +189,7 @@ const void* lock_met_in(unsigned round) {
 
 /* The driver goes and another one comes while a request is made or a packet taken in. The caller is
  * held until the detaching has come to wait for it, or has not waited. */
-Tally drive_driver_change(Site& site, unsigned rounds) {
+Tally drive_driver_change(Arena& arena, unsigned rounds) {
     Tally tally;
     Meeting held, leaving, lock_of_driver;
     Calling calling = Calling::soon;
@@ -222,9 +203,9 @@ Tally drive_driver_change(Site& site, unsigned rounds) {
             hold();
         calling = Calling::at_once;  // once is enough
     };
-    site.driver.detach();
+    arena.driver.detach();
     attach_numbered(0);
-    Site::command("sa_queries off\n");
+    Arena::command("sa_queries off\n");
     in_step(
         rounds, [&](unsigned round) { calling = calling_in(round); },
         [&](unsigned round) {
@@ -236,9 +217,9 @@ Tally drive_driver_change(Site& site, unsigned rounds) {
                 lock == &tarv_rl_lock ? hold() : lock_of_driver.arrive();
             });
             if (calling_in(round) == Calling::info)
-                hear(site, round % peer_count, round);
+                hear(arena, round % peer_count, round);
             else
-                new_request().ask(site.client, round % peer_count, tarv_paths_none, true);
+                new_request().ask(arena.client, round % peer_count, tarv_paths_none, true);
         },
         [&](unsigned round) {
             bool waits = calling_in(round) == Calling::at_once;
@@ -263,10 +244,10 @@ Tally drive_driver_change(Site& site, unsigned rounds) {
         // Among many identical requests nothing would be sent.
         [&](unsigned round) {
             calling = Calling::at_once;
-            hear(site, round % peer_count, round);
+            hear(arena, round % peer_count, round);
         });
     detach_numbered(rounds);
-    site.driver.attach();
+    arena.driver.attach();
     return tally;
 }
 
@@ -285,21 +266,28 @@ Visitor meet_at(const void* lock, Meeting& meeting, bool late) {
     };
 }
 
-std::string split(unsigned long one, const char* one_name, unsigned long other,
-                  const char* other_name) {
-    return std::to_string(one) + " " + one_name + ", " + std::to_string(other) + " " + other_name;
-}
-
 /* In every third round the request has no retry left: the time-out pass ends it. */
 void allow_retries(unsigned round) {
     write_once(get_data_retry, round % 3 == 0 ? 0 : 3);
 }
 
-}  // namespace
+/* A list whose time-out pass and completion are to meet. */
+struct TimedList {
+    timer_list& timer;
+    void (*pass)(unsigned long);
+    const void* lock;
+    unsigned long limit;  // ticks that a request may wait
+    /// Makes a request for the round's peer.
+    void (*ask)(Arena& arena, unsigned round, Request& request);
+    /// Answers those for it.
+    void (*complete)(const Arena& arena, unsigned round);
+};
 
-Tally drive_time_out_of_arp(Site& site, unsigned rounds) {
+/* The pass that comes first may issue the request anew, so that the answer finds nothing: it then
+ * comes again. */
+Tally drive_time_out(Arena& arena, unsigned rounds, const TimedList& list) {
     Tally tally;
-    const TimerByHand timer(tarv_req_timer);
+    const TimerByHand timer(list.timer);
     Meeting meeting;
     Request* request = nullptr;
     unsigned long time_outs = 0;
@@ -308,81 +296,66 @@ Tally drive_time_out_of_arp(Site& site, unsigned rounds) {
         [&](unsigned round) {
             allow_retries(round);
             request = &new_request();
-            request->ask(site.client, round % peer_count, tarv_paths_none, true);
-            skip_ticks(1000);
+            list.ask(arena, round, *request);
+            skip_ticks(list.limit);
         },
         [&](unsigned round) {
             const host::ContextScope scope(host::Context::timer);
-            const AtMyDoor door(Door::lock, meet_at(&tarv_rl_lock, meeting, round % 4 == 0));
-            tarv_req_timer_handler(tarv_req_timer.data);
+            const AtMyDoor door(Door::lock, meet_at(list.lock, meeting, round % 4 == 0));
+            list.pass(list.timer.data);
             tally.met++;
         },
         [&](unsigned round) {
-            const AtMyDoor door(Door::lock, meet_at(&tarv_rl_lock, meeting, round % 4 == 1));
-            hear(site, round % peer_count, round);
+            const AtMyDoor door(Door::lock, meet_at(list.lock, meeting, round % 4 == 1));
+            list.complete(arena, round);
         },
-        [&](unsigned) {
+        [&](unsigned round) {
+            if (request->replies() == 0)
+                list.complete(arena, round);
             if (request->replies() != 1)
                 violation("lost answer: a request that timed out while it was completed has %d",
                           request->replies());
             time_outs += request->told() == tarv_stat_timeout;
         });
     write_once(get_data_retry, 3);
-    tally.note = split(rounds - time_outs, "answered", time_outs, "timed out");
+    tally.note = std::to_string(rounds - time_outs) + " answered, " + std::to_string(time_outs) +
+                 " timed out";
     return tally;
 }
 
-/* The SA is silent; its answers are made here. The pass that comes first issues the request anew,
- * so that the answer finds nothing, and comes again. */
-Tally drive_time_out_of_paths(Site& site, unsigned rounds) {
-    Tally tally;
-    site.wait_for_ports();
-    site.fabric.sa().faults().drop_all();
-    {
-        const TimerByHand timer(tarv_sa_req_timer);
-        Meeting meeting;
-        Request* request = nullptr;
-        unsigned long time_outs = 0;
-        const auto answer = [&](unsigned round) {
-            const host::ContextScope scope(host::Context::gsi);
-            ib_path_record_v2_t paths[2];
-            site.identities.paths_to(round % peer_count, round, paths);
-            tarv_process_path_rec_data(paths, 2, 1);
-        };
-        in_step(
-            rounds,
-            [&](unsigned round) {
-                allow_retries(round);
-                Site::command("remove " + text_of(address_of(round % peer_count)) + "\n");
-                hear(site, round % peer_count, round);
-                request = &new_request();
-                request->ask(site.client, round % peer_count, tarv_paths_both, false);
-                if (request->status() != tarv_stat_pending)
-                    violation("a query could not be sent: status %d", request->status());
-                skip_ticks(3000);
-            },
-            [&](unsigned round) {
-                const host::ContextScope scope(host::Context::timer);
-                const AtMyDoor door(Door::lock, meet_at(&tarv_sa_rl_lock, meeting, round % 4 == 0));
-                tarv_sa_req_timer_handler(tarv_sa_req_timer.data);
-                tally.met++;
-            },
-            [&](unsigned round) {
-                const AtMyDoor door(Door::lock, meet_at(&tarv_sa_rl_lock, meeting, round % 4 == 1));
-                answer(round);
-            },
-            [&](unsigned round) {
-                if (request->replies() == 0)
-                    answer(round);
-                if (request->replies() != 1)
-                    violation("lost answer: a request that timed out while it was completed has %d",
-                              request->replies());
-                time_outs += request->told() == tarv_stat_timeout;
-            });
-        write_once(get_data_retry, 3);
-        tally.note = split(rounds - time_outs, "answered", time_outs, "timed out");
-    }
-    site.fabric.sa().clear();
+}  // namespace
+
+Tally drive_time_out_of_arp(Arena& arena, unsigned rounds) {
+    return drive_time_out(
+        arena, rounds,
+        {tarv_req_timer, tarv_req_timer_handler, &tarv_rl_lock, 1000,
+         [](Arena& a, unsigned round, Request& request) {
+             request.ask(a.client, round % peer_count, tarv_paths_none, true);
+         },
+         [](const Arena& a, unsigned round) { hear(a, round % peer_count, round); }});
+}
+
+/* The SA is silent; its answers are made here. */
+Tally drive_time_out_of_paths(Arena& arena, unsigned rounds) {
+    arena.wait_for_ports();
+    arena.fabric.sa().faults().drop_all();
+    const Tally tally = drive_time_out(
+        arena, rounds,
+        {tarv_sa_req_timer, tarv_sa_req_timer_handler, &tarv_sa_rl_lock, 3000,
+         [](Arena& a, unsigned round, Request& request) {
+             Arena::command("remove " + text_of(address_of(round % peer_count)) + "\n");
+             hear(a, round % peer_count, round);
+             request.ask(a.client, round % peer_count, tarv_paths_both, false);
+             if (request.status() != tarv_stat_pending)
+                 violation("a query could not be sent: status %d", request.status());
+         },
+         [](const Arena& a, unsigned round) {
+             const host::ContextScope scope(host::Context::gsi);
+             ib_path_record_v2_t paths[2];
+             a.identities.paths_to(round % peer_count, round, paths);
+             tarv_process_path_rec_data(paths, 2, 1);
+         }});
+    arena.fabric.sa().clear();
     return tally;
 }
 

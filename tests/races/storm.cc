@@ -38,13 +38,13 @@ std::vector<std::thread> begin_parts(Storm& storm) {
 /* A halt in the middle of things leaves none for the unload to end in silence. */
 void reload(Storm& storm) {
     if (chance().one_in(3))
-        Site::command("halt\n");
+        Arena::command("halt\n");
     storm.module.close();
-    storm.site.unload();
+    storm.arena.unload();
     storm.waiting = 0;
     // A file that is being made is not yet ready to be opened.
     storm.files.close();
-    storm.site.load();
+    storm.arena.load();
     storm.files.open();
     storm.weather.open();
     storm.module.open();
@@ -56,7 +56,7 @@ struct Figure {
     bool must_be;  // a storm without any is none
 };
 
-void print_figures(const Site& site, double seconds, unsigned long queries_before) {
+void print_figures(const Arena& arena, double seconds, unsigned long queries_before) {
     const Figure figures[] = {
         {"resolutions", counted.resolutions, true},
         {"hits", counted.hits, true},
@@ -81,7 +81,7 @@ void print_figures(const Site& site, double seconds, unsigned long queries_befor
             violation("the storm made no %s", figure.name);
     }
     std::printf("  %-28s %10lu\n", "queries heard by the SA",
-                const_cast<Site&>(site).fabric.sa().queries() - queries_before);
+                const_cast<Arena&>(arena).fabric.sa().queries() - queries_before);
 }
 
 }  // namespace
@@ -91,11 +91,11 @@ Chance& chance() {
     return mine;
 }
 
-void storm(Site& site, double seconds) {
-    Storm storm(site);
+void storm(Arena& arena, double seconds) {
+    Storm storm(arena);
 
-    const unsigned long queries = site.fabric.sa().queries();
-    const DriverDoes does(site,
+    const unsigned long queries = arena.fabric.sa().queries();
+    const DriverDoes does(arena,
                           [&](const tarv_arp_data_t& request) { return storm.send(request); });
     set_unrest(unrest);
     counted.restart();
@@ -104,7 +104,7 @@ void storm(Site& site, double seconds) {
     std::thread receiver(&Storm::receive, &storm);
     std::vector<std::thread> threads = begin_parts(storm);
     while (passed() < seconds) {
-        site.kernel.advance(20 + chance().below(200));
+        arena.kernel.advance(20 + chance().below(200));
         reload(storm);
         progress("storm, " + std::to_string(static_cast<int>(passed())) + " s, " +
                  std::to_string(counted.resolutions.value()) + " resolutions, " +
@@ -113,11 +113,11 @@ void storm(Site& site, double seconds) {
     storm.over = true;
     for (std::thread& thread : threads)
         thread.join();
-    site.reload();
+    arena.reload();
     storm.end_receiving();
     receiver.join();
     set_unrest(0);
-    print_figures(site, passed(), queries);
+    print_figures(arena, passed(), queries);
 }
 
 }  // namespace stress

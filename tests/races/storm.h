@@ -15,7 +15,7 @@
 #include <mutex>
 #include <random>
 
-#include "tests/races/site.h"
+#include "tests/races/arena.h"
 
 namespace stress {
 
@@ -31,9 +31,9 @@ class Chance {
 Chance& chance();
 
 struct Storm {
-    explicit Storm(Site& on) : site(on) {}
+    explicit Storm(Arena& on) : arena(on) {}
 
-    Site& site;
+    Arena& arena;
     std::atomic<bool> over = false;
     Entrance module;   ///< for who calls the module's functions
     Entrance files;    ///< for who opens its files; closed only while it is loaded
@@ -79,6 +79,6 @@ struct Storm {
 };
 
 /// Prints what was done.
-void storm(Site& site, double seconds);
+void storm(Arena& arena, double seconds);
 
 }  // namespace stress

@@ -57,27 +57,27 @@ void Storm::ask() {
 void Storm::be_told() {
     waiting.fetch_sub(1, std::memory_order_relaxed);
     if (chance().one_in(16))
-        new_request().ask(site.client, any_peer(), any_paths(), false);
+        new_request().ask(arena.client, any_peer(), any_paths(), false);
 }
 
 void Storm::ask_once() {
     const tarv_paths_t paths = any_paths();
     switch (chance().below(8)) {
         case 0:
-            ask_cache(site.client, any_peer(), paths);
+            ask_cache(arena.client, any_peer(), paths);
             break;
         case 1: {
-            gx_gid_t gid = site.identities.heard(any_peer(), generation, TARV_ARP_OP_REPLY).gid;
+            gx_gid_t gid = arena.identities.heard(any_peer(), generation, TARV_ARP_OP_REPLY).gid;
             tarv_arp_data_t record = {};
             counted.lookups++;
-            if (site.lookup(&gid, &record) == tarv_stat_ok)
-                site.identities.check(record, record.dst_ip, "a lookup by GID");
+            if (arena.lookup(&gid, &record) == tarv_stat_ok)
+                arena.identities.check(record, record.dst_ip, "a lookup by GID");
             break;
         }
         default:
             waiting.fetch_add(1, std::memory_order_relaxed);
-            if (new_request().ask(site.client, any_peer(), paths, chance().one_in(8), &on_reply_) !=
-                tarv_stat_pending)
+            if (new_request().ask(arena.client, any_peer(), paths, chance().one_in(8),
+                                  &on_reply_) != tarv_stat_pending)
                 waiting.fetch_sub(1, std::memory_order_relaxed);
     }
 }
@@ -85,11 +85,11 @@ void Storm::ask_once() {
 // The driver and the peers.
 
 void Storm::hear(unsigned peer, tarv_arp_op_t operation) {
-    if (!site.driver.entrance.enter())
+    if (!arena.driver.entrance.enter())
         return;
     const unsigned next = generation.fetch_add(1, std::memory_order_relaxed);
-    site.driver.deliver(site.identities.heard(peer, next, operation));
-    site.driver.entrance.leave();
+    arena.driver.deliver(arena.identities.heard(peer, next, operation));
+    arena.driver.entrance.leave();
 }
 
 /* Peers that speak unasked. */
@@ -116,7 +116,7 @@ tarv_stat_t Storm::send(const tarv_arp_data_t& request) {
             hear(peer, TARV_ARP_OP_REPLY);
             break;
         case 3: {
-            if (site.driver.entrance.inside())
+            if (arena.driver.entrance.inside())
                 break;
             std::atomic<bool> arrived = false;
             hand_over(peer, &arrived);
@@ -157,52 +157,53 @@ void Storm::receive() {
 void Storm::reattach_driver() {
     while (!over) {
         go_through(module, [this] {
-            site.driver.detach();
-            site.driver.attach();
+            arena.driver.detach();
+            arena.driver.attach();
             counted.attachments++;
         });
-        site.kernel.advance(3);
+        arena.kernel.advance(3);
     }
 }
 
 // The fabric.
 
 void Storm::change_fabric() {
-    const std::uint16_t lids[] = {site.fabric.adapter().port(1).lid,
-                                  site.fabric.adapter().port(2).lid, 2001, 2002};
-    const fabric::SubnetManager manager = site.fabric.subnet().manager();
-    const std::uint16_t other_manager = site.identities.heard(0, 1, TARV_ARP_OP_REPLY).lid;
+    const std::uint16_t lids[] = {arena.fabric.adapter().port(1).lid,
+                                  arena.fabric.adapter().port(2).lid, 2001, 2002};
+    const fabric::SubnetManager manager = arena.fabric.subnet().manager();
+    const std::uint16_t other_manager = arena.identities.heard(0, 1, TARV_ARP_OP_REPLY).lid;
     while (!over) {
         go_through(weather, [&] {
             const int port = 1 + static_cast<int>(chance().below(2));
             const bool first = chance().one_in(2);
             switch (chance().below(8)) {
                 case 0:
-                    site.fabric.set_link(port, false);
+                    arena.fabric.set_link(port, false);
                     break;
                 case 1:
                 case 2:
-                    site.fabric.set_link(port, true);
+                    arena.fabric.set_link(port, true);
                     break;
                 case 3:
-                    site.fabric.move_sm(first ? manager.lid : other_manager, first ? 0 : 1);
+                    arena.fabric.move_sm(first ? manager.lid : other_manager, first ? 0 : 1);
                     break;
                 case 4:
-                    site.fabric.set_lid(port, lids[port - 1 + (first ? 0 : 2)]);
+                    arena.fabric.set_lid(port, lids[port - 1 + (first ? 0 : 2)]);
                     break;
                 case 5:
-                    site.fabric.set_mtu(port, first ? 4 : 5);
+                    arena.fabric.set_mtu(port, first ? 4 : 5);
                     break;
                 case 6:
-                    site.fabric.set_pkeys(port, first ? std::vector<std::uint16_t>{0xFFFF}
-                                                      : std::vector<std::uint16_t>{0x7FFF, 0xFFFF});
+                    arena.fabric.set_pkeys(port, first
+                                                     ? std::vector<std::uint16_t>{0xFFFF}
+                                                     : std::vector<std::uint16_t>{0x7FFF, 0xFFFF});
                     break;
                 default:
-                    site.fabric.raise_event(first ? 0x99u : u32{gx_async_r_port_link_up}, port);
+                    arena.fabric.raise_event(first ? 0x99u : u32{gx_async_r_port_link_up}, port);
             }
             counted.events++;
         });
-        site.kernel.advance(1);
+        arena.kernel.advance(1);
     }
 }
 
@@ -270,7 +271,7 @@ void check_table(const std::string& text) {
 
 void Storm::administrate() {
     while (!over) {
-        go_through(files, [this] { Site::command(any_command(site.identities, generation)); });
+        go_through(files, [this] { Arena::command(any_command(arena.identities, generation)); });
         std::this_thread::yield();
     }
 }
@@ -281,13 +282,13 @@ void Storm::read_files() {
     while (!over) {
         go_through(files, [&] {
             if (chance().one_in(4)) {
-                const std::string text = Site::read(version_path, 4096);
+                const std::string text = Arena::read(version_path, 4096);
                 if (version.empty())
                     version = text;
                 if (!text.empty() && text != version)
                     violation("torn record: the version file reads \"%s\"", text.c_str());
             } else {
-                check_table(Site::read(control_path, chance().one_in(3) ? 200 : 1 << 20));
+                check_table(Arena::read(control_path, chance().one_in(3) ? 200 : 1 << 20));
             }
         });
         std::this_thread::yield();
@@ -300,7 +301,7 @@ void Storm::change_trace_level() {
         const unsigned level = chance().one_in(8) ? chance().below(6) : 0;
         host::set_repository_value("quorvane/modules/tarv/", "debug-level", level);
         counted.trace_changes++;
-        site.kernel.advance(level == 0 ? 10 : 1);
+        arena.kernel.advance(level == 0 ? 10 : 1);
     }
 }
 

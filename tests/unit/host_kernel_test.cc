@@ -170,41 +170,6 @@ TEST_P(VirtualKernel, ReportsWhatAnArmedTimerAndAWatcherLeave) {
     EXPECT_THAT(kernel_.remains(), ElementsAre());
 }
 
-TEST(RealKernel, FiresATimerNotBeforeItsExpiry) {
-    Kernel kernel({.clock = Clock::real_time});
-    static semaphore fired;
-    sema_init(&fired, 0, "fired");
-    unsigned long seen = 0;
-    const unsigned long expires = ::jiffies() + 3;
-    NotingTimer timer(
-        [&] {
-            seen = ::jiffies();
-            kernel.schedule(Context::process, 0, [] { up(&fired); });
-        },
-        expires);
-    down(&fired);
-    EXPECT_GE(seen, expires);
-}
-
-// Whatever the moment at which it is stopped, the function is not running afterwards and does not
-// run again, although it always starts its timer anew.
-TEST(RealKernel, StopsATimerThatKeepsStartingItself) {
-    Kernel kernel({.clock = Clock::real_time});
-    for (int round = 0; round < 20; ++round) {
-        int unguarded = 0;
-        NotingTimer* again = nullptr;
-        NotingTimer timer([&] { again->start(::jiffies()), ++unguarded; }, ~0ul >> 1);
-        again = &timer;
-        del_timing_sync(&timer.timer);
-        timer.start(0);
-        kernel.advance(static_cast<unsigned long>(round % 3));
-        EXPECT_EQ(del_timing_sync(&timer.timer), 1);
-        const int before = unguarded;
-        kernel.settle();
-        EXPECT_EQ(unguarded, before);
-    }
-}
-
 TEST(RealKernel, ManyMoreReadersThanCpusKeepWritersOut) {
     const Kernel kernel({.clock = Clock::real_time});
     static rwlock_t rw;

@@ -147,26 +147,4 @@ TEST(Faults, HitTheCallTheyWereSetForOnce) {
     kfree(memory);
 }
 
-TEST(RealServices, EndingANotificationWaitsForItsCallback) {
-    host::Kernel kernel({.clock = host::Clock::real_time});
-    for (int round = 0; round < 20; ++round) {
-        rep_key_t key = nullptr;
-        rep_notify_t handle = nullptr;
-        host::set_repository_value("a/", "v", 0);
-        ASSERT_EQ(rep_open_key(rep_get_root(), "a/", 0, &key), 0);
-        // Written by the callback without a lock: the sanitizer tells when it may still run.
-        auto level = std::make_unique<int>(0);
-        const auto store = [](rep_key_t, u64 value, void* context) {
-            *static_cast<int*>(context) = static_cast<int>(value);
-        };
-        ASSERT_EQ(rep_notify_key_change(key, 0, 2, store, level.get(), &handle), 0);
-        std::thread writer([] { host::set_repository_value("a/", "v", 7); });
-        rep_notify_del(handle);
-        EXPECT_TRUE(*level == 0 || *level == 7);
-        level.reset();
-        writer.join();
-        rep_close_key(key);
-    }
-}
-
 }  // namespace

@@ -77,41 +77,24 @@ TEST_F(IntakeTest, WithoutMemoryThePacketIsDropped) {
     EXPECT_EQ(waiting_for_arp(), 1u);
 }
 
-struct Inside {
-    const char* name;
-    tarv_paths_t wanted;
-    tarv_stat_t sent;
-    const char* told;
-};
-struct InsideTest : IntakeTest, testing::WithParamInterface<Inside> {};
-
-TEST_P(InsideTest, AReplyInsideTheSendCompletesAtOnceAndOnce) {
-    const Inside& row = GetParam();
-    u32 mask_after = 0;
-    StandInDriver driver{[&](tarv_arp_data_t& data, int) {
-        hear(heard(2));
-        mask_after = data.mask;
-        return row.sent;
-    }};
-    use(driver);
-    EXPECT_EQ(ask(host_ip(2), row.wanted), tarv_stat_pending);
-    EXPECT_EQ(mask_after, 0x403u) << "the driver's record is left alone";
-    EXPECT_EQ(record.mask, row.sent == tarv_stat_ok ? 0u : 0x403u);
-    EXPECT_EQ(waiting_for_arp(), 0u);
-    EXPECT_EQ(read_once(tarv_media_reset), row.sent == tarv_stat_ok ? 0 : 1);
-    kernel.advance(10'000);
-    std::erase_if(timeline, [](const auto& line) { return line.find("query") != line.npos; });
-    EXPECT_THAT(timeline, ElementsAre(row.told));
-    write_once(local_send_arp_data_fn, nullptr);
+/* What came of a send whose answer was there before it had returned is seen in what it was given.
+ */
+TEST_F(IntakeTest, AReplyInsideTheSendLeavesTheDriversRecordAlone) {
+    for (const tarv_stat_t sent : {tarv_stat_ok, tarv_stat_error}) {
+        u32 mask_after = 0;
+        StandInDriver driver{[&](tarv_arp_data_t& data, int) {
+            hear(heard(2));
+            mask_after = data.mask;
+            return sent;
+        }};
+        use(driver);
+        EXPECT_EQ(ask(host_ip(2), tarv_paths_none, "client", 1), tarv_stat_pending);
+        EXPECT_EQ(mask_after, 0x403u);
+        EXPECT_EQ(record.mask, sent == tarv_stat_ok ? 0u : 0x403u);
+        tarv_detach(TARV_ATTACH_HANDLE);
+    }
 }
 
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(Site, InsideTest, testing::Values(
-    Inside{"sent", tarv_paths_none, tarv_stat_ok, "+0 client told 0 with 10.0.0.2"},
-    Inside{"failed", tarv_paths_none, tarv_stat_error, "+0 client told 0 with 10.0.0.2"},
-    Inside{"sent_paths_wanted", tarv_paths_both, tarv_stat_ok, "+2 client told 0 with 10.0.0.2"},
-    Inside{"failed_paths_wanted", tarv_paths_both, tarv_stat_error, "+2 client told 0 with 10.0.0.2"}), row_name);
-// clang-format on
 TEST_F(IntakeTest, ADriverThatDetachesItselfWhileItIsCalledIsStopped) {
     StandInDriver driver{[&](tarv_arp_data_t&, int) { return tarv_detach(TARV_ATTACH_HANDLE); }};
     use(driver);

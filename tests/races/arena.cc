@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
-#include "tests/races/site.h"
+#include "tests/races/arena.h"
 
 #include <system_error>
 
@@ -8,7 +8,6 @@
 #include "host/services.h"
 #include "platform/atomic.h"
 #include "tarv/tarv-api.h"
-#include "tarv/tarv-module.h"
 #include "tarv/tarv-sa-private.h"
 #include "tests/races/doors.h"
 #include "tests/races/report.h"
@@ -71,21 +70,20 @@ tarv_stat_t default_partition(gx_p_key_t* pkey) {
     return tarv_stat_ok;
 }
 
-template <class Function>
-Function* module_function(const char* name) {
-    return reinterpret_cast<Function*>(const_cast<void*>(host::inter_module_get(name)));
+app::Site site_of(const fabric::Topology& topology) {
+    return {topology, fabric::deal_addresses(topology), 0};
 }
 
 }  // namespace
 
-std::size_t Entrance::own_place() {
+std::size_t Entrance::own_number() {
     static std::atomic<std::size_t> next = 0;
     thread_local const std::size_t mine = next++;
     return mine;
 }
 
 bool Entrance::enter() {
-    std::atomic<int>& depth = places_.at(own_place()).depth;
+    std::atomic<int>& depth = guests_.at(own_number()).depth;
     const int before = depth++;
     if (before > 0 || !closed_)
         return true;
@@ -94,17 +92,17 @@ bool Entrance::enter() {
 }
 
 void Entrance::leave() {
-    places_.at(own_place()).depth--;
+    guests_.at(own_number()).depth--;
 }
 
 bool Entrance::inside() const {
-    return places_.at(own_place()).depth > 0;
+    return guests_.at(own_number()).depth > 0;
 }
 
 void Entrance::close() {
     closed_ = true;
-    for (const Place& place : places_)
-        wait_until("a visitor leaves", [&] { return place.depth == 0; });
+    for (const Guest& guest : guests_)
+        wait_until("a visitor leaves", [&] { return guest.depth == 0; });
 }
 
 void Entrance::open() {
@@ -113,15 +111,14 @@ void Entrance::open() {
 
 void Driver::attach() {
     gone.store(false, std::memory_order_relaxed);
-    auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
-    if (!attach_fn || attach_fn(interface_info, send_arp, this, &handle_) != tarv_stat_ok)
+    if (tarv_attach(interface_info, send_arp, this, &handle_) != tarv_stat_ok)
         host::die("the driver cannot be attached");
     entrance.open();
 }
 
 void Driver::detach() {
     entrance.close();
-    if (module_function<tarv_detach_fn_t>("tarv_detach_fn")(handle_) != tarv_stat_ok)
+    if (tarv_detach(handle_) != tarv_stat_ok)
         violation("the driver cannot be detached");
     gone.store(true, std::memory_order_relaxed);
 }
@@ -132,13 +129,10 @@ tarv_stat_t Driver::deliver(tarv_arp_data_t packet) const {
     return tarv_process_arp_data(&packet);
 }
 
-Site::Site(unsigned long speed)
-    : kernel(host::Options{host::Clock::real_time, first_jiffy(speed)}),
-      topology(fabric::make_fabric({.hosts = 24})),
-      fabric(topology, fabric::deal_addresses(topology), 0, {.delays = {0, 0, 0}}),
-      identities(fabric) {
+Arena::Arena(unsigned long speed)
+    : machine(site_of(fabric::make_fabric({.hosts = 24})), {},
+              {host::Clock::real_time, first_jiffy(speed)}, {}, {.delays = {0, 0, 0}}) {
     set_clock_speed(speed);
-    host::set_logger_level(5);
     fabric.gsi().set_request_lifetime(10000 * speed);
     driver.on_send = lose;
     driver.on_interface_info = default_partition;
@@ -146,38 +140,38 @@ Site::Site(unsigned long speed)
     load();
 }
 
-Site::~Site() {
+Arena::~Arena() {
     if (client.get)
         unload();
     the_driver = nullptr;
 }
 
-void Site::load() {
-    if (host::load_module(tarv_module) != 0)
+void Arena::load() {
+    if (machine.load() != 0)
         host::die("the module cannot be loaded");
-    client = {module_function<tarv_get_ib_data_fn_t>("tarv_get_ib_data_fn"), &identities};
-    lookup = module_function<tarv_seq_cache_lookup_fn_t>("tarv_seq_cache_lookup_fn");
+    client = {machine.function<tarv_get_ib_data_fn_t>("tarv_get_ib_data_fn"), &identities};
+    lookup = machine.function<tarv_seq_cache_lookup_fn_t>("tarv_seq_cache_lookup_fn");
     driver.attach();
-    command("enable");
-    command("sa_queries on");
+    machine.switch_on();
 }
 
 /* Whoever waits for ARP when the ARP timer has been stopped for the last time is told nothing. In a
  * halted module nobody waits. */
-void Site::unload() {
+void Arena::unload() {
     driver.detach();
     const bool was_halted = read_once(halted);
     const unsigned long silent = counted.silent.value();
+    app::Departure departure;
     {
         const AtMyDoor door(Door::timer_stopped, [](const void* timer) {
             if (timer == &tarv_req_timer)
                 note_discarded();
         });
-        host::unload_module(tarv_module);
+        departure = machine.unload();
     }
     client.get = nullptr;
     counted.reloads++;
-    look_at_remains();
+    look_at_remains(departure);
     settle_ledgers();
     if (was_halted && counted.silent.value() != silent)
         violation("lost answer: %lu requests were waiting for ARP when a halted module went",
@@ -185,8 +179,8 @@ void Site::unload() {
     host::clear_console();
 }
 
-void Site::look_at_remains() {
-    for (const std::string& line : kernel.remains())
+void Arena::look_at_remains(const app::Departure& departure) {
+    for (const std::string& line : departure.remains)
         violation("left after the unload: %s", line.c_str());
     if (const int pending = atomic_read(&tarv_gsi_pending_cnt))
         violation("left after the unload: %d query datagrams are counted as pending", pending);
@@ -194,13 +188,13 @@ void Site::look_at_remains() {
         violation("left after the unload: %zu datagrams", out);
 }
 
-void Site::wait_for_ports() {
+void Arena::wait_for_ports() {
     kernel.settle();
     for (int port = 0; port < 2; port++)
         wait_until("a port comes up", [&] { return read_once(tarv_sa_g.ports[port].is_valid); });
 }
 
-bool Site::command(const std::string& text) {
+bool Arena::command(const std::string& text) {
     try {
         host::ProcFile(control_path).write(text);
     } catch (const std::system_error&) {
@@ -210,7 +204,7 @@ bool Site::command(const std::string& text) {
     return true;
 }
 
-std::string Site::read(const std::string& path, std::size_t size) {
+std::string Arena::read(const std::string& path, std::size_t size) {
     try {
         std::string text = host::ProcFile(path).read(size);
         counted.reads++;
@@ -220,29 +214,29 @@ std::string Site::read(const std::string& path, std::size_t size) {
     }
 }
 
-void Site::event(gx_async_record_t type, int port) {
+void Arena::event(gx_async_record_t type, int port) {
     const host::ContextScope scope(host::Context::event);
     counted.events++;
     tarv_async_event_cb({type, static_cast<u8>(port)});
 }
 
-DriverDoes::DriverDoes(Site& site, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send)
-    : DriverDoes(site, std::move(on_send), default_partition) {}
+DriverDoes::DriverDoes(Arena& arena, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send)
+    : DriverDoes(arena, std::move(on_send), default_partition) {}
 
-DriverDoes::DriverDoes(Site& site, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send,
+DriverDoes::DriverDoes(Arena& arena, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send,
                        std::function<tarv_stat_t(gx_p_key_t*)> on_interface_info)
-    : site_(site) {
-    site.unload();
-    site.driver.on_send = std::move(on_send);
-    site.driver.on_interface_info = std::move(on_interface_info);
-    site.load();
+    : arena_(arena) {
+    arena.unload();
+    arena.driver.on_send = std::move(on_send);
+    arena.driver.on_interface_info = std::move(on_interface_info);
+    arena.load();
 }
 
 DriverDoes::~DriverDoes() {
-    site_.unload();
-    site_.driver.on_send = lose;
-    site_.driver.on_interface_info = default_partition;
-    site_.load();
+    arena_.unload();
+    arena_.driver.on_send = lose;
+    arena_.driver.on_interface_info = default_partition;
+    arena_.load();
 }
 
 }  // namespace stress

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The host that is put under stress: a kernel in real time, a fabric, the module, and a driver
-// whose every move the stress decides.
+// Where the module is put under stress: a machine in real time, and a driver whose every move the
+// stress decides.
 #pragma once
 
 #include <array>
@@ -10,8 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "fabric/fabric.h"
-#include "host/kernel.h"
+#include "app/machine.h"
 #include "tests/races/identity.h"
 #include "tests/races/ledger.h"
 
@@ -31,15 +30,15 @@ class Entrance {
     void open();
 
   private:
-    static constexpr std::size_t most_visitors = 64;
+    static constexpr std::size_t most_guests = 64;
 
-    struct alignas(64) Place {
+    struct alignas(64) Guest {
         std::atomic<int> depth = 0;
     };
-    static std::size_t own_place();
+    static std::size_t own_number();
 
     std::atomic<bool> closed_ = false;
-    std::array<Place, most_visitors> places_;
+    std::array<Guest, most_guests> guests_;
 };
 
 /// The IPoIB driver.
@@ -66,13 +65,13 @@ class Driver {
     void* handle_ = nullptr;
 };
 
-class Site {
+class Arena {
   public:
     /// `speed`: ticks of the module in one of the clock.
-    explicit Site(unsigned long speed);
-    ~Site();
-    Site(const Site&) = delete;
-    Site& operator=(const Site&) = delete;
+    explicit Arena(unsigned long speed);
+    ~Arena();
+    Arena(const Arena&) = delete;
+    Arena& operator=(const Arena&) = delete;
 
     void load();
     /// Detaches the driver, unloads, and looks at everything that was left. Nobody else makes
@@ -92,31 +91,31 @@ class Site {
     /// An event of the adapter comes to the module, on this thread.
     static void event(gx_async_record_t type, int port);
 
-    host::Kernel kernel;
-    fabric::Topology topology;
-    fabric::Fabric fabric;
-    Identities identities;
+    app::Machine machine;
+    host::Kernel& kernel = machine.kernel();
+    fabric::Fabric& fabric = machine.fabric();
+    Identities identities{fabric};
     Driver driver;
     Client client{};
     tarv_seq_cache_lookup_fn_t* lookup = nullptr;
 
   private:
-    void look_at_remains();
+    void look_at_remains(const app::Departure& departure);
 };
 
 /// For its scope the driver does that when it is asked to send. The module is loaded anew in the
 /// end, so that nobody is left who might still ask. Declare it behind what the function uses.
 class DriverDoes {
   public:
-    DriverDoes(Site& site, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send);
-    DriverDoes(Site& site, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send,
+    DriverDoes(Arena& arena, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send);
+    DriverDoes(Arena& arena, std::function<tarv_stat_t(const tarv_arp_data_t&)> on_send,
                std::function<tarv_stat_t(gx_p_key_t*)> on_interface_info);
     ~DriverDoes();
     DriverDoes(const DriverDoes&) = delete;
     DriverDoes& operator=(const DriverDoes&) = delete;
 
   private:
-    Site& site_;
+    Arena& arena_;
 };
 
 /// The same, but only on the thread that makes it: what timers and answers of the SA have sent
