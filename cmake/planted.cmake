@@ -10,8 +10,8 @@
 # has a line that matches EXPECT (an extended regular expression): the fault was caught and named.
 # The replaced text must stand in the source exactly once; when the source has moved on, the test
 # fails and says so, and everything else is built and runs. One file is compiled a row; the program's
-# own objects are those that it is made of. Where ONLY is given, the row exists in those builds
-# alone.
+# own objects are those that it is made of. The row exists in the builds that ONLY names, or in the
+# plain one: what needs no sanitizer to be found is shown once.
 
 # The word for the build that ONLY chooses by.
 function(tarv_kind_of_build result)
@@ -62,7 +62,10 @@ function(planted_fault)
     message(FATAL_ERROR "planted fault ${ROW_NAME}: not understood: ${ROW_UNPARSED_ARGUMENTS}")
   endif()
   tarv_kind_of_build(kind)
-  if(ROW_ONLY AND NOT kind IN_LIST ROW_ONLY)
+  if(NOT ROW_ONLY)
+    set(ROW_ONLY plain)
+  endif()
+  if(NOT kind IN_LIST ROW_ONLY)
     return()
   endif()
 

@@ -39,10 +39,9 @@ inline fabric::Topology small_fabric(int our_ports = 2) {
 /// That machine in virtual time. The module is not loaded yet, and will log nothing.
 class SmallMachine : public app::Machine {
   public:
-    explicit SmallMachine(unsigned long first_jiffy = 1000, int our_ports = 2,
-                          const fabric::FabricOptions& options = {})
+    explicit SmallMachine(int our_ports = 2, const fabric::FabricOptions& options = {})
         : Machine({small_fabric(our_ports), fabric::deal_addresses(small_fabric(our_ports)), 0}, {},
-                  {host::Clock::virtual_time, first_jiffy}, {}, options) {
+                  {}, {}, options) {
         host::set_repository_value("quorvane/modules/tarv/", "debug-level", 0);
     }
 };

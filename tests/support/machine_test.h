@@ -30,10 +30,6 @@ inline Lines operator+(Lines lines, const Lines& more) {
     return lines;
 }
 
-/// A time before the low half of the tick counter starts from 0 again, such that the request timers
-/// run once more shortly before it does.
-inline constexpr unsigned long before_wrap = (1ul << 32) - 1200;
-
 /// A line of the module's log as "D tarv_api/tarv_get_ib_data: message", its level's letter, unit
 /// and function in front; any other line as it is.
 inline std::string brief(const std::string& line) {
@@ -66,8 +62,7 @@ inline std::string without_pointers(const std::string& line) {
 
 class MachineTest : public testing::Test {
   public:
-    explicit MachineTest(unsigned long first_jiffy = 1000, int our_ports = 2)
-        : machine(first_jiffy, our_ports) {
+    explicit MachineTest(int our_ports = 2) : machine(our_ports) {
         trace(TARV_PANIC);
         tarv_driver_start();
         write_once(halted, 0);

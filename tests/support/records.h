@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// Builders of addresses, records, cache entries and paths, and a client that writes its answers
-// down.
+// Builders of addresses, records, cache entries and paths.
 #pragma once
 
 #include <arpa/inet.h>
 
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include "host/check.h"
-#include "platform/jiffies.h"
 #include "platform/memory.h"
 #include "tarv/tarv-arp-hash.h"
 
@@ -72,27 +67,5 @@ inline tarv_hash_entry_t* add(const tarv_arp_data_t& data) {
 inline tarv_hash_t& table() TA_NO_ANALYSIS {
     return tarv_table;
 }
-
-/// What a client's callback was told.
-struct Reply {
-    std::string client;
-    tarv_stat_t status;
-    bool with_record;
-    tarv_arp_data_t record;
-    unsigned long tick;
-};
-
-/// A client; it is its requests' context and writes its replies down in order with those of others.
-struct Client {
-    std::string name;
-    std::vector<Reply>& replies;
-
-    static void reply(tarv_stat_t status, tarv_arp_data_t* answer, void* context) {
-        host::must_hold_no_lock("a reply callback");
-        const auto* client = static_cast<const Client*>(context);
-        client->replies.push_back({client->name, status, answer != nullptr,
-                                   answer ? *answer : tarv_arp_data_t{}, jiffies()});
-    }
-};
 
 }  // namespace support

@@ -186,12 +186,4 @@ TEST_F(ControlRead, IsEmptyWithoutMemoryForItsText) {
     EXPECT_EQ(read_all(), header);
 }
 
-TEST_F(ControlRead, LosesATextThatIsHeldWhenTheModuleGoes) {
-    fill(3);
-    host::ProcFile file(control_path);
-    file.read(10);
-    unload();
-    EXPECT_THAT(kernel.remains(), IsEmpty());
-}
-
 }  // namespace

@@ -5,7 +5,6 @@
 #include "tests/support/module_test.h"
 
 using namespace support;
-using testing::IsEmpty;
 
 namespace {
 

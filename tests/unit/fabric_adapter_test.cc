@@ -9,7 +9,6 @@
 using namespace fabric;
 using namespace fabric_testing;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {

@@ -10,7 +10,6 @@ namespace {
 using namespace support;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr u32 both = TARV_MASK_BOTH_PATHS;
 
@@ -45,9 +44,9 @@ TEST_P(OperationTest, LearnsFromRequestsAndRepliesAlike) {
     EXPECT_EQ(table().size, row.learned ? 1u : 0u);
     EXPECT_EQ(replies.size(), row.learned ? 1u : 0u);
     if (row.learned) {
-        EXPECT_EQ(replies[0].record.mask, 0x27Fu);
-        EXPECT_EQ(replies[0].record.src_ip, host_ip(1));
-        EXPECT_EQ(replies[0].record.dst_ip, host_ip(2));
+        EXPECT_EQ(replies[0].mask, 0x27Fu);
+        EXPECT_EQ(replies[0].src_ip, host_ip(1));
+        EXPECT_EQ(replies[0].dst_ip, host_ip(2));
     }
 }
 

@@ -74,37 +74,6 @@ TEST_F(ModuleLoad, StandsAfterALoadAndIsGoneAfterAnUnload) {
     EXPECT_THAT(kernel.remains(), IsEmpty());
 }
 
-/* Whatever an administrator did to it, the next load is like the first. */
-TEST_F(ModuleLoad, BeginsAfreshEveryTime) {
-    set_level(TARV_DEBUG);
-    Lines first;
-    for (int round = 0; round < 3; round++) {
-        console();
-        const std::vector<std::string> parameters = {"arp_cache_timeout_sec=60",
-                                                     "tarv_is_mode_redundant=0"};
-        ASSERT_EQ(load(round == 1 ? parameters : std::vector<std::string>{}), 0);
-        EXPECT_EQ(arp_cache_timeout_sec, round == 1 ? 60u : 300u);
-        EXPECT_EQ(tarv_is_mode_redundant, round == 1 ? 0u : 1u);
-        kernel.advance(10);
-        fabric.ipoib().attach();
-        for (const char* line :
-             {"set_retry_cnt 7", "statics_inv off", "sa_queries on", "sa_queries off",
-              "add 10.0.0.1 10.0.0.2 5", "addpath 10.0.0.2 p * * * * * * * * * * * * * * * *",
-              "show 10.0.0.2", "show_stat", "dump", "invalidate 10.0.0.3 0",
-              "setstaticpath 1 2 3 4 5 6 1 5 1 7 1 9",
-              "addpath 10.0.0.2 s 0x1 0x2 3 4 0 0 0 0 5 0 0 4 0 3 0 9", "enable", "flush", "halt"})
-            command(line);
-        kernel.advance(2000);
-        unload();
-        const Lines lines = masked();
-        if (round == 0)
-            first = lines;
-        EXPECT_EQ(lines, first) << "in round " << round;
-        EXPECT_THAT(kernel.remains(), IsEmpty());
-    }
-    EXPECT_GT(first.size(), 50u);
-}
-
 /* A call that fails while the directories are there already, or are not. */
 struct Failure {
     const char* name;

@@ -10,24 +10,12 @@ namespace {
 using namespace support;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 struct RequestTest : RunningTest {
     static const tarv_list_entry_t* newest_for_paths() TA_NO_ANALYSIS {
         return *tarv_request_list(sa_requests.head).begin();
     }
 };
-
-TEST_F(RequestTest, AMissWithoutADriverIsAnError) {
-    fabric.ipoib().detach();
-    trace(TARV_ERROR);
-    EXPECT_EQ(ask(host_ip(2), tarv_paths_none, ""), tarv_stat_not_found);
-    EXPECT_EQ(ask(host_ip(2)), tarv_stat_error);
-    EXPECT_THAT(masked(),
-                ElementsAre("E tarv_api/__tarv_get_ib_data: No send_arp_data() registered "
-                            "- can't send ARP request.(hint: call tarv_attach())"));
-    EXPECT_EQ(waiting_for_arp(), 0u);
-}
 
 TEST_F(RequestTest, AHaltedModuleRefusesEvenWhatItKnows) {
     know(2);
@@ -122,7 +110,7 @@ TEST_F(RequestTest, AWaitingRequestRemembersWhatItNeeds) {
 
 TEST_F(RequestTest, AnArpRequestHoldsNothingButItsFiveFields) {
     fabric.peer(host_ip(2)).drop_all();
-    clients.push_back({{"client", replies}, this});
+    clients.push_back({"client", this});
     std::memset(&record, 0xA5, sizeof record);
     ASSERT_EQ(tarv_get_ib_data(host_ip(2), host_ip(1), tarv_paths_both, &record, reply,
                                &clients.back(), 0),

@@ -6,8 +6,6 @@
 
 using namespace fabric;
 using namespace fabric_testing;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
@@ -145,9 +143,6 @@ struct ScriptCase {
 };
 const ScriptCase script_cases[] = {
     {"none", [](Sa&) {}, {"2:0:3a:3.2:84", "12:0:3a:3.2:84"}},
-    {"lost", [](Sa& s) { s.faults().drop_next(1); }, {"12:0:3a:3.2:84"}},
-    {"late", [](Sa& s) { s.faults().delay(30); }, {"32:0:3a:3.2:84", "42:0:3a:3.2:84"}},
-    {"out of order", [](Sa& s) { s.faults().hold_next(); }, {"12:0:3a:3.2:84", "12:0:3a:3.2:84"}},
     {"twice",
      [](Sa& s) { s.faults().duplicate_next(); },
      {"2:0:3a:3.2:84", "2:0:3a:3.2:84", "12:0:3a:3.2:84"}},
@@ -244,7 +239,7 @@ TEST_F(SaTest, SendsLongAnswersInSegments) {
 }
 
 TEST(SaPaths, UseFurtherLidsOfPortsThatHaveThem) {
-    SmallMachine machine(1000, 2, {.subnet = {.lmc = 2}});
+    SmallMachine machine(2, {.subnet = {.lmc = 2}});
     GsiClient client;
     client.ask(0x2001);
     ASSERT_THAT(client.answers, SizeIs(1));

@@ -15,7 +15,6 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 struct Played {

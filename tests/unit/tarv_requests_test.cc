@@ -76,9 +76,6 @@ class BothLists : public Requests, public testing::WithParamInterface<List> {
     const List& list = GetParam();
 };
 
-// It takes requests off from inside the console's printing, which nobody but this test does. There
-// is one thread, but the thread sanitizer sees an order of locks that two could not keep.
-#ifndef __SANITIZE_THREAD__
 /// A long dump is made page by page; what goes meanwhile may be where it would go on.
 TEST_P(BothLists, KeepTheirPlaceInADump) {
     Lines expected;
@@ -108,7 +105,6 @@ TEST_P(BothLists, KeepTheirPlaceInADump) {
     expected.erase(expected.begin() + 64, expected.begin() + 67);
     EXPECT_EQ(dumped(3), expected);
 }
-#endif
 
 TEST_P(BothLists, TraceAddingAndTimingOut) {
     trace(TARV_FUNC);

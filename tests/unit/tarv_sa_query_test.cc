@@ -6,7 +6,6 @@
 
 namespace {
 
-using support::Lines;
 using support::port_gid;
 
 /// What the client was handed.
