@@ -128,12 +128,14 @@ TEST_F(EngineTest, OnlyOneDriverAttaches) {
     EXPECT_EQ(tarv_detach(reinterpret_cast<void*>(0xBEEF)), tarv_stat_ok);
     EXPECT_EQ(tarv_attach(nullptr, StandInDriver::send_arp, nullptr, &handle), tarv_stat_ok);
     EXPECT_EQ(handle, reinterpret_cast<void*>(0xBEEF));
+    EXPECT_EQ(tarv_attach(nullptr, StandInDriver::send_arp, nullptr, &handle), tarv_stat_error);
     const std::string invalid = "E tarv_api/tarv_detach: Invalid handle.";
     EXPECT_THAT(
         masked(),
         ElementsAre(
             "E tarv_api/tarv_attach: send_arp_data_fn OR get_if_info_fn allready registered.",
-            invalid, invalid));
+            invalid, invalid,
+            "E tarv_api/tarv_attach: send_arp_data_fn OR get_if_info_fn allready registered."));
     EXPECT_EQ(waiting_for_arp(), 1u) << "it goes on waiting";
 }
 

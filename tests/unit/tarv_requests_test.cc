@@ -184,6 +184,10 @@ TEST_F(Requests, AreAllTriedHoweverMany) {
     EXPECT_EQ(in_order, 350u);
     EXPECT_EQ(waiting_for_paths(), std::string(349, 'b') + "c");
     EXPECT_EQ(maker.answer.count, 1);
+    maker.answer.count = 2;
+    answer(head);
+    EXPECT_EQ(maker.answer.count, 2) << "of two answers the one with more paths";
+    maker.answer.count = 1;
     tarv_sa_release_request(busy, &maker, false);
     kernel.advance(10000);
     EXPECT_EQ(answered, "c" + std::string(349, 'b'));

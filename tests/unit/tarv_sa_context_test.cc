@@ -190,6 +190,14 @@ TEST_F(SaContext, IsCleanedUpPortByPort) {
               " valid: 0, pkey: 65535, sl: 0, sm lid: 1, gsi h: null, gsi pool h: null");
 }
 
+TEST_F(SaContext, FollowsTheSubnetManager) {
+    ASSERT_EQ(set_up(1), tarv_stat_ok);
+    fabric.move_sm(12, 5);
+    EXPECT_EQ(tarv_sa_update_sa_info(2), tarv_stat_error) << "it is not set up";
+    EXPECT_EQ(tarv_sa_update_sa_info(1), tarv_stat_ok);
+    EXPECT_EQ(shown()[2], " valid: 1, pkey: 65535, sl: 5, sm lid: 12, gsi h: P, gsi pool h: P");
+}
+
 class SaPortNumbers : public SaContext, public testing::WithParamInterface<int> {};
 TEST_P(SaPortNumbers, AreRefused) {
     ASSERT_EQ(set_up(1), tarv_stat_ok);

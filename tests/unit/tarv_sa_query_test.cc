@@ -304,7 +304,19 @@ INSTANTIATE_TEST_SUITE_P(
                             sa.answer_with_status(1, 1);
                             sa.answer_with_attribute(1, 1);
                         },
-                        "W Invalid attribute ID. <0x0001>\n"}),
+                        "W Invalid attribute ID. <0x0001>\n"},
+                    Bad{"no_whole_record", [](fabric::Sa& sa) { sa.answer_truncated_to(83, 1); },
+                        "D **** GSI returned payload size of 83 ****\n"
+                        "D Non-RMPP reply received\n"
+                        "D **** paysize - 20 = 63, sizeof ib_path_record_v2_t = 64 ****\n"},
+                    Bad{"no_whole_record_in_segments",
+                        [](fabric::Sa& sa) {
+                            sa.answer_truncated_to(83, 1);
+                            sa.answer_over_rmpp(64, 1);
+                        },
+                        "D **** GSI returned payload size of 83 ****\n"
+                        "D RMPP reply received\n"
+                        "D **** paysize - 20 = 63, sizeof ib_path_record_v2_t = 64 ****\n"}),
     support::row_name);
 
 TEST_F(SaQuery, AnswerOfNoPortIsDropped) {
