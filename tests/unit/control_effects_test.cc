@@ -86,6 +86,7 @@ TEST_F(ControlShow, PrintsThreePathsAtMost) {
     tarv_arp_data_t peer = record(ip("10.0.0.2"), TARV_MASK_DST_IP);
     peer.paths_count = 5;
     add(peer);
+    EXPECT_EQ(said("show 10.0.0.2").size(), 4u) << "no field but the address is valid";
     const Lines lines = said("show_paths 10.0.0.2");
     EXPECT_EQ(lines.size(), 1u + 3 * (2 + 17));
     EXPECT_EQ(lines[1 + 2 * (2 + 17)], block(3)[0]);

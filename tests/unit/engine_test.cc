@@ -71,6 +71,16 @@ TEST_F(EngineTest, NamesAreWithdrawnInTheirOrder) {
             std::string("nobody registered the name ") + order[i] + " ");
 }
 
+/* A path that is not valid any more still names the port that it came from. */
+TEST_F(EngineTest, ALinkDownPurgesWhoHasAPathFromThere) {
+    know(2, TARV_MASK_PRIMARY_PATH);
+    know(3, TARV_MASK_SECONDARY_PATH);
+    fabric.set_link(2, false);
+    kernel.settle();
+    EXPECT_TRUE(knows(host_ip(2)));
+    EXPECT_FALSE(knows(host_ip(3)));
+}
+
 struct Refused {
     const char* name;
     u32 type;

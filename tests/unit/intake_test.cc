@@ -59,6 +59,15 @@ INSTANTIATE_TEST_SUITE_P(Site, OperationTest, testing::Values(
     Operation{"zeroth", 1, 0, tarv_stat_error, false, {"E tarv_api/tarv_process_arp_data: Invalid ARP operation<0>."}}), row_name);
 // clang-format on
 
+TEST_F(IntakeTest, AQueryThatCannotBeMadeIsAnError) {
+    wait_for_2({tarv_paths_both});
+    trace(TARV_ERROR);
+    host::fail_nth("gsi_post_send_dtgrm", 1);
+    EXPECT_EQ(hear(heard(2)), tarv_stat_error);
+    EXPECT_THAT(masked(), ElementsAre("E tarv_api/tarv_process_arp_data: Error initiating "
+                                      "multipath record query."));
+}
+
 TEST_F(IntakeTest, WithoutMemoryThePacketIsDropped) {
     wait_for_2({tarv_paths_none});
     trace(TARV_ERROR);
