@@ -11,8 +11,6 @@ using namespace support;
 using testing::Contains;
 using testing::ElementsAre;
 
-constexpr u32 both = TARV_MASK_BOTH_PATHS;
-
 struct IntakeTest : RunningTest {
     /// Clients whose ARP requests get lost wait for host 2.
     void wait_for_2(const std::vector<tarv_paths_t>& wanted) {
