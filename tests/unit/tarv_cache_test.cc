@@ -69,7 +69,8 @@ TEST_F(Cache, LogsWhatItFinds) {
 TEST_F(Cache, FindsEachOfManyGids) {
     const auto gid_of = [](u32 n) {
         gx_gid_t many = gid(0);
-        __builtin_memcpy(many.raw, &n, sizeof n);
+        const u64 scattered = (n + 1ull) * (n + 1ull) * 0x9E3779B97F4A7C15ull;
+        __builtin_memcpy(many.raw, &scattered, sizeof scattered);
         return many;
     };
     for (u32 n = 0; n < 5000; n++) {
