@@ -11,31 +11,25 @@
 #include "kernel/seam/calls.h"
 #include "kernel/services/rules.h"
 
-struct spin_room {
-	spinlock_t lock;
+/* What the room of a lock holds. */
+struct lock_room {
+	union {
+		spinlock_t spin;
+		rwlock_t rw;
+	};
 	struct lock_class_key key;
 	const char *name;
 };
 
-struct rw_room {
-	rwlock_t lock;
-	struct lock_class_key key;
-	const char *name;
-};
-
-static_assert(sizeof(struct spin_room) <= sizeof(struct plat_spinlock));
-static_assert(sizeof(struct rw_room) <= sizeof(struct plat_rwlock));
+static_assert(sizeof(struct lock_room) <= sizeof(struct plat_spinlock));
+static_assert(sizeof(struct lock_room) <= sizeof(struct plat_rwlock));
+static_assert(__alignof__(struct lock_room) <= __alignof__(struct plat_spinlock));
+static_assert(__alignof__(struct lock_room) <= __alignof__(struct plat_rwlock));
 static_assert(sizeof(struct semaphore) <= sizeof(struct plat_semaphore));
-static_assert(__alignof__(struct rw_room) <= __alignof__(struct plat_rwlock));
 
-static struct spin_room *in_spinlock(struct plat_spinlock *lock)
+static struct lock_room *room_of(const void *lock)
 {
-	return (struct spin_room *)lock->room;
-}
-
-static struct rw_room *in_rwlock(struct plat_rwlock *lock)
-{
-	return (struct rw_room *)lock->room;
+	return (struct lock_room *)lock;
 }
 
 static struct semaphore *in_semaphore(struct plat_semaphore *sem)
@@ -45,29 +39,29 @@ static struct semaphore *in_semaphore(struct plat_semaphore *sem)
 
 void plat_spin_lock_init(struct plat_spinlock *lock, const char *name)
 {
-	struct spin_room *r = in_spinlock(lock);
+	struct lock_room *r = room_of(lock);
 
 	r->name = name;
-	spin_lock_init(&r->lock);
-	lockdep_set_class_and_name(&r->lock, &r->key, name);
+	spin_lock_init(&r->spin);
+	lockdep_set_class_and_name(&r->spin, &r->key, name);
 }
 
 void plat_rwlock_init(struct plat_rwlock *lock, const char *name)
 {
-	struct rw_room *r = in_rwlock(lock);
+	struct lock_room *r = room_of(lock);
 
 	r->name = name;
-	rwlock_init(&r->lock);
-	lockdep_set_class_and_name(&r->lock, &r->key, name);
+	rwlock_init(&r->rw);
+	lockdep_set_class_and_name(&r->rw, &r->key, name);
 }
 
 unsigned long plat_spin_lock_irqsave(struct plat_spinlock *lock) __acquires(lock)
 {
-	struct spin_room *r = in_spinlock(lock);
+	struct lock_room *r = room_of(lock);
 	unsigned long flags;
 
 	rules_taking(lock, r->name);
-	spin_lock_irqsave(&r->lock, flags);
+	spin_lock_irqsave(&r->spin, flags);
 	rules_taken(lock, r->name);
 	return flags;
 }
@@ -75,16 +69,16 @@ unsigned long plat_spin_lock_irqsave(struct plat_spinlock *lock) __acquires(lock
 void plat_spin_unlock_irqrestore(struct plat_spinlock *lock, unsigned long flags) __releases(lock)
 {
 	rules_releasing(lock);
-	spin_unlock_irqrestore(&in_spinlock(lock)->lock, flags);
+	spin_unlock_irqrestore(&room_of(lock)->spin, flags);
 }
 
 unsigned long plat_read_lock_irqsave(struct plat_rwlock *lock) __acquires(lock)
 {
-	struct rw_room *r = in_rwlock(lock);
+	struct lock_room *r = room_of(lock);
 	unsigned long flags;
 
 	rules_taking(lock, r->name);
-	read_lock_irqsave(&r->lock, flags);
+	read_lock_irqsave(&r->rw, flags);
 	rules_taken(lock, r->name);
 	return flags;
 }
@@ -92,16 +86,16 @@ unsigned long plat_read_lock_irqsave(struct plat_rwlock *lock) __acquires(lock)
 void plat_read_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags) __releases(lock)
 {
 	rules_releasing(lock);
-	read_unlock_irqrestore(&in_rwlock(lock)->lock, flags);
+	read_unlock_irqrestore(&room_of(lock)->rw, flags);
 }
 
 unsigned long plat_write_lock_irqsave(struct plat_rwlock *lock) __acquires(lock)
 {
-	struct rw_room *r = in_rwlock(lock);
+	struct lock_room *r = room_of(lock);
 	unsigned long flags;
 
 	rules_taking(lock, r->name);
-	write_lock_irqsave(&r->lock, flags);
+	write_lock_irqsave(&r->rw, flags);
 	rules_taken(lock, r->name);
 	return flags;
 }
@@ -109,7 +103,7 @@ unsigned long plat_write_lock_irqsave(struct plat_rwlock *lock) __acquires(lock)
 void plat_write_unlock_irqrestore(struct plat_rwlock *lock, unsigned long flags) __releases(lock)
 {
 	rules_releasing(lock);
-	write_unlock_irqrestore(&in_rwlock(lock)->lock, flags);
+	write_unlock_irqrestore(&room_of(lock)->rw, flags);
 }
 
 /*
@@ -126,20 +120,17 @@ enum { HELD_FOR_WRITING = 0, HELD_ANYHOW = -1 }; /* as lockdep counts */
 
 bool plat_spin_is_held(const struct plat_spinlock *lock)
 {
-	return rules_held(lock) &&
-	       !known_free(&((const struct spin_room *)lock->room)->lock, HELD_ANYHOW);
+	return rules_held(lock) && !known_free(&room_of(lock)->spin, HELD_ANYHOW);
 }
 
 bool plat_read_is_held(const struct plat_rwlock *lock)
 {
-	return rules_held(lock) &&
-	       !known_free(&((const struct rw_room *)lock->room)->lock, HELD_ANYHOW);
+	return rules_held(lock) && !known_free(&room_of(lock)->rw, HELD_ANYHOW);
 }
 
 bool plat_write_is_held(const struct plat_rwlock *lock)
 {
-	return rules_held(lock) &&
-	       !known_free(&((const struct rw_room *)lock->room)->lock, HELD_FOR_WRITING);
+	return rules_held(lock) && !known_free(&room_of(lock)->rw, HELD_FOR_WRITING);
 }
 
 void plat_sema_init(struct plat_semaphore *sem, int count, const char *name)
@@ -162,8 +153,12 @@ void plat_up(struct plat_semaphore *sem)
 	up(in_semaphore(sem));
 }
 
+/*
+ * The module waits with this for somebody who is inside it, in a loop. A task of a higher priority
+ * would get the processor back at once, for ever: so it sleeps for a tick.
+ */
 void plat_schedule(void)
 {
 	rules_may_sleep("schedule");
-	schedule();
+	schedule_timeout_uninterruptible(1);
 }

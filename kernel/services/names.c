@@ -37,9 +37,10 @@ static struct name *find(const char *text)
 /* It has no way to tell of a failure, so it has none. */
 void plat_inter_module_register(const char *text, struct module *owner, const void *data)
 {
-	struct name *n = kmalloc(sizeof(*n), GFP_KERNEL | __GFP_NOFAIL);
+	struct name *n;
 
 	rules_may_sleep("inter_module_register");
+	n = kmalloc(sizeof(*n), GFP_KERNEL | __GFP_NOFAIL);
 	*n = (struct name){ .text = text, .owner = owner, .data = data };
 	mutex_lock(&names_mutex);
 	WARN(find(text), "the name %s is taken\n", text);
