@@ -40,6 +40,7 @@ MODULE_PARM_DESC(tarv_is_mode_redundant, "Accepted and not used (1)");
 EXPORT_SYMBOL(tarv_get_ib_data);
 EXPORT_SYMBOL(TARV_trace_level);
 EXPORT_SYMBOL(TARV_log_rep_h);
+EXPORT_SYMBOL_GPL(tarv_static_path_in_use);
 
 struct module *plat_this_module(void)
 {

@@ -50,6 +50,12 @@ tarv_stat_t tarv_get_ib_data(u32 req_ip, u32 src_ip, tarv_paths_t path_records_c
 			     tarv_arp_data_t *arp_data, tarv_get_ib_data_reply_fn_t rep_cb,
 			     void *context, u8 bInvalidate);
 
+/*
+ * Whether a peer's path is made from the static one for the time being: from the LID in its record,
+ * and not by asking the SA. For the driver. Any context.
+ */
+bool tarv_static_path_in_use(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,17 +10,12 @@
 #include <linux/slab.h>
 #include <linux/uaccess.h>
 
-#include "kernel/include/inter_module.h"
-#include "kernel/include/tarv_client.h"
+#include "kernel/include/tarv_driver.h"
 #include "kernel/loop/later.h"
 #include "kernel/loop/loop.h"
 #include "kernel/services/rules.h"
 
-static tarv_attach_fn_t *attach;
-static tarv_detach_fn_t *detach;
-static tarv_process_arp_data_fn_t *process_arp_data;
-
-static void *handle;
+static struct tarv_driver tarv;
 static struct later_queue air;
 static u32 arp_delay_ms;
 static atomic_t arp_lose = ATOMIC_INIT(0), arp_requests = ATOMIC_INIT(0),
@@ -48,7 +43,7 @@ static void hear(u32 peer, u16 operation)
 	};
 
 	loop_gid(peer, 1, &record.gid);
-	process_arp_data(&record);
+	tarv.process_arp_data(&record);
 }
 
 static void reply(struct later *item, bool dropped)
@@ -126,35 +121,18 @@ static void add_files(void)
 	debugfs_create_file(file_names[4], 0200, folder, NULL, &hear_ops);
 }
 
-static void put_functions(void)
-{
-	if (attach)
-		inter_module_put("tarv_attach_fn");
-	if (detach)
-		inter_module_put("tarv_detach_fn");
-	if (process_arp_data)
-		inter_module_put("tarv_process_arp_data_fn");
-}
-
 static int __init tarv_loop_ipoib_init(void)
 {
-	int error = -ENOENT;
+	int error = tarv_driver_get(&tarv);
 
-	attach = (tarv_attach_fn_t *)inter_module_get("tarv_attach_fn");
-	detach = (tarv_detach_fn_t *)inter_module_get("tarv_detach_fn");
-	process_arp_data =
-		(tarv_process_arp_data_fn_t *)inter_module_get("tarv_process_arp_data_fn");
-	if (!attach || !detach || !process_arp_data)
-		goto no_tarv;
+	if (error)
+		return error;
 	later_start(&air);
-	error = -EBUSY;
-	if (attach(get_if_info, send_arp_data, NULL, &handle) != tarv_stat_ok)
-		goto no_tarv;
-	add_files();
-	return 0;
-
-no_tarv:
-	put_functions();
+	error = tarv_driver_attach(&tarv, get_if_info, send_arp_data);
+	if (error)
+		tarv_driver_put(&tarv);
+	else
+		add_files();
 	return error;
 }
 
@@ -164,9 +142,9 @@ static void __exit tarv_loop_ipoib_exit(void)
 
 	for (i = 0; i < ARRAY_SIZE(file_names); i++)
 		debugfs_lookup_and_remove(file_names[i], loop_debugfs());
-	detach(handle);
+	tarv_driver_detach(&tarv);
 	later_stop(&air);
-	put_functions();
+	tarv_driver_put(&tarv);
 }
 
 module_init(tarv_loop_ipoib_init);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The module's exported function under a name that C can write down.
+// What the module has for other modules, under names that C can write down.
+#include "platform/atomic.h"
 #include "tarv/tarv-api.h"
 
 extern "C" tarv_stat_t tarv_get_ib_data_for_c(u32 req_ip, u32 src_ip,
@@ -17,4 +18,9 @@ extern "C" tarv_stat_t tarv_get_ib_data_for_c(u32 req_ip, u32 src_ip,
 {
 	return tarv_get_ib_data(req_ip, src_ip, path_records_count, arp_data, rep_cb, context,
 				bInvalidate);
+}
+
+extern "C" bool tarv_static_path_in_use()
+{
+	return !read_once(sa_queries_enabled);
 }

@@ -26,7 +26,7 @@ struct gsi_datagram {
 	struct gsi_dtgrm_pool *pool; /* null: it was received */
 	struct gsi_class *class;     /* where it was posted, or received */
 	int paysize;		     /* of a received one: bytes from MAD offset 36 on */
-	gsi_dtgrm_t dtgrm;
+	gsi_dtgrm_t dtgrm __attribute__((aligned(8)));
 };
 
 static inline struct gsi_datagram *gsi_datagram(gsi_dtgrm_t *dtgrm)
