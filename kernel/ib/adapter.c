@@ -298,8 +298,6 @@ static bool is_wanted(struct ib_device *device)
 	if (rcu_access_pointer(in_use) || (hca && strcmp(hca, dev_name(&device->dev))))
 		return false;
 	rdma_for_each_port(device, n) usable += is_infiniband(device, n);
-	if (!usable && !hca)
-		return false;
 	rdma_for_each_port(device, n) if (!is_infiniband(device, n))
 		pr_info("tarv_ib: port %u of %s is not InfiniBand, it is left alone\n", n,
 			dev_name(&device->dev));

@@ -174,25 +174,27 @@ struct way {
 
 static bool find_local(__be32 ip, struct way *way)
 {
-	way->dev = ip_dev_find(&init_net, ip);
-	way->from = ip;
-	way->is_local = true;
+	*way = (struct way){ .dev = ip_dev_find(&init_net, ip), .from = ip, .is_local = true };
 	return way->dev;
 }
 
+/* ARP does not cross a router. */
 static bool find_route(__be32 ip, struct way *way)
 {
 	struct flowi4 flow = { .daddr = ip };
 	struct rtable *route = ip_route_output_key(&init_net, &flow);
 
+	bool direct;
+
 	if (IS_ERR(route))
 		return false;
-	way->dev = route->dst.dev;
-	dev_hold(way->dev);
-	way->from = flow.saddr;
-	way->is_local = false;
+	direct = !route->rt_uses_gateway;
+	if (direct) {
+		*way = (struct way){ .dev = route->dst.dev, .from = flow.saddr };
+		dev_hold(way->dev);
+	}
 	ip_rt_put(route);
-	return true;
+	return direct;
 }
 
 static bool find_way(__be32 ip, struct way *way)
