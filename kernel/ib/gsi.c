@@ -11,7 +11,6 @@
  * answered, or for ten seconds; the module has asked again by then. A query that cannot be sent
  * looks to the module like one that is not answered.
  */
-#include <asm/unaligned.h>
 #include <linux/atomic.h>
 #include <linux/debugfs.h>
 #include <linux/err.h>
