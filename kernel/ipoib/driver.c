@@ -319,15 +319,7 @@ static tarv_stat_t defer_request(__be32 ip, __be32 from)
 	return tarv_stat_ok;
 }
 
-/*
- * Routing and sending do not bear interrupts that are disabled; and who asks for an address of our
- * own is not answered from inside his question.
- */
-static bool must_be_deferred(__be32 ip)
-{
-	return in_hardirq() || irqs_disabled() || inet_addr_type(&init_net, ip) == RTN_LOCAL;
-}
-
+/* Routing and sending do not bear interrupts that are disabled. */
 static tarv_stat_t send_arp_data(tarv_arp_data_t *record, void *context, int media_reset)
 {
 	const __be32 ip = (__force __be32)record->dst_ip, from = (__force __be32)record->src_ip;
@@ -335,7 +327,7 @@ static tarv_stat_t send_arp_data(tarv_arp_data_t *record, void *context, int med
 	rules_no_lock("send_arp_data");
 	if (media_reset)
 		atomic_inc(&media_resets);
-	return must_be_deferred(ip) ? defer_request(ip, from) : send_request(ip, from);
+	return in_hardirq() || irqs_disabled() ? defer_request(ip, from) : send_request(ip, from);
 }
 
 /* Beginning and end. */
