@@ -22,12 +22,16 @@ std::string first_word(const std::string& name) {
     return name.substr(0, name.find_first_of(" \t"));
 }
 
+bool is_host(const Node& node) {
+    return node.kind == NodeKind::adapter && node.name.find("Aggregation Node") == node.name.npos;
+}
+
 /// The hosts by all names, without addresses.
 std::vector<Host> name_hosts(const Topology& topology) {
     std::unordered_map<std::string, int> words;
     std::unordered_map<std::string, int> names;
     for (const Node& node : topology.nodes) {
-        if (node.kind == NodeKind::adapter) {
+        if (is_host(node)) {
             ++words[first_word(node.name)];
             ++names[node.name];
         }
@@ -35,12 +39,15 @@ std::vector<Host> name_hosts(const Topology& topology) {
     std::vector<Host> hosts;
     for (std::size_t i = 0; i < topology.nodes.size(); ++i) {
         const Node& node = topology.nodes[i];
-        if (node.kind != NodeKind::adapter)
+        if (!is_host(node))
             continue;
         const std::string word = first_word(node.name);
         const bool word_will_do = !word.empty() && words[word] == 1;
-        const std::string& long_name = names[node.name] == 1 ? node.name : node.id;
-        hosts.push_back({static_cast<int>(i), word_will_do ? word : long_name, 0});
+        const bool name_will_do = names[node.name] == 1;
+        const std::string& long_name = name_will_do ? node.name : node.id;
+        const bool is_rail = !word_will_do && name_will_do && node.name.size() > word.size() + 1;
+        hosts.push_back({static_cast<int>(i), word_will_do ? word : long_name, 0,
+                         is_rail ? node.name.substr(word.size() + 1) : ""});
     }
     return hosts;
 }
@@ -141,6 +148,90 @@ class HostList {
     int line_ = 0;
 };
 
+/// Takes the addresses of the hosts of one topology out of a list that is about more than them.
+class HostPicker {
+  public:
+    HostPicker(std::string file, const Topology& topology)
+        : file_(std::move(file)), hosts_(name_hosts(topology)), claims_(hosts_.size()) {
+        for (std::size_t i = 0; i < hosts_.size(); ++i)
+            rails_[hosts_[i].machine()].push_back(i);
+        for (std::size_t i = 0; i < hosts_.size(); ++i) {
+            rails_.try_emplace(hosts_[i].name, 1, i);
+            rails_.try_emplace(topology.nodes[static_cast<std::size_t>(hosts_[i].node)].id, 1, i);
+        }
+    }
+
+    std::vector<Host> read(std::istream& in, std::size_t& skipped) {
+        int line = 0;
+        for (std::string text; std::getline(in, text);) {
+            std::istringstream words(text.substr(0, text.find('#')));
+            std::string address;
+            ++line;
+            if (!(words >> address) || is_of_no_concern(address))
+                continue;
+            const std::optional<std::uint32_t> ip = parse_ip(address);
+            if (!ip)
+                throw InputError(file_, line,
+                                 "found \"" + address + "\", expected an IPv4 address");
+            skipped += !is_host_ip(*ip) || !claim(words, *ip);
+        }
+        if (in.bad())
+            throw InputError(file_, 0, "cannot be read");
+        check_addresses();
+        std::erase_if(hosts_, [](const Host& host) { return host.ip == 0; });
+        return std::move(hosts_);
+    }
+
+  private:
+    enum Claim : std::uint8_t { none, by_bare_name, by_rail };
+
+    /// False when the line is of no use, or takes the use from an earlier one.
+    bool claim(std::istream& words, std::uint32_t ip) {
+        std::optional<std::size_t> index;
+        Claim strongest = none;
+        for (std::string name; words >> name;)
+            if (const auto [found, strength] = find(name); strength > strongest) {
+                index = found;
+                strongest = strength;
+            }
+        if (!index || strongest <= claims_[*index])
+            return index && hosts_[*index].ip == ip;
+        const bool first = claims_[*index] == none || hosts_[*index].ip == ip;
+        hosts_[*index].ip = ip;
+        claims_[*index] = strongest;
+        return first;
+    }
+
+    std::pair<std::size_t, Claim> find(const std::string& full_name) const {
+        for (const std::string& name : {full_name, full_name.substr(0, full_name.find('.'))}) {
+            if (const auto found = rails_.find(name); found != rails_.end())
+                return {found->second[0], by_bare_name};
+            const std::size_t dash = name.rfind("-ib");
+            if (dash == name.npos || dash + 4 != name.size() || name[dash + 3] < '0')
+                continue;
+            const auto found = rails_.find(name.substr(0, dash));
+            const auto number = static_cast<std::size_t>(name[dash + 3] - '0');
+            if (found != rails_.end() && number < found->second.size())
+                return {found->second[number], by_rail};
+        }
+        return {0, none};
+    }
+
+    void check_addresses() const {
+        std::unordered_map<std::uint32_t, const Host*> holders;
+        for (const Host& host : hosts_)
+            if (const auto [place, is_new] = holders.emplace(host.ip, &host); host.ip && !is_new)
+                throw InputError(file_, 0,
+                                 "address " + format_ip(host.ip) + " is given to \"" +
+                                     place->second->name + "\" and to \"" + host.name + "\"");
+    }
+
+    std::string file_;
+    std::vector<Host> hosts_;
+    std::vector<Claim> claims_;  ///< by which each host got its address
+    std::unordered_map<std::string, std::vector<std::size_t>> rails_;
+};
+
 bool has_two_linked_ports(const Node& node) {
     return std::count_if(node.ports.begin(), node.ports.end(),
                          [](const Port& port) { return port.linked; }) >= 2;
@@ -167,6 +258,11 @@ std::vector<Host> read_hosts(const std::string& path, const Topology& topology) 
     return read_hosts(in, path, topology);
 }
 
+std::vector<Host> pick_hosts(std::istream& in, const std::string& file, const Topology& topology,
+                             std::size_t& skipped_lines) {
+    return HostPicker(file, topology).read(in, skipped_lines);
+}
+
 std::optional<std::size_t> choose_host(const Topology& topology, const std::vector<Host>& hosts,
                                        const std::string& name) {
     const auto node_of = [&](const Host& host) -> const Node& {
@@ -184,7 +280,10 @@ std::optional<std::size_t> choose_host(const Topology& topology, const std::vect
         return index_of([&](const Host& host) { return has_two_linked_ports(node_of(host)); })
             .value_or(0);
     const auto by_name = index_of([&](const Host& host) { return host.name == name; });
-    return by_name ? by_name : index_of([&](const Host& host) { return node_of(host).id == name; });
+    if (by_name)
+        return by_name;
+    const auto by_id = index_of([&](const Host& host) { return node_of(host).id == name; });
+    return by_id ? by_id : index_of([&](const Host& host) { return host.machine() == name; });
 }
 
 std::string format_ip(std::uint32_t ip) {

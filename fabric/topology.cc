@@ -348,6 +348,7 @@ constexpr std::array<KindWord, 4> guid_words{{{"switchguid", NodeKind::switch_no
                                               {"rtguid", NodeKind::router}}};
 constexpr std::array<std::string_view, 3> number_words{"vendid", "devid", "sysimgguid"};
 constexpr std::array<std::string_view, 2> text_words{"linkwidth", "linkspeed"};
+constexpr std::array<std::string_view, 3> port_report_words{"CA", "SW", "RT"};
 
 template <typename Words>
 const KindWord* find_kind(const Words& words, std::string_view word) {
@@ -361,6 +362,17 @@ bool contains(const Words& words, std::string_view word) {
     return std::find(words.begin(), words.end(), word) != words.end();
 }
 
+/// ibnetdiscover prints other reports too, from which no topology can be made.
+void refuse_report(std::string_view word, LineScanner& line) {
+    constexpr const char* instead =
+        "; what it prints without that option is a topology, which this is not";
+    if (find_kind(kind_words, word) && line.peek() == ':')
+        line.fail(std::string("this is a list of nodes, as ibnetdiscover -l, -H or -S prints it") +
+                  instead);
+    if (contains(port_report_words, word) && is_digit(line.peek()))
+        line.fail(std::string("this is a list of ports, as ibnetdiscover -p prints it") + instead);
+}
+
 void Reader::read_line(LineScanner& line) {
     if (line.at_end())
         return;
@@ -370,6 +382,10 @@ void Reader::read_line(LineScanner& line) {
     const std::string_view word = line.word();
     if (!word.empty() && line.take('='))
         return read_property(word, line);
+    // What ibnetdiscover -s tells about its search, in front of what it found.
+    if (word == "DR" && topology_.nodes.empty())
+        return;
+    refuse_report(word, line);
     // Headings of a dump that is grouped by chassis.
     if (word == "Chassis" || word == "Non-Chassis")
         return;

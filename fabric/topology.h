@@ -110,9 +110,17 @@ struct Host {
                        ///< where that is, else the node's id
     std::uint32_t ip =
         0;  ///< network byte order: the first number stands in the lowest-addressed byte
+    std::string rail = {};  ///< where several adapters share the name's first word, what tells this
+                            ///< one from the others; else empty
+
+    /// The name without the rail.
+    std::string machine() const {
+        return rail.empty() ? name : name.substr(0, name.size() - rail.size() - 1);
+    }
 };
 
-/// The hosts of a topology, in file order, with addresses dealt out from 10.0.0.1 on.
+/// The hosts of a topology, in file order, with addresses dealt out from 10.0.0.1 on. What a switch
+/// has inside it to take part in reductions looks like an adapter and is none.
 std::vector<Host> deal_addresses(const Topology& topology);
 
 /// The hosts of a topology, in file order, with the addresses of a list (address, name, further
@@ -124,8 +132,15 @@ std::vector<Host> deal_addresses(const Topology& topology);
 std::vector<Host> read_hosts(std::istream& in, const std::string& file, const Topology& topology);
 std::vector<Host> read_hosts(const std::string& path, const Topology& topology);
 
-/// The host of that name (or else of that node id), or by default the first with two linked ports,
-/// else the first. Empty when no host has the name.
+/// The same of a list that speaks of other machines and networks too, as a cluster's /etc/hosts
+/// does: its lines about them are skipped, and counted. NAME-ibN names the N-th rail of a host and
+/// counts more than its bare name, which names the first rail; of two lines that count the same the
+/// first holds. A name's domain does not matter.
+std::vector<Host> pick_hosts(std::istream& in, const std::string& file, const Topology& topology,
+                             std::size_t& skipped_lines);
+
+/// The host of that name, or else of that node id, or else the first rail of that host; by default
+/// the first with two linked ports, else the first. Empty when no host has the name.
 std::optional<std::size_t> choose_host(const Topology& topology, const std::vector<Host>& hosts,
                                        const std::string& name = {});
 

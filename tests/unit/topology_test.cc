@@ -115,7 +115,8 @@ INSTANTIATE_TEST_SUITE_P(Topology, Quirks, testing::Values(
         2, remote_port, 3},
     Quirk{"hash_in_an_id", "Ca 1 \"A#1\"\nSwitch 4 \"S\"\n[2] \"A#1\"[1] # x", "A#1", 1, remote_port, 2},
     Quirk{"chassis_headings_and_external_ports",
-        "Chassis 1 (guid 0x8)\nNon-Chassis Nodes\n" +
+        "DR path slid 0; dlid 0; 0 -> new remote ca {0008} portnum 1 lid 1-1 \"x\"\n"
+              "Chassis 1 (guid 0x8)\nNon-Chassis Nodes\n" +
         switch_line("[3][ext 7] \"A\"[2](1f)[ext 9]"),
         "A", 2, remote_port, 3},
     Quirk{"hca_is_an_adapter", "Hca 1 \"A\"\nRt 1 \"R\"\n[1] \"A\"[1]", "A", 1, linked, 1},
@@ -179,6 +180,11 @@ INSTANTIATE_TEST_SUITE_P(Topology, Refusals, testing::Values(
     Refusal{"unknown_line", "Ca 1 \"A\"\n  Tca 1 \"B\"",
         "fab:2: found \"Tca 1 \"B\"\", expected a node (Switch, Ca, Hca or Rt), a link "
         "([port] \"node\"[port]) or a GUID line"},
+    Refusal{"node_report", "Ca : 0x0008f10403960558 ports 2 devid 0x5a44 \"host1\"",
+        "fab:1: this is a list of nodes, as ibnetdiscover -l, -H or -S prints it; what it prints "
+        "without that option is a topology, which this is not"},
+    Refusal{"port_report", "CA 3 1 0x0008f10403960559 4x QDR - SW 1 1", "fab:1: this is a list of ports, as "
+        "ibnetdiscover -p prints it; what it prints without that option is a topology, which this is not"},
     Refusal{"unknown_property", "nodeguid=0x1", "fab:1: found \"nodeguid\"=, expected vendid, devid, sysimgguid, switchguid, caguid or rtguid"},
     Refusal{"no_ports", "Ca \"A\"", "fab:1: found \"\"A\"\", expected number of ports"},
     Refusal{"zero_ports", "Ca 0 \"A\"", "fab:1: number of ports 0 is outside 1 to 254"},
@@ -358,6 +364,26 @@ TEST(Hosts, TakeTheirAddressesFromAList) {
         testing::ElementsAre("10.0.0.1 node01", "192.168.1.7 node02", "10.9.8.7 node03 HCA-2"));
 }
 
+TEST(Hosts, AreFoundInAListThatIsAboutMore) {
+    const Topology topology = read(
+        "Ca 1 \"A\" # \"gpu01 mlx5_0\"\nCa 1 \"B\" # \"gpu01 mlx5_1\"\nCa 1 \"C\" # \"node02 HCA-1\"\n"
+        "Ca 1 \"D\" # \"Switch 7 Aggregation Node\"\n");
+    std::istringstream list(
+        "127.0.0.1 localhost\n255.255.255.255 broadcasthost\nfe80::1%lo0 localhost\n"
+        "192.168.0.9 storage\n192.168.0.1 gpu01.site gpu01\n10.0.0.1 gpu01-ib0.site\n"
+        "10.0.1.1 gpu01-ib1\n10.0.2.1 gpu01-ib2\n10.0.0.2 node02\n192.168.0.2 node02\n"
+        "10.0.0.2 node02-ib0\n");
+    std::size_t skipped = 0;
+    const std::vector<Host> hosts = pick_hosts(list, "list", topology, skipped);
+    EXPECT_THAT(described(hosts), testing::ElementsAre("10.0.0.1 gpu01 mlx5_0", "10.0.1.1 gpu01 mlx5_1",
+                                                       "10.0.0.2 node02"));
+    EXPECT_EQ(skipped, 5u) << "broadcast, storage, gpu01 beside its rail, a third rail, another network";
+    EXPECT_EQ(choose_host(topology, hosts, "gpu01"), 0u);
+    EXPECT_EQ(hosts[1].rail, "mlx5_1");
+    std::istringstream twice("10.0.0.1 gpu01\n10.0.0.1 node02\n");
+    EXPECT_THROW(pick_hosts(twice, "list", topology, skipped), InputError);
+}
+
 class HostRefusals : public testing::TestWithParam<Refusal> {};
 
 TEST_P(HostRefusals, NameTheLineAndTheFault) {
@@ -388,7 +414,8 @@ TEST(Hosts, TheChosenOneHasTheNameOrElseTwoLinkedPorts) {
     EXPECT_EQ(choose_host(topology, hosts, "node01"), 0u);
     EXPECT_EQ(choose_host(topology, hosts, "node03 HCA-2"), 3u);
     EXPECT_EQ(choose_host(topology, hosts, "C"), 2u);
-    EXPECT_EQ(choose_host(topology, hosts, "node03"), std::nullopt);
+    EXPECT_EQ(choose_host(topology, hosts, "node03"), 2u) << "the first rail";
+    EXPECT_EQ(choose_host(topology, hosts, "node04"), std::nullopt);
     EXPECT_EQ(choose_host(topology, {hosts[0], hosts[2]}), 0u) << "none has two linked ports";
     EXPECT_EQ(choose_host(topology, {}), std::nullopt);
 }
