@@ -7,6 +7,7 @@
 
 #include "app/console_verbs.h"
 #include "app/script_text.h"
+#include "app/suggest.h"
 #include "fabric/topology.h"
 #include "tarv/tarv-api-control.h"
 
@@ -27,9 +28,22 @@ const tarv_proc_command_t* find_command(const std::string& word) {
     return found == commands.end() ? nullptr : &*found;
 }
 
-const ConsoleVerb* find_verb(const std::string& word) {
+const ConsoleVerb* find_verb(std::string word) {
+    if (word == "?")
+        word = "help";
+    if (word == "exit")
+        word = "quit";
     const auto found = std::ranges::find(console_verbs(), word, &ConsoleVerb::name);
     return found == console_verbs().end() ? nullptr : &*found;
+}
+
+std::vector<std::string> all_commands() {
+    std::vector<std::string> names;
+    for (const tarv_proc_command_t& row : tarv_proc_commands)
+        names.emplace_back(row.cmd_name);
+    for (const ConsoleVerb& verb : console_verbs())
+        names.emplace_back(verb.name);
+    return names;
 }
 
 /* What can follow a word: what its syntax speaks of, and in front of its explanation is a command's
@@ -79,8 +93,14 @@ void Console::perform(const std::string& line) {
     else if (const ConsoleVerb* const verb = find_verb(words[0]))
         perform_verb(*verb, line, *this);
     else
-        throw fabric::InputError("console", line_number_,
-                                 "there is no command \"" + words[0] + "\"; help lists them");
+        refuse_command(words[0]);
+}
+
+void Console::refuse_command(const std::string& word) const {
+    const std::string meant = suggest(word, all_commands());
+    throw fabric::InputError(
+        "console", line_number_,
+        "there is no command \"" + word + "\"" + (meant.empty() ? "; help lists them" : meant));
 }
 
 void Console::remember_addresses(const std::string& line) {
@@ -98,10 +118,7 @@ std::vector<std::string> Console::complete(const std::string& before,
     };
     const std::vector<std::string> words = words_of(before);
     if (words.empty()) {
-        for (const tarv_proc_command_t& row : tarv_proc_commands)
-            offer(row.cmd_name);
-        for (const ConsoleVerb& verb : console_verbs())
-            offer(verb.name);
+        std::ranges::for_each(all_commands(), offer);
     } else {
         const Follow follow = what_follows(words[0]);
         std::ranges::for_each(follow.words, offer);

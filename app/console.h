@@ -58,6 +58,7 @@ class Console {
         std::string reply;       // that came before
     };
     static void on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* context);
+    [[noreturn]] void refuse_command(const std::string& word) const;
     void remember_addresses(const std::string& line);
 
     Machine& machine_;

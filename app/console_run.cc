@@ -3,7 +3,6 @@
 // The verb "console": the host in real time, with a prompt.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <utility>
@@ -22,10 +21,12 @@ namespace {
 struct ConsoleOptions {
     HostOptions host;
     std::string mount;
+    bool quiet = false;
     double seconds = 0;  // 0: no limit
 };
 
-constexpr unsigned long reply_ticks = 2;  // between two looks for a reply
+constexpr unsigned long reply_ticks = 2;     // between two looks for a reply
+constexpr unsigned long prompt_ticks = 300;  // for which a prompt waits for one
 
 /* The session is over. */
 class End {
@@ -42,12 +43,14 @@ class End {
     const unsigned long ticks_;
 };
 
-/* Whoever types sees what comes of a line when it comes. A pipe waits for it, so that its next line
- * finds what was learned and what has happened. */
-void wait_for_effects(Console& console, const End& end) {
-    console.machine().kernel().settle();
-    while (console.waits_for_replies() && !end.come())
-        console.machine().kernel().advance(reply_ticks);
+/* A pipe waits for what comes of a line, so that its next line finds what was learned and what has
+ * happened. Whoever types gets the prompt back soon, and sees what takes longer above it. */
+void wait_for_effects(Console& console, const End& end, unsigned long most_ticks) {
+    host::Kernel& kernel = console.machine().kernel();
+    kernel.settle();
+    const unsigned long start = kernel.jiffies();
+    while (console.waits_for_replies() && !end.come() && kernel.jiffies() - start < most_ticks)
+        kernel.advance(reply_ticks);
 }
 
 /* True when all lines were understood and carried out. */
@@ -62,8 +65,7 @@ bool converse(Console& console, Terminal& terminal, const End& end) {
             std::fprintf(stderr, "%s\n", failed.what());
             all_well = false;
         }
-        if (!terminal.interactive())
-            wait_for_effects(console, end);
+        wait_for_effects(console, end, terminal.interactive() ? prompt_ticks : ~0ul);
     }
     return all_well;
 }
@@ -74,9 +76,11 @@ int run(const ConsoleOptions& options) {
     Mount mount(options.mount, kmsg);
     const StopSignals signals;
     Console* console_of_terminal = nullptr;
-    Terminal terminal("tarv> ", [&](const std::string& before, const std::string& word) {
-        return console_of_terminal->complete(before, word);
-    });
+    Terminal terminal(site.our_host().name + "> ",
+                      [&](const std::string& before, const std::string& word) {
+                          return console_of_terminal->complete(before, word);
+                      });
+    terminal.show_log(!options.quiet);
     Machine machine(site, options.host, {host::Clock::real_time}, [&](const host::LogLine& line) {
         kmsg.append(line);
         terminal.post_log(line.text + "\n");
@@ -89,18 +93,19 @@ int run(const ConsoleOptions& options) {
     const bool all_well = converse(console, terminal, End(machine, ticks_of(options.seconds)));
     const Departure& departure = machine.stop();
     terminal.print(format_departure(departure));
-    return departure.remains.empty() && (all_well || terminal.interactive()) ? 0 : 1;
+    return departure.clean() && (all_well || terminal.interactive()) ? 0 : 1;
 }
 
 }  // namespace
 
-Action declare_console(CLI::App& verb) {
+Action declare_console(CommandLine& line) {
     const auto options = std::make_shared<ConsoleOptions>();
-    add_for_option(verb, options->seconds,
-                   "End after so long\n(otherwise with quit, at the end of input, or on SIGTERM)");
-    add_mount_option(verb, options->mount);
-    add_host_options(verb, options->host);
-    verb.footer("At the prompt: help lists the commands.");
+    line.seconds("--for", options->seconds,
+                 "End after so long\n(otherwise with quit, at the end of input, or on SIGTERM)");
+    add_mount_option(line, options->mount);
+    line.flag("-q,--quiet", options->quiet, "Show the module's own lines in dmesg and kmsg only");
+    add_host_options(line, options->host);
+    line.footer("At the prompt: help lists the commands.");
     return [options] { return run(*options); };
 }
 

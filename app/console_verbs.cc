@@ -6,6 +6,7 @@
 
 #include "app/kmsg.h"
 #include "app/report.h"
+#include "app/table.h"
 #include "host/console.h"
 #include "platform/proc.h"
 #include "tarv/tarv-api-control.h"
@@ -52,14 +53,14 @@ void raise_event(ScriptLine& line, ScriptReading& reading, Console& console) {
 
 void show_fabric(Console& console) {
     fabric::Fabric& fabric = console.machine().fabric();
-    std::vector<std::vector<std::string>> rows;
+    Table table{{{""}, {""}, {""}}, {}};
     for (const fabric::Host& host : fabric.hosts())
-        if (rows.size() < most_peers && fabric.peers().has(host.ip))
-            rows.push_back({host.name, fabric::format_ip(host.ip),
-                            "LID " + std::to_string(fabric.peers().station(host.ip).lid)});
-    std::string text = format_machine(console.machine()) + format_columns(rows, "lll");
-    if (rows.size() < fabric.peers().count())
-        text += "and " + std::to_string(fabric.peers().count() - rows.size()) + " more\n";
+        if (table.rows.size() < most_peers && fabric.peers().has(host.ip))
+            table.rows.push_back({printable(host.name), fabric::format_ip(host.ip),
+                                  "LID " + std::to_string(fabric.peers().station(host.ip).lid)});
+    std::string text = format_machine(console.machine()) + table.format(0);
+    if (table.rows.size() < fabric.peers().count())
+        text += "and " + std::to_string(fabric.peers().count() - table.rows.size()) + " more\n";
     console.terminal().print(text);
 }
 
@@ -118,8 +119,8 @@ constexpr ConsoleVerb verbs[] = {
      change_fabric},
     {"level", "module|logger N", "sets the module's or the host's trace level, 0 to 5",
      "module logger", set_level},
-    {"help", "", "prints this", "", help},
-    {"quit", "", "unloads the module and ends, as the end of input does", "", quit},
+    {"help", "", "prints this; so does ?", "", help},
+    {"quit", "", "unloads the module and ends; so do exit and the end of input", "", quit},
 };
 
 }  // namespace

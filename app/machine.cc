@@ -75,7 +75,7 @@ void Machine::command(const std::string& line) {
 const Departure& Machine::stop() {
     if (loaded_) {
         departure_ = unload();
-        fabric_.stop_capture();
+        departure_.capture_whole = fabric_.stop_capture();
     }
     return departure_;
 }

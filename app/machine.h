@@ -27,6 +27,9 @@ namespace app {
 struct Departure {
     std::vector<std::string> remains;  ///< what it left behind, one line each; empty when clean
     host::MemoryUse memory;            ///< afterwards, with its totals
+    bool capture_whole = true;         ///< what was to be saved of packets could be
+
+    bool clean() const { return remains.empty() && capture_whole; }
 };
 
 class Machine {

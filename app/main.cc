@@ -4,26 +4,19 @@
 //
 // Exit status: 0 done, 1 the run itself failed, 2 nothing was started, because of the command line
 // or of a file that it names.
-#include <CLI/CLI.hpp>
-#include <cstdio>
-#include <stdexcept>
-#include <string>
-#include <system_error>
-#include <utility>
-#include <vector>
+#include <signal.h>
 
-#include "app/options.h"
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "app/command_line.h"
 #include "app/verbs.h"
+#include "fabric/topology.h"
 
 namespace {
 
-struct Verb {
-    const char* name;
-    const char* help;
-    app::DeclareVerb* declare;
-};
-
-constexpr Verb verbs[] = {
+constexpr app::Verb verbs[] = {
     {"run", "Run the host: resolve every other host and unload, or until told to stop",
      app::declare_run},
     {"console", "Run the host with a prompt at which it is commanded and looked into",
@@ -40,34 +33,19 @@ int fail(int status, std::string line) {
     return status;
 }
 
-int perform(int argc, char** argv) {
-    CLI::App program("A host with the address-resolution module on a simulated InfiniBand fabric.",
-                     "tarv-host");
-    program.get_formatter()->column_width(28);
-    program.require_subcommand(0, 1);
-    program.footer("To begin with: tarv-host run --resolve-all");
-    std::vector<std::pair<CLI::App*, app::Action>> actions;
-    for (const Verb& verb : verbs) {
-        CLI::App* const declared = program.add_subcommand(verb.name, verb.help);
-        actions.emplace_back(declared, verb.declare(*declared));
-    }
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0)
-            return program.exit(error);
-        return fail(2, std::string("tarv-host: ") + error.what());
-    }
-    for (const auto& [verb, action] : actions)
-        if (verb->parsed())
-            return action();
-    return fail(2, "tarv-host: a verb is missing; tarv-host --help lists them");
+/* What was printed may still be on its way, and the disk full. */
+int close_output(int status) {
+    if (std::ferror(stdout) == 0 && std::fflush(stdout) == 0)
+        return status;
+    return fail(1, "tarv-host: standard output: not all could be written");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
-    return perform(argc, argv);
+    // Who reads may go away before the module is unloaded and the directory unmounted.
+    signal(SIGPIPE, SIG_IGN);
+    return close_output(app::perform_command_line(argc, argv, verbs));
 } catch (const fabric::InputError& error) {
     return fail(2, error.what());
 } catch (const app::UsageError& error) {

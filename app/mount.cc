@@ -7,7 +7,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <new>
@@ -27,11 +27,10 @@ constexpr std::size_t server_threads = 8;
 
 }  // namespace
 
-void add_mount_option(CLI::App& verb, std::string& directory) {
-    verb.add_option("--mount", directory,
-                    "Show the control files and the console's lines (kmsg) below\n"
-                    "an existing directory, through FUSE")
-        ->type_name("DIR");
+void add_mount_option(CommandLine& line, std::string& directory) {
+    line.text("--mount", directory, "DIR",
+              "Show the control files and the console's lines (kmsg) below\n"
+              "an existing directory, through FUSE");
 }
 
 struct Mount::Mounted {
@@ -57,6 +56,7 @@ struct Mount::Mounted {
     const int stop = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     std::mutex receiving;  // one thread takes a request at a time
     std::vector<std::thread> threads;
+    std::atomic<bool> gone = false;
 };
 
 /* False when the threads are to end. */
@@ -88,9 +88,10 @@ void Mount::Mounted::serve() {
         const int result = receive(buffer, closes);
         if (result == -EAGAIN || result == -EINTR)
             continue;
-        // Somebody has unmounted the directory.
-        if (result <= 0)
+        if (result <= 0) {
+            gone = true;
             break;
+        }
         fuse_session_process_buf(session, &buffer);
         if (closes)
             tree.closing_ended();
@@ -104,6 +105,10 @@ Mount::Mount(const std::string& directory, const Kmsg& kmsg) {
 }
 
 Mount::~Mount() = default;
+
+bool Mount::gone() const {
+    return mounted_ && mounted_->gone;
+}
 
 Mount::Serving::Serving(Mount& mount) : mount_(mount) {
     if (!mount_.mounted_)

@@ -23,16 +23,13 @@
 #include <memory>
 #include <string>
 
+#include "app/command_line.h"
 #include "app/kmsg.h"
-
-namespace CLI {
-class App;
-}
 
 namespace app {
 
 /// Adds `--mount DIR`.
-void add_mount_option(CLI::App& verb, std::string& directory);
+void add_mount_option(CommandLine& line, std::string& directory);
 
 class Mount {
   public:
@@ -56,6 +53,9 @@ class Mount {
         Mount& mount_;
     };
     [[nodiscard]] Serving serve() { return Serving(*this); }
+
+    /// Somebody has unmounted the directory.
+    bool gone() const;
 
   private:
     struct Mounted;

@@ -108,9 +108,18 @@ class StandardErrorCatcher {
 char mounted_directory[PATH_MAX];
 char unmounter_program[PATH_MAX];
 
-constexpr int deadly[] = {SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGABRT,
-                          SIGBUS, SIGFPE, SIGSEGV, SIGTERM};
-struct sigaction before[std::size(deadly)];
+/* Those that are not, or that cannot be caught. */
+constexpr int harmless[] = {SIGKILL, SIGSTOP, SIGTSTP, SIGTTIN,  SIGTTOU,
+                            SIGCONT, SIGCHLD, SIGURG,  SIGWINCH, SIGPIPE};
+struct sigaction before[NSIG];
+
+/* Calls it with the number of every signal that ends a program which does nothing about it. */
+template <class Call>
+void for_each_deadly(Call call) {
+    for (int number = 1; number < NSIG; ++number)
+        if (std::ranges::find(harmless, number) == std::end(harmless))
+            call(number);
+}
 
 /* Whatever still uses the directory keeps a dead mount of its own. */
 void unmount_at_once() {
@@ -124,8 +133,7 @@ void unmount_at_once() {
 }
 
 void stop_catching() {
-    for (std::size_t i = 0; i < std::size(deadly); ++i)
-        sigaction(deadly[i], &before[i], nullptr);
+    for_each_deadly([](int number) { sigaction(number, &before[number], nullptr); });
 }
 
 /* Raised once more, the signal does what it did before there was a mount. */
@@ -138,11 +146,12 @@ void die_unmounted(int number) {
 void start_catching() {
     struct sigaction action {};
     action.sa_handler = die_unmounted;
-    for (std::size_t i = 0; i < std::size(deadly); ++i) {
-        sigaction(deadly[i], nullptr, &before[i]);
-        if (before[i].sa_handler != SIG_IGN)
-            sigaction(deadly[i], &action, nullptr);
-    }
+    for_each_deadly([&](int number) {
+        // The C library keeps some for itself.
+        if (sigaction(number, nullptr, &before[number]) == 0 &&
+            before[number].sa_handler != SIG_IGN)
+            sigaction(number, &action, nullptr);
+    });
 }
 
 void remember(char (&where)[PATH_MAX], const std::string& text) {

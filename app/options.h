@@ -4,48 +4,39 @@
 // the module is loaded. Reading them starts nothing.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "app/command_line.h"
 #include "fabric/topology.h"
-
-namespace CLI {
-class App;
-}
 
 namespace app {
 
-/// What the user asked for cannot be had. what() is one line that says what and where.
-class UsageError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
 struct HostOptions {
-    std::string fabric;  ///< topology file; empty: the built-in one
-    std::string hosts;   ///< host list; empty: the built-in one, or dealt addresses
-    std::string as;      ///< who we are; empty: see fabric::choose_host()
+    std::string fabric;         ///< topology file; empty: the built-in one
+    std::string hosts;          ///< host list; empty: the built-in one, or dealt addresses
+    bool strict_hosts = false;  ///< the list may speak of nothing else
+    std::string as;             ///< who we are; empty: see fabric::choose_host()
     std::vector<std::string> parameters;  ///< of the module, NAME=VALUE
     int debug_level = 1;                  ///< the module's own trace level
     int logger_level = 5;                 ///< the host-wide trace level
     std::string capture;                  ///< file for the packets; empty: none
 };
 
-/// Adds them to a verb; `options` receives the values and stays where it is.
-void add_host_options(CLI::App& verb, HostOptions& options);
+/// Adds those that choose the fabric and the host; `options` receives the values.
+void add_site_options(CommandLine& line, HostOptions& options);
+/// Adds all.
+void add_host_options(CommandLine& line, HostOptions& options);
 
-/// Adds `--for SECONDS` with that help text. The value is above 0 where it was given.
-void add_for_option(CLI::App& verb, double& seconds, const std::string& help);
-
-/// The ticks of a `--for`; ~0ul where it was not given.
+/// The ticks of so many seconds; ~0ul where none were given.
 unsigned long ticks_of(double seconds);
 
 /// A fabric with people's names and addresses for its hosts, and which of them we are.
 struct Site {
     fabric::Topology topology;
     std::vector<fabric::Host> hosts;
-    std::size_t us = 0;  ///< index into hosts
+    std::size_t us = 0;             ///< index into hosts
+    std::size_t skipped_lines = 0;  ///< of the host list, which are about none of them
 
     const fabric::Host& our_host() const { return hosts[us]; }
 };

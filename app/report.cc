@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <set>
+
+#include "app/table.h"
 
 namespace app {
 namespace {
@@ -63,14 +66,56 @@ std::string property_cell(const tarv_arp_data_t& record, Format format) {
 Row peer_row(const fabric::Host& host, const Peer& peer,
              const std::vector<fabric::EndPort>& ports) {
     const tarv_arp_data_t& record = peer.record;
-    Row row = {fabric::format_ip(host.ip), host.name, std::to_string(record.lid),
-               text("%06x", record.qpn & 0xFFFFFF), format_gid(record.gid)};
+    Row row = {fabric::format_ip(host.ip),
+               printable(host.machine()),
+               printable(host.rail),
+               std::to_string(record.lid),
+               text("0x%06x", record.qpn & 0xFFFFFF),
+               format_gid(record.gid)};
     for (const fabric::EndPort& port : ports)
         row.push_back(path_cell(record, port.gid));
     row.push_back(property_cell(record, [](const auto& path) { return format_rate(path.rate); }));
     row.push_back(property_cell(record, [](const auto& path) { return format_mtu(path.mtu); }));
     return row;
 }
+
+/* What is left out first where there is no room stands last. */
+enum Rank { always, rail, lid, rate, mtu, ways, qpn, gid };
+
+Table peer_table(const std::vector<fabric::EndPort>& ports) {
+    Table table{{{"address"},
+                 {"host"},
+                 {"rail", 'l', rail},
+                 {"LID", 'r', lid},
+                 {"QPN", 'l', qpn},
+                 {"GID", 'l', gid}},
+                {}};
+    for (const fabric::EndPort& port : ports)
+        table.columns.push_back({text("port %d", port.at.port), 'r', ways});
+    table.columns.push_back({"rate", 'r', rate});
+    table.columns.push_back({"MTU", 'r', mtu});
+    return table;
+}
+
+/* Takes the column away, where it says nothing. */
+void drop_column(Table& table, std::size_t number) {
+    table.columns.erase(table.columns.begin() + static_cast<std::ptrdiff_t>(number));
+    for (Row& row : table.rows)
+        row.erase(row.begin() + static_cast<std::ptrdiff_t>(number));
+}
+
+std::string say_what_is_left_out(const Table& table, std::size_t width) {
+    std::string names;
+    for (const std::string& title : table.left_out(width))
+        names += (names.empty() ? "" : ", ") + title;
+    return names.empty() ? "" : "No room for " + names + ".\n";
+}
+
+std::size_t unresolved(const std::vector<Peer>& peers) {
+    return static_cast<std::size_t>(std::ranges::count(peers, false, &Peer::resolved));
+}
+
+}  // namespace
 
 std::vector<fabric::EndPort> our_ports(Machine& machine) {
     std::vector<fabric::EndPort> ports;
@@ -80,11 +125,23 @@ std::vector<fabric::EndPort> our_ports(Machine& machine) {
     return ports;
 }
 
-std::size_t unresolved(const std::vector<Peer>& peers) {
-    return static_cast<std::size_t>(std::ranges::count(peers, false, &Peer::resolved));
+std::vector<Peer> choose_peers(Machine& machine, std::vector<Peer> peers, const std::string& only,
+                               const std::string& sort) {
+    const auto& hosts = machine.fabric().hosts();
+    if (!only.empty())
+        std::erase_if(peers,
+                      [&](const Peer& peer) { return peer.resolved != (only == "resolved"); });
+    const auto by = [&](auto key) { std::ranges::stable_sort(peers, {}, key); };
+    if (sort == "address")
+        by([&](const Peer& peer) { return ntohl(hosts[peer.host].ip); });
+    else if (sort == "host")
+        by([&](const Peer& peer) { return hosts[peer.host].name; });
+    else if (sort == "lid")
+        by([](const Peer& peer) { return peer.record.lid; });
+    else if (sort == "latency")
+        by([](const Peer& peer) { return ~peer.learned.value_or(~Duration{0}); });
+    return peers;
 }
-
-}  // namespace
 
 std::string format_gid(const gx_gid_t& gid) {
     const fabric::Gid bytes = fabric::wire(gid);
@@ -116,41 +173,26 @@ std::string format_seconds(unsigned long ticks) {
     return text("%lu.%03lu s", ticks / 1000, ticks % 1000);
 }
 
-std::string format_columns(const std::vector<Row>& rows, const std::string& sides) {
-    std::vector<std::size_t> widths(sides.size());
-    for (const Row& row : rows)
-        for (std::size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], row[i].size());
-    std::string result;
-    for (const Row& row : rows) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::string padding(widths[i] - row[i].size(), ' ');
-            line += (i ? "  " : "") + (sides[i] == 'r' ? padding + row[i] : row[i] + padding);
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        result += line + "\n";
-    }
-    return result;
-}
-
 std::string format_machine(Machine& machine) {
     const fabric::Topology& topology = machine.fabric().topology();
     const fabric::Host& host = machine.fabric().our_host();
-    const auto adapters = static_cast<std::size_t>(
-        std::ranges::count(topology.nodes, fabric::NodeKind::adapter, &fabric::Node::kind));
+    std::set<std::string> hosts;
+    for (const fabric::Host& other : machine.fabric().hosts())
+        hosts.insert(other.machine());
     const auto switches = static_cast<std::size_t>(
         std::ranges::count(topology.nodes, fabric::NodeKind::switch_node, &fabric::Node::kind));
-    std::string result = "Fabric     " + topology.file + ": " + count(adapters, "host") + ", " +
-                         std::to_string(switches) + (switches == 1 ? " switch" : " switches");
-    result += "\nThis host  " + host.name + ", " + fabric::format_ip(host.ip);
+    std::string result = "Fabric     " + printable(topology.file) + ": " +
+                         count(hosts.size(), "host") + ", " + std::to_string(switches) +
+                         (switches == 1 ? " switch" : " switches");
+    result += "\nThis host  " + printable(host.name) + ", " + fabric::format_ip(host.ip);
     for (const fabric::EndPort& port : our_ports(machine))
         result +=
             text(", port %d LID %u", port.at.port, unsigned{port.lid}) + (port.up ? "" : " (down)");
     return result + "\n";
 }
 
-std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t most) {
+std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t width,
+                         std::size_t most) {
     std::vector<const Peer*> shown;
     for (const Peer& peer : peers)
         if (peer.resolved)
@@ -162,23 +204,24 @@ std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::
     if (cut)
         shown.erase(shown.begin() + first_shown, shown.end() - last_shown);
     const std::vector<fabric::EndPort> ports = our_ports(machine);
-    std::vector<Row> rows = {{"address", "host", "LID", "QPN", "GID"}};
-    for (const fabric::EndPort& port : ports)
-        rows[0].push_back(text("port %d", port.at.port));
-    rows[0].insert(rows[0].end(), {"rate", "MTU"});
+    Table table = peer_table(ports);
     for (const Peer* peer : shown)
-        rows.push_back(peer_row(machine.fabric().hosts()[peer->host], *peer, ports));
-    std::string table = format_columns(rows, "llrll" + std::string(ports.size(), 'r') + "rr");
+        table.rows.push_back(peer_row(machine.fabric().hosts()[peer->host], *peer, ports));
+    constexpr std::size_t rail_column = 2;
+    if (std::ranges::all_of(table.rows, [](const Row& row) { return row[rail_column].empty(); }))
+        drop_column(table, rail_column);
+    std::string lines = table.format(width) + say_what_is_left_out(table, width);
     if (!cut)
-        return table;
+        return lines;
     std::size_t place = 0;
     for (std::size_t line = 0; line < 1 + first_shown; ++line)
-        place = table.find('\n', place) + 1;
-    return table.insert(place, "... and " + std::to_string(all - shown.size()) + " more ...\n");
+        place = lines.find('\n', place) + 1;
+    return lines.insert(place, "... and " + std::to_string(all - shown.size()) + " more ...\n");
 }
 
-std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers) {
-    std::vector<Row> rows;
+std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers, std::size_t width) {
+    Table table{{{""}, {""}, {""}, {"reason", 'l', 1}}, {}};
+    std::map<std::string, std::size_t> reasons;
     std::size_t not_asked = 0;
     std::string why_not;
     for (const Peer& peer : peers) {
@@ -187,19 +230,28 @@ std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers) 
             ++not_asked;
             why_not = peer.why_not;
         } else if (!peer.resolved) {
-            rows.push_back({"", fabric::format_ip(host.ip), host.name, peer.why_not});
+            table.rows.push_back(
+                {"", fabric::format_ip(host.ip), printable(host.name), peer.why_not});
+            ++reasons[peer.why_not];
         }
     }
-    if (rows.empty() && not_asked == 0)
+    if (table.rows.empty() && not_asked == 0)
         return {};
-    std::string result = "Not resolved:\n" + format_columns(rows, "llll");
+    const bool told_apart = table.left_out(width).empty();
+    table.columns[3].title.clear();
+    std::string result = "Not resolved:\n" + table.format(width);
+    if (!told_apart)
+        for (const auto& [reason, times] : reasons)
+            result += std::to_string(times) + ": " + reason + "\n";
     if (not_asked)
         result += "  " + count(not_asked, "peer") + " not asked for: " + why_not + "\n";
     return result;
 }
 
-std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& peers) {
-    const std::vector<Row> rows = {
+std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& peers,
+                          std::size_t width) {
+    Table table{{{""}, {"", 'r'}, {"", 'l', 1}}, {}};
+    table.rows = {
         {"peers", std::to_string(peers.size()),
          unresolved(peers) ? std::to_string(unresolved(peers)) + " not resolved" : "all resolved"},
         {"requests", std::to_string(counts.first_pass + counts.second_pass),
@@ -211,15 +263,18 @@ std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& 
         {"retries", std::to_string(counts.traffic.repeats)},
         {"time-outs", std::to_string(counts.timeouts)},
         {"elapsed", format_seconds(counts.ticks)}};
-    return format_columns(rows, "lrl");
+    return table.format(width);
 }
 
 std::string format_departure(const Departure& departure) {
+    std::string result =
+        departure.capture_whole ? "" : "The capture is not whole: its file could not be written.\n";
     if (departure.remains.empty())
-        return "Unloaded; nothing remains: " + count(departure.memory.allocations, "allocation") +
+        return result +
+               "Unloaded; nothing remains: " + count(departure.memory.allocations, "allocation") +
                " made and freed, " + format_bytes(departure.memory.peak_bytes) +
-               " at most at one time;\nno timer armed, no datagram out, no name registered.\n";
-    std::string result = "Unloaded, but not all is gone:\n";
+               " at most;\nno timer armed, no datagram out, no name registered.\n";
+    result += "Unloaded, but not all is gone:\n";
     for (const std::string& line : departure.remains)
         result += "  " + line + "\n";
     return result;

@@ -15,20 +15,28 @@ namespace app {
 /// The fabric and our place in it; a few lines.
 std::string format_machine(Machine& machine);
 
-/// Rows of a table with two blanks between its columns. A column is as wide as its widest cell and
-/// stands to the left or to the right as its letter in `sides` says, 'l' or 'r'.
-std::string format_columns(const std::vector<std::vector<std::string>>& rows,
-                           const std::string& sides);
+/// Our ports that are linked, in their order.
+std::vector<fabric::EndPort> our_ports(Machine& machine);
+
+/// Of the peers those that are "resolved" or "unresolved" (empty: all), sorted by "address",
+/// "host", "lid" or "latency", the slowest first (empty: as they are).
+std::vector<Peer> choose_peers(Machine& machine, std::vector<Peer> peers, const std::string& only,
+                               const std::string& sort);
+
+// A `width` other than 0 is that of the terminal that it has to fit.
 
 /// One line for each resolved peer; of more than `most` the first and the last few, and how many
 /// were left out in between.
-std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t most = 40);
+std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t width = 0,
+                         std::size_t most = 40);
 
 /// One line for each peer that was asked for and not resolved, and one for all that were not even
 /// asked for; empty when all were resolved.
-std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers);
+std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers,
+                              std::size_t width = 0);
 
-std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& peers);
+std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& peers,
+                          std::size_t width = 0);
 
 /// That nothing remains, in one line with the totals, or what does, one line each.
 std::string format_departure(const Departure& departure);

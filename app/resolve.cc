@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 #include "app/resolve.h"
 
+#include <algorithm>
+#include <chrono>
 #include <numeric>
 #include <utility>
 
 #include "host/services.h"
+#include "platform/jiffies.h"
 
 namespace app {
 namespace {
@@ -61,6 +64,48 @@ Resolver::~Resolver() {
         machine_.stop();
 }
 
+std::vector<Latencies> latencies_of(const std::vector<Peer>& peers) {
+    struct Kind {
+        const char* name;
+        const char* key;
+        std::optional<Duration> Peer::*duration;
+    };
+    constexpr Kind kinds[] = {{"resolution", "resolution", &Peer::learned},
+                              {"its ARP part", "arp", &Peer::arp},
+                              {"its SA part", "sa", &Peer::sa},
+                              {"from the cache", "cache", &Peer::cached}};
+    std::vector<Latencies> all;
+    for (const Kind& kind : kinds) {
+        all.push_back({kind.name, kind.key, {}});
+        for (const Peer& peer : peers)
+            if (peer.*kind.duration)
+                all.back().durations.push_back(*(peer.*kind.duration));
+    }
+    return all;
+}
+
+/* Ticks are all that there is in virtual time. */
+Duration Resolver::now() const {
+    if (machine_.kernel().clock() == host::Clock::virtual_time)
+        return machine_.kernel().jiffies() * (1'000'000'000ul / HZ);
+    const auto since = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<Duration>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(since).count());
+}
+
+/* The query for paths goes out when the ARP reply has been taken in. */
+void Resolver::split_latency(Peer& peer) {
+    if (!peer.learned)
+        return;
+    const Slot& slot = slots_[static_cast<std::size_t>(&peer - peers_.data())];
+    const auto query = traffic_.first_query(fabric::wire(peer.record.gid));
+    peer.arp = *peer.learned;
+    if (!query || *query < slot.asked_at || *query > slot.asked_at + *peer.learned)
+        return;
+    peer.arp = *query - slot.asked_at;
+    peer.sa = *peer.learned - *peer.arp;
+}
+
 std::size_t Resolver::outstanding() const {
     const std::lock_guard guard(mutex_);
     return outstanding_;
@@ -72,6 +117,8 @@ void Resolver::run(const ShowProgress& progress) {
     std::vector<std::size_t> all(peers_.size());
     std::iota(all.begin(), all.end(), 0);
     counts_.first_pass = pass(all, progress);
+    std::ranges::for_each(peers_, [this](Peer& peer) { split_latency(peer); });
+    first_pass_ = false;
     if (given_up_.empty()) {
         std::erase_if(all, [this](std::size_t peer) { return !peers_[peer].resolved; });
         counts_.second_pass = pass(all, progress);
@@ -103,6 +150,7 @@ void Resolver::ask(std::size_t peer) {
         const std::lock_guard guard(mutex_);
         peers_[peer].asked = true;
         slot.status = tarv_stat_pending;
+        slot.asked_at = now();
         ++outstanding_;
     }
     // The module writes to the caller's record also when the answer comes later, and that may be
@@ -121,13 +169,16 @@ void Resolver::on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* conte
 }
 
 void Resolver::end(Slot& slot, tarv_stat_t status, const tarv_arp_data_t* record) {
+    const Duration ended_at = now();
     const unsigned long now = machine_.kernel().jiffies();
     const std::lock_guard guard(mutex_);
     Peer& peer = peers_[slot.peer];
     slot.status = status;
     peer.resolved = status == tarv_stat_ok;
-    if (peer.resolved)
+    if (peer.resolved) {
         peer.record = *record;
+        (first_pass_ ? peer.learned : peer.cached) = ended_at - slot.asked_at;
+    }
     counts_.timeouts += status == tarv_stat_timeout;
     last_end_ = now;
     --outstanding_;

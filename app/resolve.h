@@ -12,9 +12,11 @@
 #include <cstddef>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "app/latency.h"
 #include "app/machine.h"
 #include "app/traffic.h"
 #include "tarv/tarv.h"
@@ -29,6 +31,10 @@ struct Peer {
     bool resolved = false;
     tarv_arp_data_t record{};  ///< once resolved; read `paths`, not the pointers
     std::string why_not;       ///< where it was not resolved
+
+    // How long its answer took, where there was one: on the fabric, of that until its ARP reply had
+    // been taken in and from then on, and from the cache.
+    std::optional<Duration> learned, arp, sa, cached;
 };
 
 struct ResolveOptions {
@@ -53,6 +59,9 @@ using ShowProgress = std::function<void(std::size_t ended, std::size_t all)>;
 /// Everybody on the machine's fabric but ourselves, with as many paths as can be had.
 std::vector<Peer> peers_of(Machine& machine);
 
+/// The durations of a run by what took them.
+std::vector<Latencies> latencies_of(const std::vector<Peer>& peers);
+
 class Resolver {
   public:
     Resolver(Machine& machine, std::vector<Peer> peers, ResolveOptions options);
@@ -74,6 +83,7 @@ class Resolver {
         Resolver* resolver;
         std::size_t peer;
         tarv_stat_t status = tarv_stat_not_found;
+        Duration asked_at = 0;
         bool called_off = false;
     };
 
@@ -87,6 +97,8 @@ class Resolver {
     tarv_stat_t call_module(std::size_t peer, tarv_paths_t wanted, tarv_arp_data_t& record,
                             Slot* slot) const;
     std::size_t outstanding() const;
+    Duration now() const;
+    void split_latency(Peer& peer);
 
     Machine& machine_;
     std::vector<Peer> peers_;
@@ -94,7 +106,8 @@ class Resolver {
     const ResolveOptions options_;
     tarv_get_ib_data_fn_t* const get_ib_data_;
     ResolveCounts counts_;
-    Traffic traffic_;
+    Traffic traffic_{[this] { return now(); }};
+    bool first_pass_ = true;
     unsigned long started_ = 0;
     std::string given_up_;  ///< why; empty while the passes go on
 

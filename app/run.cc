@@ -4,17 +4,31 @@
 // peers and unloads, or stays up until it is told to stop.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
 
+#include "app/detach.h"
+#include "app/export.h"
 #include "app/kmsg.h"
+#include "app/latency.h"
 #include "app/machine.h"
 #include "app/mount.h"
 #include "app/options.h"
+#include "app/output.h"
 #include "app/report.h"
 #include "app/resolve.h"
 #include "app/stop_signals.h"
+#include "app/table.h"
 #include "app/verbs.h"
 
 namespace app {
@@ -23,13 +37,23 @@ namespace {
 struct RunOptions {
     HostOptions host;
     std::string mount;
+    std::string log;
+    std::string only, sort, plot;
     bool resolve_all = false;
+    bool all = false;
+    bool json = false;
+    bool csv = false;
+    bool histogram = false;
+    bool detach = false;
+    bool quiet = false;
     double seconds = 0;  // 0: no limit
 };
 
-constexpr unsigned long idle_ticks = 20;  // between two looks at the signals
+constexpr std::size_t most_rows = 40;     // at a terminal
+constexpr unsigned long idle_ticks = 20;  // between two looks at what ends the run
 
-/* One line on a terminal, rewritten; nothing where standard error is none. */
+/* One line on a terminal, rewritten, for a run that takes longer than a glance; nothing where
+ * standard error is none. */
 class Progress {
   public:
     ~Progress() {
@@ -37,87 +61,175 @@ class Progress {
             std::fputs("\r\033[K", stderr);
     }
     void show(std::size_t ended, std::size_t all) {
-        if (!terminal_ || calls_++ % 64 != 0)
+        const auto now = std::chrono::steady_clock::now();
+        if (!terminal_ || now < next_)
             return;
+        next_ = now + std::chrono::milliseconds(50);
         std::fprintf(stderr, "\rresolving: %zu of %zu\033[K", ended, all);
         shown_ = true;
     }
 
   private:
     const bool terminal_ = isatty(STDERR_FILENO);
-    unsigned calls_ = 0;
+    std::chrono::steady_clock::time_point next_ =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
     bool shown_ = false;
 };
 
-void say(const std::string& text) {
-    std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
+bool for_programs(const RunOptions& options) {
+    return options.json || options.csv;
 }
 
-int resolve_all(Machine& machine, unsigned long limit) {
-    ResolveOptions options;
-    options.limit = limit;
-    options.stop = StopSignals::told;
-    Resolver resolver(machine, peers_of(machine), options);
-    {
-        Progress progress;
-        resolver.run([&](std::size_t ended, std::size_t all) { progress.show(ended, all); });
-    }
-    for (const std::string& part :
-         {format_peers(machine, resolver.peers()), format_unresolved(machine, resolver.peers()),
-          format_counts(resolver.counts(), resolver.peers())})
-        if (!part.empty())
-            say("\n" + part);
-    say("\n");
-    const auto resolved = [](const Peer& peer) { return peer.resolved; };
-    return std::ranges::all_of(resolver.peers(), resolved) ? 0 : 1;
+/* Both passes, for as long as they may take. */
+void resolve(Resolver& resolver) {
+    Progress progress;
+    resolver.run([&](std::size_t ended, std::size_t all) { progress.show(ended, all); });
 }
 
-void stay(Machine& machine, unsigned long limit) {
-    say("\nRunning; Ctrl-C unloads the module and ends.\n");
+/* A terminal is not flooded unasked; whoever pipes the rows away wants them all. */
+std::string format_result(const RunOptions& options, Machine& machine, const Resolver& resolver) {
+    const std::size_t width = terminal_width(STDOUT_FILENO);
+    const bool all = options.all || width == 0 || !options.only.empty();
+    const std::vector<Peer> peers =
+        choose_peers(machine, resolver.peers(), options.only, options.sort);
+    const std::vector<Latencies> latencies = latencies_of(resolver.peers());
+    std::vector<std::string> parts = {
+        format_peers(machine, peers, width, all ? peers.size() : most_rows),
+        format_unresolved(machine, peers, width),
+        format_counts(resolver.counts(), resolver.peers(), width),
+        format_latencies(latencies, width)};
+    if (options.histogram)
+        for (const Latencies& row : latencies)
+            parts.push_back(format_histogram(row, width));
+    std::string text;
+    for (const std::string& part : parts)
+        text += part.empty() ? "" : "\n" + part;
+    return text + "\n";
+}
+
+void save_plot(const std::string& file, const Resolver& resolver) {
+    std::ofstream out(file);
+    out << plot_latencies(latencies_of(resolver.peers())) << std::flush;
+    if (!out)
+        throw std::runtime_error("--plot: " + file + ": " + std::generic_category().message(errno));
+}
+
+void stay(Machine& machine, const Mount& mount, unsigned long limit) {
     const unsigned long start = machine.kernel().jiffies();
-    for (unsigned long passed = 0; passed < limit && !StopSignals::told();
+    for (unsigned long passed = 0; passed < limit && !StopSignals::told() && !mount.gone();
          passed = machine.kernel().jiffies() - start)
         machine.kernel().advance(std::min(idle_ticks, limit - passed));
-    say("\n");
 }
 
-int run(const RunOptions& options) {
-    Site site = read_site(options.host);
+std::string format_ready(const RunOptions& options, const Detachment* detachment) {
+    const std::string way = options.mount.empty() ? "end it with kill " + std::to_string(getpid())
+                                                  : "end it with fusermount3 -u " + options.mount;
+    std::string text = options.mount.empty() ? "Running" : "Mounted on " + options.mount;
+    if (!detachment)
+        return text + "; Ctrl-C unloads the module and ends.\n";
+    return text + " as process " + std::to_string(getpid()) + ", with its lines in " +
+           detachment->log_name() + ";\n" + way + ".\n";
+}
+
+int run_host(const RunOptions& options, Site site, Output& output, Detachment* detachment) {
+    const std::size_t skipped_lines = site.skipped_lines;
     Kmsg kmsg;
     Mount mount(options.mount, kmsg);
     const StopSignals signals;
+    const bool quiet = options.quiet || for_programs(options);
     Machine machine(std::move(site), options.host, {host::Clock::real_time},
                     [&](const host::LogLine& line) {
                         kmsg.append(line);
-                        say(line.text + "\n");
+                        if (!quiet)
+                            output.say(line.text + "\n");
                     });
+    const auto say = [&](const std::string& text) {
+        if (!for_programs(options))
+            output.say(text);
+    };
     machine.start();
     machine.switch_on();
     const Mount::Serving serving = mount.serve();
-    say("\n" + format_machine(machine));
-    int status = 0;
-    if (options.resolve_all)
-        status = resolve_all(machine, ticks_of(options.seconds));
-    else
-        stay(machine, ticks_of(options.seconds));
+    say((quiet ? "" : "\n") + format_machine(machine));
+    if (skipped_lines > 0)
+        say("Host list  " + std::to_string(skipped_lines) + " lines skipped, about none of them\n");
+    if (detachment)
+        detachment->ready(format_ready(options, detachment));
+    std::optional<Resolver> resolver;
+    if (options.resolve_all) {
+        ResolveOptions how;
+        how.limit = ticks_of(options.seconds);
+        how.stop = StopSignals::told;
+        resolve(resolver.emplace(machine, peers_of(machine), how));
+        say(format_result(options, machine, *resolver));
+    } else {
+        say("\n" + format_ready(options, nullptr));
+        stay(machine, mount, ticks_of(options.seconds));
+        say("\n");
+    }
     const Departure& departure = machine.stop();
     say(format_departure(departure));
-    return departure.remains.empty() ? status : 1;
+    if (!resolver)
+        return departure.clean() ? 0 : 1;
+    const auto peers = choose_peers(machine, resolver->peers(), options.only, options.sort);
+    if (options.json)
+        output.say(to_json(machine, *resolver, peers, departure));
+    if (options.csv)
+        output.say(to_csv(machine, peers));
+    if (!options.plot.empty())
+        save_plot(options.plot, *resolver);
+    const bool resolved = std::ranges::all_of(resolver->peers(), &Peer::resolved);
+    return departure.clean() && resolved ? 0 : 1;
+}
+
+void check(const RunOptions& options) {
+    const bool about_peers = for_programs(options) || options.all || options.histogram ||
+                             !options.only.empty() || !options.sort.empty() ||
+                             !options.plot.empty();
+    if (about_peers && !options.resolve_all)
+        throw UsageError("what was asked for is about the peers, which --resolve-all resolves");
+    if (options.json && options.csv)
+        throw UsageError("--json and --csv exclude each other");
+}
+
+int run(const RunOptions& options) {
+    check(options);
+    std::optional<Detachment> detachment;
+    if (options.detach) {
+        detachment.emplace(options.log);
+        if (const auto status = detachment->split())
+            return *status;
+    }
+    Output output(detachment ? detachment->log() : STDOUT_FILENO);
+    const int status =
+        run_host(options, read_site(options.host), output, detachment ? &*detachment : nullptr);
+    return output.finish() ? status : 1;
 }
 
 }  // namespace
 
-Action declare_run(CLI::App& verb) {
+Action declare_run(CommandLine& line) {
     const auto options = std::make_shared<RunOptions>();
-    verb.add_flag("--resolve-all", options->resolve_all,
-                  "Resolve every other host, print what was learned, and end;\n"
-                  "exit status 1 when one could not be resolved");
-    add_for_option(verb, options->seconds,
-                   "End after so long, resolved or not\n"
-                   "(otherwise when all is resolved, or on SIGINT or SIGTERM)");
-    add_mount_option(verb, options->mount);
-    add_host_options(verb, options->host);
+    line.flag("--resolve-all", options->resolve_all,
+              "Resolve every other host, print what was learned, and end;\n"
+              "exit status 1 when one could not be resolved");
+    line.flag("--all", options->all, "Print all rows at a terminal too");
+    line.choice("--only", options->only, {"resolved", "unresolved"}, "Print these peers only");
+    line.choice("--sort", options->sort, {"address", "host", "lid", "latency"},
+                "Sort the peers (otherwise as the fabric lists them)");
+    line.flag("--json", options->json, "Print the result for programs, as JSON");
+    line.flag("--csv", options->csv, "Print the peers as comma-separated values");
+    line.flag("--histogram", options->histogram, "Print how many resolutions took how long");
+    line.text("--plot", options->plot, "FILE.svg", "Save the latencies as a picture");
+    line.seconds("--for", options->seconds,
+                 "End after so long, resolved or not\n"
+                 "(otherwise when all is resolved, or on SIGINT or SIGTERM)");
+    add_mount_option(line, options->mount);
+    line.flag("--detach", options->detach, "Return when the host is ready, and leave it running");
+    line.text("--log", options->log, "FILE",
+              "Where a detached host says what it does\n(otherwise in the journal)");
+    line.flag("-q,--quiet", options->quiet, "Show the module's own lines in kmsg only");
+    add_host_options(line, options->host);
     return [options] { return run(*options); };
 }
 

@@ -3,7 +3,6 @@
 // The verb "script": reads a script and plays it.
 #include "app/script.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
@@ -12,6 +11,7 @@
 #include <system_error>
 
 #include "app/script_verbs.h"
+#include "app/suggest.h"
 #include "app/verbs.h"
 
 namespace app {
@@ -22,11 +22,18 @@ struct ScriptOptions {
     std::string file;
 };
 
+std::vector<std::string> verb_names() {
+    std::vector<std::string> names;
+    for (const ScriptVerb& verb : script_verbs())
+        names.emplace_back(verb.name);
+    return names;
+}
+
 const ScriptVerb& find_verb(ScriptLine& line) {
     const std::string name = line.word("a verb");
     const auto found = std::ranges::find(script_verbs(), name, &ScriptVerb::name);
     if (found == script_verbs().end())
-        line.fail("there is no verb \"" + name + "\"");
+        line.fail("there is no verb \"" + name + "\"" + suggest(name, verb_names()));
     return *found;
 }
 
@@ -94,31 +101,30 @@ void play_step(const ScriptStep& step, ScriptHost& host) {
 }
 
 int run_script(const Script& script, ScriptHost& host) {
-    bool expecting = false;
-    for (const ScriptStep& step : script.steps) {
-        if (expecting && !step.expects)
-            host.forget_lines();
-        expecting = step.expects;
+    for (std::size_t i = 0; i < script.steps.size(); ++i) {
+        const ScriptStep& step = script.steps[i];
+        const bool more_expected = i + 1 < script.steps.size() && script.steps[i + 1].expects;
         try {
             play_step(step, host);
         } catch (const std::exception& failed) {
             host.fail(step.place, failed.what());
         }
+        // An expectation behind it says that this was to happen.
+        if (const std::string refusal = host.take_refusal(); !refusal.empty() && !more_expected)
+            host.fail(step.place, refusal);
+        if (step.expects && !more_expected)
+            host.forget_lines();
     }
     if (host.loaded())
         host.unload_module();
     return host.failed() ? 1 : 0;
 }
 
-Action declare_script(CLI::App& verb) {
+Action declare_script(CommandLine& line) {
     const auto options = std::make_shared<ScriptOptions>();
-    verb.add_option("FILE", options->file, "The script; - reads it from standard input")
-        ->required();
-    add_host_options(verb, options->host);
-    verb.footer(list_verbs());
-    // A script sets these itself.
-    for (const char* own : {"--param", "--debug-level", "--logger-level", "--capture"})
-        verb.remove_option(verb.get_option(own));
+    line.word("FILE", options->file, "The script; - reads it from standard input");
+    add_site_options(line, options->host);
+    line.footer(list_verbs());
     return [options] { return run(*options); };
 }
 

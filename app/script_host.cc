@@ -30,7 +30,7 @@ ScriptHost::~ScriptHost() {
 
 void ScriptHost::load_module(const std::vector<std::string>& parameters) {
     if (loaded())
-        return say("load: the module is loaded already");
+        return refuse("load: the module is loaded already");
     if (const int result = enter_load(parameters); result != 0) {
         say("load: " + std::to_string(result));
         return report(kernel().remains());
@@ -41,7 +41,7 @@ void ScriptHost::load_module(const std::vector<std::string>& parameters) {
 
 void ScriptHost::unload_module() {
     if (!loaded())
-        return say("unload: no module is loaded");
+        return refuse("unload: no module is loaded");
     const Departure departure = enter_unload();
     for (ScriptReader& reader : readers_)
         reader = {};
@@ -86,7 +86,7 @@ template <class Function>
 Function* ScriptHost::function(const std::string& verb, const std::string& name) {
     const void* const found = host::inter_module_get(name);
     if (!found)
-        say(verb + ": no module offers " + name);
+        refuse(verb + ": no module offers " + name);
     return reinterpret_cast<Function*>(const_cast<void*>(found));
 }
 
@@ -174,7 +174,7 @@ template <class Call>
 void ScriptHost::with_file(const std::string& verb, const std::string& name, Call call) try {
     call();
 } catch (const std::system_error& failed) {
-    say(verb + ": " + name + ": " + failed.code().message());
+    refuse(verb + ": " + name + ": " + failed.code().message());
 }
 
 namespace {
@@ -254,6 +254,11 @@ void ScriptHost::calm() {
 }
 
 // What is said.
+
+void ScriptHost::refuse(const std::string& text) {
+    refusal_ = text;
+    say(text);
+}
 
 void ScriptHost::say(const std::string& text) {
     std::istringstream parts(text);

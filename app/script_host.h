@@ -16,6 +16,7 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/machine.h"
@@ -94,6 +95,9 @@ class ScriptHost {
     const std::vector<std::string>& lines() const { return lines_; }
     void forget_lines() { lines_.clear(); }
 
+    /// What was said of the line that could not be carried out, if it was one; the next time none.
+    std::string take_refusal() { return std::exchange(refusal_, {}); }
+
     /// An expectation failed, or a line of the script could not be carried out.
     virtual void fail(const std::string& place, const std::string& message);
     /// Something failed, or the module left something behind.
@@ -128,6 +132,7 @@ class ScriptHost {
     template <class Function>
     Function* function(const std::string& verb, const std::string& name);
     void report(const std::vector<std::string>& remains);
+    void refuse(const std::string& text);
 
     std::ostream& out_;
     std::ostream& err_;
@@ -135,6 +140,7 @@ class ScriptHost {
     std::deque<ScriptReply> requests_;  // they stay where they are: the module points at them
     ScriptReader readers_[script_readers];
     std::vector<std::string> lines_;
+    std::string refusal_;
     bool failed_ = false;
 };
 

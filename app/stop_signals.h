@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// While it exists, SIGINT and SIGTERM are remembered instead of ending the program, so that it can
-// end in order. The second one does what the signal did before. One StopSignals exists at a time.
+// While it exists, SIGINT, SIGTERM and SIGPIPE are remembered instead of ending the program, so
+// that it can end in order. The second SIGINT or SIGTERM does what the signal did before; any
+// number of SIGPIPEs does no more, because the last words go to the same pipe. One StopSignals
+// exists at a time.
 #pragma once
 
 #include <signal.h>
@@ -29,7 +31,7 @@ class StopSignals {
 
   private:
     static void remember(int number) {
-        if (!told_.exchange(true))
+        if (!told_.exchange(true) || number == SIGPIPE)
             return;
         restore();
         raise(number);
@@ -39,7 +41,7 @@ class StopSignals {
             sigaction(numbers_[i], &before_[i], nullptr);
     }
 
-    static constexpr int numbers_[] = {SIGINT, SIGTERM};
+    static constexpr int numbers_[] = {SIGINT, SIGTERM, SIGPIPE};
     static inline std::atomic<bool> told_ = false;
     static_assert(std::atomic<bool>::is_always_lock_free);
     static inline struct sigaction before_[std::size(numbers_)] = {};

@@ -55,7 +55,13 @@ void Traffic::see_query(const fabric::Packet& packet) {
     if (!destination)
         return;
     ++counts_.path_queries;
-    counts_.repeats += !destinations_.insert(*destination).second;
+    counts_.repeats += !first_queries_.try_emplace(*destination, now_()).second;
+}
+
+std::optional<Duration> Traffic::first_query(const fabric::Gid& destination) const {
+    const std::lock_guard guard(mutex_);
+    const auto found = first_queries_.find(destination);
+    return found == first_queries_.end() ? std::nullopt : std::optional(found->second);
 }
 
 TrafficCounts Traffic::counts() const {

@@ -101,6 +101,10 @@ CaptureFile::CaptureFile(std::unique_ptr<std::ostream> out) : out_(std::move(out
 
 CaptureFile::~CaptureFile() = default;
 
+bool CaptureFile::whole() const {
+    return out_->good();
+}
+
 void CaptureFile::write(const SeenPacket& seen) {
     Bytes link = encode_link(seen.packet);
     std::size_t length = erf_header_size + link.size();
@@ -135,10 +139,12 @@ void Tap::capture_to(const std::string& path) {
     update();
 }
 
-void Tap::stop_capture() {
+bool Tap::stop_capture() {
     MutexLock lock(mutex_);
+    const bool whole = !file_ || file_->whole();
     file_.reset();
     update();
+    return whole;
 }
 
 void Tap::update() {

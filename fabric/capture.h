@@ -36,6 +36,8 @@ class CaptureFile {
     explicit CaptureFile(std::unique_ptr<std::ostream> out);
     ~CaptureFile();
     void write(const SeenPacket& seen);
+    /// All that came could be written.
+    bool whole() const;
 
   private:
     std::unique_ptr<std::ostream> out_;
@@ -49,7 +51,7 @@ class Tap {
 
     void on_packet(Hook hook);                 ///< replaces the hook; an empty one takes it away
     void capture_to(const std::string& path);  ///< until stop_capture(); see CaptureFile
-    void stop_capture();
+    bool stop_capture();                       ///< false when not all could be written
 
     void see(const SeenPacket& seen);
 

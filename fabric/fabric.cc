@@ -219,8 +219,8 @@ void Fabric::capture_to(const std::string& path) {
     parts_->tap.capture_to(path);
 }
 
-void Fabric::stop_capture() {
-    parts_->tap.stop_capture();
+bool Fabric::stop_capture() {
+    return parts_->tap.stop_capture();
 }
 
 }  // namespace fabric

@@ -95,7 +95,7 @@ class Fabric {
     /// See Tap.
     void on_packet(Tap::Hook hook);
     void capture_to(const std::string& path);
-    void stop_capture();
+    bool stop_capture();  ///< false when not all could be written
 
   private:
     struct Parts;

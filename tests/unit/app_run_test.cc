@@ -69,8 +69,9 @@ INSTANTIATE_TEST_SUITE_P(
     CommandLine, BadInputs,
     testing::ValuesIn(std::vector<BadInput>{
         {"NoVerb", "", "tarv-host: a verb is missing.*"},
-        {"UnknownVerb", "fly", "tarv-host: .* fly"},
-        {"UnknownOption", "run --bogus", "tarv-host: .* --bogus"},
+        {"UnknownVerb", "rum", "tarv-host: there is no verb rum; did you mean \"run\"."},
+        {"UnknownOption", "run --fabrik x",
+         "tarv-host: there is no option --fabrik; did you mean \"--fabric\"."},
         {"SurplusWord", "run now", "tarv-host: .* now"},
         {"OptionWithoutValue", "run --fabric", "tarv-host: --fabric: .*"},
         {"LevelOutOfRange", "run --debug-level 6", "tarv-host: --debug-level: Value 6 .*"},
@@ -80,9 +81,10 @@ INSTANTIATE_TEST_SUITE_P(
         {"NoSuchFabric", "run --fabric /no/file", "/no/file: .*"},
         {"BadFabric", "run --fabric HOSTS", ".*BadFabric.hosts:1: .*"},
         {"NoSuchHostList", "run --hosts /no/file", "/no/file: .*"},
-        {"ListOfAnotherFabric", "run --hosts HOSTS", ".*hosts:1: .*alpha.*"},
-        {"EmptyHostList", "run --hosts /dev/null", "tarv-host: --hosts: /dev/null names no host"},
-        {"NobodyCalledSo", "run --fabric FABRIC --as zeta", "tarv-host: --as: .*\"zeta\""},
+        {"ListOfAnotherFabric", "run --strict-hosts --hosts HOSTS", ".*hosts:1: .*alpha.*"},
+        {"EmptyHostList", "run --hosts /dev/null", "tarv-host: --hosts: /dev/null names no host .*"},
+        {"NobodyCalledSo", "run --fabric FABRIC --as zeta",
+         "tarv-host: --as: .*\"zeta\"; did you mean \"beta\"."},
         {"UnknownParameter", "run --param x=1", "tarv-host: --param: .*\"x=1\".*"},
         {"ParameterWithoutValue", "run --param arp_cache_timeout_sec", "tarv-host: --param: .*"},
         {"CaptureNowhere", "run --capture /no/dir/file", "tarv-host: --capture: /no/dir/file: .*"},
@@ -112,6 +114,16 @@ TEST(Run, NamesWhomItCouldNotResolveInTime) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, AllOf(HasSubstr("Not resolved:\n  10.0.0.4  delta  the time was up\n"),
                                   HasSubstr("1 not resolved"), HasSubstr("nothing remains")));
+}
+
+TEST(Run, TellsWhatItCouldNotWrite) {
+    const Result full = shell(TARV_HOST " run --resolve-all -q >/dev/full");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.err, "tarv-host: standard output: No space left on device\n");
+    EXPECT_EQ(shell(TARV_HOST " --help >/dev/full").status, 1);
+    const Result half = tarv_host("run --resolve-all -q --capture /dev/full");
+    EXPECT_EQ(half.status, 1);
+    EXPECT_THAT(half.out, HasSubstr("\nThe capture is not whole: "));
 }
 
 TEST(Run, UnloadsInOrderWhenToldToStop) {

@@ -104,7 +104,7 @@ TEST_P(BadLines, AreToldWithTheirNumberAndTheSessionGoesOn) {
 INSTANTIATE_TEST_SUITE_P(
     Console, BadLines,
     testing::ValuesIn(std::vector<BadLine>{
-        {"Unknown", "Show 10.0.0.2", "there is no command \"Show\"; help lists them"},
+        {"Unknown", "Show 10.0.0.2", "there is no command \"Show\"; did you mean \"show\"?"},
         {"File", "cat kmsg", "there is no file \"kmsg\" (usage: cat control|version)"},
         {"NoFile", "cat", "control or version is missing (usage: cat control|version)"},
         {"SurplusWord", "quit now", "\"now\" is one word too many (usage: quit)"},

@@ -221,7 +221,8 @@ unloads_and_unmounts() {
 unmounts_when_killed() {
     local status signal
     ulimit -c 0
-    for signal in HUP ABRT; do
+    for signal in HUP ILL TRAP ABRT BUS FPE USR1 SEGV USR2 ALRM STKFLT XCPU XFSZ VTALRM PROF IO \
+        PWR SYS RTMIN RTMAX; do
         start
         stop "$signal"
         equal "$status" "$((128 + $(kill -l "$signal")))"
@@ -235,6 +236,42 @@ unmounts_when_killed() {
     fusermount3 -u "$directory" || fail "fusermount3"
 }
 unmounted() { ! mounted; }
+
+a_detached_host_is_there_when_it_says_so() {
+    local out
+    out=$("$program" run --mount "$directory" --detach --log "$work/log")
+    equal "$? $(sed 's/process [1-9][0-9]*/process N/' <<<"$out")" \
+        "0 Mounted on $directory as process N, with its lines in $work/log;
+end it with fusermount3 -u $directory."
+    equal "$(cut -d' ' -f1,2 "$version")" "tarv 1.21"
+    fusermount3 -u "$directory" || fail "fusermount3"
+    within contains "$work/log" "Unloaded; nothing remains"
+    out=$("$program" run --mount "$work/none" --detach --log "$work/log" 2>&1)
+    equal "$?/$out" "2/tarv-host: --mount: $work/none: No such file or directory"
+}
+
+a_reader_who_sleeps_or_goes_stops_nothing() {
+    local i
+    mkfifo "$work/fifo"
+    "$program" run --mount "$directory" --debug-level 5 >"$work/fifo" 2>"$work/errors" &
+    host=$!
+    exec 4<"$work/fifo"
+    within ready
+    for i in {1..300}; do
+        echo dump >"$control"
+    done
+    [ "$(wc -c <"$kmsg")" -gt 100000 ] || fail "a pipe would not have been full"
+    kill -INT "$host"
+    within unmounted
+    equal "$(tail -n 1 <&4)" "no timer armed, no datagram out, no name registered."
+    exec 4<&-
+    wait "$host"
+    equal "$?" 0
+    host=
+    "$program" run --mount "$directory" 2>"$work/errors" | true
+    equal "${PIPESTATUS[0]}/$(cat "$work/errors")" "1/tarv-host: standard output: Broken pipe"
+    ! mounted || fail "still mounted"
+}
 
 skip_where_nothing_can_be_mounted
 refusals_start_nothing
@@ -251,5 +288,7 @@ unloads_and_unmounts INT
 start
 unloads_and_unmounts TERM
 unmounts_when_killed
+a_detached_host_is_there_when_it_says_so
+a_reader_who_sleeps_or_goes_stops_nothing
 [ "$failures" = 0 ] || { echo "$failures failed"; exit 1; }
 echo "all passed in $SECONDS seconds"

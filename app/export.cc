@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+#include "app/export.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "app/report.h"
+#include "app/table.h"
+
+namespace app {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int json_version = 1;
+
+/* A path of a record, with the number of the port of ours at which it begins; 0: none. */
+struct Path {
+    const char* kind;
+    int port;
+    const ib_path_record_v2_t* record;
+};
+
+std::vector<Path> paths_of(const Peer& peer, const std::vector<fabric::EndPort>& ports) {
+    constexpr struct {
+        const char* kind;
+        unsigned mask;
+    } kinds[] = {{"primary", TARV_MASK_PRIMARY_PATH}, {"secondary", TARV_MASK_SECONDARY_PATH}};
+    std::vector<Path> paths;
+    for (std::size_t i = 0; i < std::size(kinds); ++i) {
+        if (!peer.resolved || (peer.record.mask & kinds[i].mask) == 0)
+            continue;
+        const ib_path_record_v2_t& record = peer.record.paths[i];
+        const auto at = std::ranges::find(ports, fabric::wire(record.sgid), &fabric::EndPort::gid);
+        paths.push_back({kinds[i].kind, at == ports.end() ? 0 : at->at.port, &record});
+    }
+    return paths;
+}
+
+const char* state_of(const Peer& peer) {
+    return peer.resolved ? "resolved" : peer.asked ? "unresolved" : "not asked";
+}
+
+Json to_json(const Path& path) {
+    const ib_path_record_v2_t& record = *path.record;
+    return {{"kind", path.kind},
+            {"port", path.port},
+            {"slid", record.slid},
+            {"dlid", record.dlid},
+            {"pkey", record.pkey},
+            {"sl", record.sl},
+            {"rate_gbps", fabric::rate_bandwidth(record.rate) / 10.0},
+            {"mtu", record.mtu >= 1 && record.mtu <= 5 ? 128 << record.mtu : 0}};
+}
+
+Json to_json(const fabric::Host& host, const Peer& peer,
+             const std::vector<fabric::EndPort>& ports) {
+    Json row = {{"address", fabric::format_ip(host.ip)},
+                {"host", host.machine()},
+                {"rail", host.rail},
+                {"state", state_of(peer)}};
+    if (!peer.resolved) {
+        row["reason"] = peer.why_not;
+        return row;
+    }
+    row["lid"] = peer.record.lid;
+    row["qpn"] = peer.record.qpn & 0xFFFFFF;
+    row["gid"] = format_gid(peer.record.gid);
+    row["paths"] = Json::array();
+    for (const Path& path : paths_of(peer, ports))
+        row["paths"].push_back(to_json(path));
+    Json& latency = row["latency_ns"] = Json::object();
+    for (const auto& [key, duration] : {std::pair("resolution", peer.learned),
+                                        {"arp", peer.arp},
+                                        {"sa", peer.sa},
+                                        {"cache", peer.cached}})
+        if (duration)
+            latency[key] = *duration;
+    return row;
+}
+
+Json to_json(Machine& machine) {
+    const fabric::Host& host = machine.fabric().our_host();
+    Json ports = Json::array();
+    for (const fabric::EndPort& port : our_ports(machine))
+        ports.push_back({{"port", port.at.port}, {"lid", port.lid}, {"up", port.up}});
+    return {{"address", fabric::format_ip(host.ip)},
+            {"host", host.machine()},
+            {"rail", host.rail},
+            {"ports", ports}};
+}
+
+Json to_json(const ResolveCounts& counts) {
+    return {{"requests_to_learn", counts.first_pass},
+            {"requests_to_the_cache", counts.second_pass},
+            {"cache_hits", counts.hits},
+            {"arp_requests", counts.traffic.arp_requests},
+            {"path_queries", counts.traffic.path_queries},
+            {"retries", counts.traffic.repeats},
+            {"timeouts", counts.timeouts},
+            {"elapsed_ms", counts.ticks}};
+}
+
+Json latencies_to_json(const std::vector<Peer>& peers) {
+    Json all = Json::object();
+    for (const Latencies& row : latencies_of(peers)) {
+        const Quantiles q = row.quantiles();
+        all[row.key] = {
+            {"count", q.count}, {"p50", q.p50}, {"p90", q.p90}, {"p99", q.p99}, {"max", q.most}};
+    }
+    return all;
+}
+
+std::string csv_cell(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == text.npos)
+        return text;
+    std::string quoted = "\"";
+    for (const char c : text)
+        quoted += c == '"' ? "\"\"" : std::string(1, c);
+    return quoted + "\"";
+}
+
+std::string csv_line(const std::vector<std::string>& cells) {
+    std::string line;
+    for (std::size_t i = 0; i < cells.size(); ++i)
+        line += (i ? "," : "") + csv_cell(cells[i]);
+    return line + "\n";
+}
+
+std::string nanoseconds(const std::optional<Duration>& duration) {
+    return duration ? std::to_string(*duration) : "";
+}
+
+}  // namespace
+
+std::string to_json(Machine& machine, const Resolver& resolver, const std::vector<Peer>& peers,
+                    const Departure& departure) {
+    Json rows = Json::array();
+    const std::vector<fabric::EndPort> ports = our_ports(machine);
+    for (const Peer& peer : peers)
+        rows.push_back(to_json(machine.fabric().hosts()[peer.host], peer, ports));
+    const Json result = {
+        {"version", json_version},
+        {"fabric", machine.fabric().topology().file},
+        {"host", to_json(machine)},
+        {"peers", rows},
+        {"unresolved", std::ranges::count(resolver.peers(), false, &Peer::resolved)},
+        {"counts", to_json(resolver.counts())},
+        {"latency_ns", latencies_to_json(resolver.peers())},
+        {"remains", departure.remains}};
+    // Names may be of any bytes.
+    return result.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string to_csv(Machine& machine, const std::vector<Peer>& peers) {
+    const std::vector<fabric::EndPort> ports = our_ports(machine);
+    std::vector<std::string> names = {"address", "host", "rail", "state",
+                                      "reason",  "lid",  "qpn",  "gid"};
+    for (const char* kind : {"primary", "secondary"})
+        for (const char* field : {"port", "slid", "dlid", "rate", "mtu"})
+            names.push_back(std::string(kind) + "_" + field);
+    names.insert(names.end(), {"resolution_ns", "arp_ns", "sa_ns", "cache_ns"});
+    std::string text = csv_line(names);
+    for (const Peer& peer : peers) {
+        const fabric::Host& host = machine.fabric().hosts()[peer.host];
+        std::vector<std::string> cells = {fabric::format_ip(host.ip), printable(host.machine()),
+                                          printable(host.rail), state_of(peer), peer.why_not};
+        cells.resize(8);
+        if (peer.resolved) {
+            cells[5] = std::to_string(peer.record.lid);
+            cells[6] = std::to_string(peer.record.qpn & 0xFFFFFF);
+            cells[7] = format_gid(peer.record.gid);
+        }
+        for (const Path& path : paths_of(peer, ports)) {
+            cells.resize(path.kind == std::string("primary") ? 8 : 13);
+            for (const unsigned number : {static_cast<unsigned>(path.port),
+                                          unsigned{path.record->slid}, unsigned{path.record->dlid}})
+                cells.push_back(std::to_string(number));
+            cells.push_back(format_rate(path.record->rate));
+            cells.push_back(format_mtu(path.record->mtu));
+        }
+        cells.resize(18);
+        for (const auto& duration : {peer.learned, peer.arp, peer.sa, peer.cached})
+            cells.push_back(nanoseconds(duration));
+        text += csv_line(cells);
+    }
+    return text;
+}
+
+}  // namespace app

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// Texts for people: what came from somewhere else made harmless, and tables that fit a terminal.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace app {
+
+/// The text with every control character, and every byte that is no UTF-8, as \xNN: what a file or
+/// a fabric calls something must not command a terminal.
+std::string printable(std::string_view text);
+
+/// How many columns a printable text takes.
+std::size_t display_width(const std::string& text);
+
+/// Columns of the terminal behind the descriptor; 0 where it is none, and there is room for all.
+std::size_t terminal_width(int descriptor);
+
+struct Column {
+    std::string title;
+    char side = 'l';  ///< 'l' or 'r', to which its cells stand
+    int rank = 0;  ///< where there is no room, the column of the highest rank is left out; one of
+                   ///< rank 0 stays
+};
+
+struct Table {
+    std::vector<Column> columns;
+    std::vector<std::vector<std::string>> rows;  ///< one may be shorter, its last cells are empty
+
+    /// Lines with two blanks between the columns, at most `width` wide where it is not 0 and can be
+    /// kept. Titles are printed where there are any.
+    std::string format(std::size_t width) const;
+    /// The titles of what that leaves out.
+    std::vector<std::string> left_out(std::size_t width) const;
+
+  private:
+    std::vector<std::size_t> widths() const;
+    std::vector<bool> shown(std::size_t width) const;
+};
+
+}  // namespace app
