@@ -91,6 +91,7 @@ class Arena {
     /// An event of the adapter comes to the module, on this thread.
     static void event(gx_async_record_t type, int port);
 
+    const app::Site site;
     app::Machine machine;
     host::Kernel& kernel = machine.kernel();
     fabric::Fabric& fabric = machine.fabric();

@@ -16,35 +16,19 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int client_threads = 3;
+constexpr int players = 9;
 constexpr unsigned unrest = 16;
 
-std::vector<std::thread> begin_parts(Storm& storm) {
-    std::vector<std::thread> threads;
-    const auto begin = [&](void (Storm::*part)()) { threads.emplace_back(part, &storm); };
-    for (int i = 0; i < client_threads; i++)
-        begin(&Storm::ask);
-    begin(&Storm::announce);
-    begin(&Storm::change_fabric);
-    begin(&Storm::administrate);
-    begin(&Storm::administrate);
-    begin(&Storm::read_files);
-    begin(&Storm::read_files);
-    begin(&Storm::change_trace_level);
-    begin(&Storm::reattach_driver);
-    return threads;
-}
-
 /* A halt in the middle of things leaves none for the unload to end in silence. */
-void reload(Storm& storm) {
+void reload(Storm& storm, Arena& arena) {
     if (chance().one_in(3))
         Arena::command("halt\n");
     storm.module.close();
-    storm.arena.unload();
+    arena.unload();
     storm.waiting = 0;
     // A file that is being made is not yet ready to be opened.
     storm.files.close();
-    storm.arena.load();
+    arena.load();
     storm.files.open();
     storm.weather.open();
     storm.module.open();
@@ -102,10 +86,12 @@ void storm(Arena& arena, double seconds) {
     const auto begin = Clock::now();
     const auto passed = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
     std::thread receiver(&Storm::receive, &storm);
-    std::vector<std::thread> threads = begin_parts(storm);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < players; i++)
+        threads.emplace_back(&Storm::play, &storm);
     while (passed() < seconds) {
         arena.kernel.advance(20 + chance().below(200));
-        reload(storm);
+        reload(storm, arena);
         progress("storm, " + std::to_string(static_cast<int>(passed())) + " s, " +
                  std::to_string(counted.resolutions.value()) + " resolutions, " +
                  std::to_string(counted.reloads.value()) + " reloads");

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// Everything at once: clients, peers, the driver, the fabric, administrators and readers, each on
-// threads of their own, while the module is unloaded and loaded again and again.
+// Everything at once: the simulation's scripts by chance, on many threads that play them line by
+// line, while the module is unloaded and loaded again and again.
 //
-// Who does what is in storm_parts.cc, a function a part. The rules by which they play are those of
-// a kernel: nobody is inside the module's functions when it goes, and the driver is detached then.
-// All others (timers, answers of the SA, events, readers and writers of files, the host's log
-// level) go on.
+// The chooser says what happens; how a line is played where nobody waits for anybody is said in
+// storm_lines.cc, a function a verb. Records are made as the identities want them, so that a torn one
+// is known. The rules are those of a kernel: nobody is inside the module's functions when it goes, and
+// the driver is detached then. All else (timers, answers of the SA, events, readers and writers of
+// files, the host's log level) goes on.
 #pragma once
 
 #include <atomic>
@@ -14,7 +15,10 @@
 #include <deque>
 #include <mutex>
 #include <random>
+#include <string>
+#include <vector>
 
+#include "app/script_line.h"
 #include "tests/races/arena.h"
 
 namespace stress {
@@ -30,33 +34,41 @@ class Chance {
 };
 Chance& chance();
 
-struct Storm {
-    explicit Storm(Arena& on) : arena(on) {}
+class Storm {
+  public:
+    explicit Storm(Arena& arena);
 
-    Arena& arena;
     std::atomic<bool> over = false;
     Entrance module;   ///< for who calls the module's functions
     Entrance files;    ///< for who opens its files; closed only while it is loaded
     Entrance weather;  ///< for who changes the fabric
 
-    std::atomic<unsigned> generation = 1;  ///< of the peers, and number of commands
-    std::atomic<long> waiting = 0;         ///< requests without an answer, about
+    std::atomic<long> waiting = 0;  ///< requests without an answer, about
+
+    /// Plays one script after the other until it is over.
+    void play();
+    /// Hands packets over until nothing comes any more.
+    void receive();
+    void end_receiving();
 
     /// What the driver does with an ARP request.
     tarv_stat_t send(const tarv_arp_data_t& request);
 
-    // The parts. Each runs on its own thread until it is over; receive() until end_receiving().
-    void ask();
-    void announce();
-    void receive();
-    void change_fabric();
-    void administrate();
-    void read_files();
-    void change_trace_level();
-    void reattach_driver();
-
-    /// No packet will be handed to the receiving thread any more.
-    void end_receiving();
+    // The verbs.
+    void resolve(app::ScriptLine& line);
+    void look_up(app::ScriptLine& line);
+    void hear_packet(app::ScriptLine& line);
+    void hear_peer(app::ScriptLine& line);
+    void command(app::ScriptLine& line);
+    void read_file(app::ScriptLine& line);
+    void read_part(app::ScriptLine& line);
+    void raise_event(app::ScriptLine& line);
+    void change_pkeys(app::ScriptLine& line);
+    void disturb(app::ScriptLine& line);
+    void calm(app::ScriptLine& line);
+    void change_level(app::ScriptLine& line);
+    void reattach(app::ScriptLine& line);
+    void rest(app::ScriptLine& line);
 
   private:
     /// A packet on its way to the receiving thread; `arrived` is set when it is through.
@@ -64,13 +76,20 @@ struct Storm {
         unsigned peer;
         std::atomic<bool>* arrived;
     };
-    void ask_once();
+    void play_line(const std::string& text);
+    std::string in_our_words(const std::string& command);
     void be_told();
     void hear(unsigned peer, tarv_arp_op_t operation);
     void hand_over(unsigned peer, std::atomic<bool>* arrived);
     template <class Work>
     void go_through(Entrance& entrance, Work work);
 
+    Arena& arena_;
+    const std::vector<std::string> addresses_;  ///< our own first
+    const std::uint16_t lids_[2];               ///< of our ports at first
+    const fabric::SubnetManager manager_;       ///< at first
+    std::atomic<unsigned> generation_ = 1;      ///< of the peers, and number of commands
+    std::mutex attachment_;
     const OnReply on_reply_ = [this](Request&, tarv_stat_t) { be_told(); };
     std::mutex queue_mutex_;
     std::condition_variable queue_changed_;

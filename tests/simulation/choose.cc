@@ -409,6 +409,13 @@ Chooser::Chooser(std::uint64_t seed, std::uint64_t number)
     }
 }
 
+Chooser::Chooser(std::uint64_t seed, std::uint64_t number, std::vector<std::string> hosts)
+    : Chooser(seed, number) {
+    addresses_.erase(addresses_.begin(), addresses_.begin() + hosts_);
+    addresses_.insert(addresses_.begin(), hosts.begin(), hosts.end());
+    hosts_ = static_cast<std::uint32_t>(hosts.size());
+}
+
 std::vector<std::string> Chooser::first_lines() {
     std::vector<std::string> lines = {"hosts " + std::to_string(hosts_),
                                       "jiffies " + std::to_string(first_jiffy_)};

@@ -20,6 +20,8 @@ class Chooser {
   public:
     /// The `number`-th world of a seed.
     Chooser(std::uint64_t seed, std::uint64_t number);
+    /// The same of hosts that are there, our own first. It has no first and last lines.
+    Chooser(std::uint64_t seed, std::uint64_t number, std::vector<std::string> hosts);
 
     /// What the world begins with: its hosts and its time, a line each; then what makes the rest
     /// worth while.
