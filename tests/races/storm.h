@@ -4,10 +4,10 @@
 // line, while the module is unloaded and loaded again and again.
 //
 // The chooser says what happens; how a line is played where nobody waits for anybody is said in
-// storm_lines.cc, a function a verb. Records are made as the identities want them, so that a torn one
-// is known. The rules are those of a kernel: nobody is inside the module's functions when it goes, and
-// the driver is detached then. All else (timers, answers of the SA, events, readers and writers of
-// files, the host's log level) goes on.
+// storm_lines.cc, a function a verb. Records are made as the identities want them, so that a torn
+// one is known. The rules are those of a kernel: nobody is inside the module's functions when it
+// goes, and the driver is detached then. All else (timers, answers of the SA, events, readers and
+// writers of files, the host's log level) goes on.
 #pragma once
 
 #include <atomic>

@@ -3,7 +3,8 @@
 // How a storm plays the lines of a script.
 //
 // What a line says of addresses, kinds and times holds; where it names a value that the records
-// would show (a GID, a LID, the words of a static entry), one that the identities know stands for it.
+// would show (a GID, a LID, the words of a static entry), one that the identities know stands for
+// it.
 #include <algorithm>
 #include <thread>
 
