@@ -2,6 +2,7 @@
 //
 // The verb "run": the host in real time, with what it has to say on standard output. Resolves all
 // peers and unloads, or stays up until it is told to stop.
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -155,6 +156,7 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
         say("Host list  " + std::to_string(skipped_lines) + " lines skipped, about none of them\n");
     if (detachment)
         detachment->ready(format_ready(options, detachment));
+    sd_notify(0, "READY=1");  // says nothing where nobody has asked for it
     std::optional<Resolver> resolver;
     if (options.resolve_all) {
         ResolveOptions how;
