@@ -102,7 +102,8 @@ Quantiles Latencies::quantiles() const {
     std::vector<Duration> ordered = durations;
     std::ranges::sort(ordered);
     const auto at = [&](double share) {
-        const auto rank = static_cast<std::size_t>(std::ceil(share * ordered.size()));
+        const auto rank =
+            static_cast<std::size_t>(std::ceil(share * static_cast<double>(ordered.size())));
         return ordered[std::max<std::size_t>(rank, 1) - 1];
     };
     if (ordered.empty())

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 #include "app/table.h"
 
+#include <locale.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <wchar.h>
 
 #include <algorithm>
-#include <clocale>
 #include <cstdio>
 #include <optional>
 
@@ -80,7 +80,9 @@ std::string printable(std::string_view text) {
 }
 
 std::size_t display_width(const std::string& text) {
-    static const bool utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+    // Of this thread alone, and for the time of the call: how wide characters are.
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const locale_t before = utf8 ? uselocale(utf8) : nullptr;
     std::size_t width = 0;
     for (std::string_view rest = text; !rest.empty();) {
         const auto character = first_character(rest);
@@ -88,6 +90,8 @@ std::size_t display_width(const std::string& text) {
         width += static_cast<std::size_t>(std::max(columns, 0));
         rest.remove_prefix(character ? character->bytes : 1);
     }
+    if (before)
+        uselocale(before);
     return width;
 }
 

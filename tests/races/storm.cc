@@ -87,6 +87,7 @@ void storm(Arena& arena, double seconds) {
     const auto passed = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
     std::thread receiver(&Storm::receive, &storm);
     std::vector<std::thread> threads;
+    threads.reserve(players);
     for (int i = 0; i < players; i++)
         threads.emplace_back(&Storm::play, &storm);
     while (passed() < seconds) {
