@@ -78,12 +78,17 @@ void CommandLine::word(const std::string& name, std::string& value, const std::s
     parts_.verb.add_option(name, value, help)->required();
 }
 
+void CommandLine::words(const std::string& name, std::vector<std::string>& values,
+                        const std::string& help) {
+    parts_.verb.add_option(name, values, help)->type_name("");
+}
+
 void CommandLine::footer(const std::string& text) {
     parts_.verb.footer(text);
 }
 
 int perform_command_line(int argc, char** argv, std::span<const Verb> verbs) {
-    CLI::App program("A host with the address-resolution module on a simulated InfiniBand fabric.",
+    CLI::App program("A host with the address-resolution module on a simulated or a real InfiniBand fabric.",
                      "tarv-host");
     program.get_formatter()->column_width(help_column);
     program.require_subcommand(0, 1);

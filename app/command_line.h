@@ -42,6 +42,9 @@ class CommandLine {
     /// A word without an option in front of it, which has to be there.
     void word(const std::string& name, std::string& value, const std::string& help);
 
+    /// Any number of words.
+    void words(const std::string& name, std::vector<std::string>& values, const std::string& help);
+
     /// What stands below the list of options.
     void footer(const std::string& text);
 

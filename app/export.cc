@@ -64,7 +64,7 @@ Json to_json(const fabric::Host& host, const Peer& peer,
         row["reason"] = peer.why_not;
         return row;
     }
-    row["lid"] = peer.record.lid;
+    row["lid"] = lid_of(peer.record);
     row["qpn"] = peer.record.qpn & 0xFFFFFF;
     row["gid"] = format_gid(peer.record.gid);
     row["paths"] = Json::array();
@@ -81,7 +81,7 @@ Json to_json(const fabric::Host& host, const Peer& peer,
 }
 
 Json to_json(Machine& machine) {
-    const fabric::Host& host = machine.fabric().our_host();
+    const fabric::Host& host = machine.site().our_host();
     Json ports = Json::array();
     for (const fabric::EndPort& port : our_ports(machine))
         ports.push_back({{"port", port.at.port}, {"lid", port.lid}, {"up", port.up}});
@@ -139,10 +139,10 @@ std::string to_json(Machine& machine, const Resolver& resolver, const std::vecto
     Json rows = Json::array();
     const std::vector<fabric::EndPort> ports = our_ports(machine);
     for (const Peer& peer : peers)
-        rows.push_back(to_json(machine.fabric().hosts()[peer.host], peer, ports));
+        rows.push_back(to_json(machine.site().hosts[peer.host], peer, ports));
     const Json result = {
         {"version", json_version},
-        {"fabric", machine.fabric().topology().file},
+        {"fabric", machine.site().topology.file},
         {"host", to_json(machine)},
         {"peers", rows},
         {"unresolved", std::ranges::count(resolver.peers(), false, &Peer::resolved)},
@@ -163,12 +163,12 @@ std::string to_csv(Machine& machine, const std::vector<Peer>& peers) {
     names.insert(names.end(), {"resolution_ns", "arp_ns", "sa_ns", "cache_ns"});
     std::string text = csv_line(names);
     for (const Peer& peer : peers) {
-        const fabric::Host& host = machine.fabric().hosts()[peer.host];
+        const fabric::Host& host = machine.site().hosts[peer.host];
         std::vector<std::string> cells = {fabric::format_ip(host.ip), printable(host.machine()),
                                           printable(host.rail), state_of(peer), peer.why_not};
         cells.resize(8);
         if (peer.resolved) {
-            cells[5] = std::to_string(peer.record.lid);
+            cells[5] = std::to_string(lid_of(peer.record));
             cells[6] = std::to_string(peer.record.qpn & 0xFFFFFF);
             cells[7] = format_gid(peer.record.gid);
         }

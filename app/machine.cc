@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 #include "app/machine.h"
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -17,9 +19,8 @@ constexpr const char* level_key = "quorvane/modules/tarv/";
 
 Machine::Machine(Site site, const HostOptions& options, const host::Options& kernel,
                  host::ConsoleSink console, const fabric::FabricOptions& fabric)
-    : options_(options),
-      kernel_(kernel),
-      fabric_(std::move(site.topology), std::move(site.hosts), site.us, fabric) {
+    : options_(options), site_(std::move(site)), kernel_(kernel) {
+    make_surroundings(fabric);
     host::set_console(std::move(console));
     host::set_logger_level(options_.logger_level);
     host::set_repository_value(level_key, "debug-level",
@@ -27,10 +28,43 @@ Machine::Machine(Site site, const HostOptions& options, const host::Options& ker
     if (options_.capture.empty())
         return;
     try {
-        fabric_.capture_to(options_.capture);
+        tap().capture_to(options_.capture);
     } catch (const std::system_error& failed) {
         throw UsageError("--capture: " + options_.capture + ": " + failed.code().message());
     }
+}
+
+void Machine::make_surroundings(fabric::FabricOptions options) {
+    options.translations.set_component_bit_20 &= !options_.keep_component_mask;
+    options.translations.path_record_answers_as_multi_path &= !options_.keep_answer_attribute;
+    if (site_.interface) {
+        real_.emplace(site_.device->device(), *site_.interface, options.translations);
+        return;
+    }
+    if (site_.device)
+        options.uplink = &site_.device->device();
+    std::vector<fabric::Host> placed;
+    std::ranges::copy_if(site_.hosts, std::back_inserter(placed),
+                         [](const fabric::Host& host) { return host.node >= 0; });
+    fabric_.emplace(site_.topology, std::move(placed), site_.us, options);
+}
+
+fabric::Fabric& Machine::fabric() {
+    if (!fabric_)
+        throw std::runtime_error("there is no simulated fabric: this host is on a real one");
+    return *fabric_;
+}
+
+fabric::Adapter& Machine::adapter() {
+    return real_ ? real_->adapter() : fabric_->adapter();
+}
+
+fabric::Driver& Machine::driver() {
+    return real_ ? static_cast<fabric::Driver&>(real_->ipoib()) : fabric_->ipoib();
+}
+
+fabric::Tap& Machine::tap() {
+    return real_ ? real_->tap() : fabric_->tap();
 }
 
 Machine::~Machine() {
@@ -46,8 +80,8 @@ int Machine::load(const std::vector<std::string>& parameters) try {
 }
 
 Departure Machine::unload() {
-    if (fabric_.ipoib().attached())
-        fabric_.ipoib().detach();
+    if (driver().attached())
+        driver().detach();
     host::unload_module(tarv_module);
     loaded_ = false;
     return {kernel_.remains(), host::memory_use()};
@@ -75,7 +109,7 @@ void Machine::command(const std::string& line) {
 const Departure& Machine::stop() {
     if (loaded_) {
         departure_ = unload();
-        departure_.capture_whole = fabric_.stop_capture();
+        departure_.capture_whole = tap().stop_capture();
     }
     return departure_;
 }

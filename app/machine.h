@@ -8,10 +8,15 @@
 // number of times. start() and stop() are the same for who wants a running host and nothing else.
 // In between the kernel's clock runs: by itself in real time, by Kernel::advance() in virtual time.
 // One Machine exists at a time.
+//
+// Where the site has an adapter, our ports and the SA are those of its fabric, and where it has an
+// IPoIB interface too, everything is real and there is no simulated fabric.
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/options.h"
@@ -19,6 +24,7 @@
 #include "host/console.h"
 #include "host/kernel.h"
 #include "host/services.h"
+#include "rdma/host.h"
 #include "tarv/tarv.h"
 
 namespace app {
@@ -48,7 +54,7 @@ class Machine {
     int load(const std::vector<std::string>& parameters = {});
     bool loaded() const { return loaded_; }
     /// The fabric's IPoIB driver comes to the loaded module.
-    tarv_stat_t attach() { return fabric_.ipoib().attach(); }
+    tarv_stat_t attach() { return driver().attach(); }
     /// Detaches the driver, if it is attached, and unloads the module. The fabric and the kernel
     /// stay.
     Departure unload();
@@ -69,7 +75,14 @@ class Machine {
     const Departure& stop();
 
     host::Kernel& kernel() { return kernel_; }
-    fabric::Fabric& fabric() { return fabric_; }
+    /// Throws std::runtime_error where there is no simulated one.
+    fabric::Fabric& fabric();
+    bool has_fabric() const { return fabric_.has_value(); }
+
+    const Site& site() const { return site_; }
+    fabric::Adapter& adapter();
+    /// See fabric::Tap.
+    void on_packet(fabric::Tap::Hook hook) { tap().on_packet(std::move(hook)); }
 
     /// A function that the module offers to other modules, as inter_module_get() finds it. Throws
     /// std::runtime_error when it does not.
@@ -79,11 +92,17 @@ class Machine {
     }
 
   private:
+    void make_surroundings(fabric::FabricOptions options);
     static const void* find(const std::string& name);
 
+    fabric::Driver& driver();
+    fabric::Tap& tap();
+
     const HostOptions options_;
+    const Site site_;
     host::Kernel kernel_;
-    fabric::Fabric fabric_;
+    std::optional<fabric::Fabric> fabric_;  ///< this, or
+    std::optional<rdma::Host> real_;        ///< that
     bool loaded_ = false;
     Departure departure_;
 };

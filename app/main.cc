@@ -19,6 +19,8 @@ namespace {
 constexpr app::Verb verbs[] = {
     {"run", "Run the host: resolve every other host and unload, or until told to stop",
      app::declare_run},
+    {"resolve", "Resolve some addresses once, print records and paths, and end",
+     app::declare_resolve},
     {"console", "Run the host with a prompt at which it is commanded and looked into",
      app::declare_console},
     {"script", "Play a situation tick by tick in virtual time, from a file of one verb a line",

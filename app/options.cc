@@ -6,6 +6,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "app/adapter_site.h"
 #include "app/builtin_site.h"
 #include "app/suggest.h"
 #include "platform/jiffies.h"
@@ -68,6 +69,18 @@ void add_host_options(CommandLine& line, HostOptions& options) {
     line.number("--logger-level", options.logger_level, 0, 5,
                 "The host's trace level, 0 to 5 (otherwise 5):\n"
                 "no module prints a line of a higher level");
+    line.text("--adapter", options.adapter, "NAME[:PORT] | ibsim:NODE[,NODE]",
+              "Be this host on its real fabric, through that adapter of its own or one\n"
+              "port of it; or a node on a running ibsim, whose one-port nodes may be joined.\n"
+              "With --fabric, a picture of that fabric, the peers' ARP is simulated");
+    line.text("--interface", options.interface, "NAME",
+              "IPoIB interface for ARP (otherwise the adapter's first)");
+    line.flag("--keep-component-mask", options.keep_component_mask,
+              "Send the module's component mask as it is. Otherwise bit 20 is set in it,\n"
+              "without which today's SAs refuse a MultiPathRecord query");
+    line.flag("--keep-answer-attribute", options.keep_answer_attribute,
+              "Hand answers in under the attribute that they carry. Otherwise a PathRecord\n"
+              "answer, as today's SAs send it, is one to a MultiPathRecord query");
     line.text("--capture", options.capture, "FILE",
               "Save the packets that cross our ports, for a packet analyser");
 }
@@ -76,10 +89,17 @@ unsigned long ticks_of(double seconds) {
     return seconds > 0 ? static_cast<unsigned long>(std::llround(seconds * HZ)) : ~0ul;
 }
 
-Site read_site(const HostOptions& options) {
+Site read_picture(const HostOptions& options) {
     Site site;
     site.topology = read_fabric(options.fabric);
     read_host_list(options, site);
+    return site;
+}
+
+Site read_site(const HostOptions& options) {
+    if (!options.adapter.empty())
+        return read_adapter_site(options);
+    Site site = read_picture(options);
     const auto us = fabric::choose_host(site.topology, site.hosts, options.as);
     if (!us) {
         std::vector<std::string> names;

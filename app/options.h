@@ -4,11 +4,15 @@
 // the module is loaded. Reading them starts nothing.
 #pragma once
 
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "app/command_line.h"
 #include "fabric/topology.h"
+#include "rdma/interface.h"
+#include "rdma/open.h"
 
 namespace app {
 
@@ -21,9 +25,13 @@ struct HostOptions {
     int debug_level = 1;                  ///< the module's own trace level
     int logger_level = 5;                 ///< the host-wide trace level
     std::string capture;                  ///< file for the packets; empty: none
+    std::string adapter;                  ///< of a real fabric, see rdma/open.h; empty: simulated
+    std::string interface;                ///< IPoIB interface on it; empty: the adapter's first
+    bool keep_component_mask = false;     ///< no fabric::GsiTranslations::set_component_bit_20
+    bool keep_answer_attribute = false;   ///< none of the answers' attribute
 };
 
-/// Adds those that choose the fabric and the host; `options` receives the values.
+/// Adds those that choose a simulated fabric and the host; `options` receives the values.
 void add_site_options(CommandLine& line, HostOptions& options);
 /// Adds all.
 void add_host_options(CommandLine& line, HostOptions& options);
@@ -35,14 +43,22 @@ unsigned long ticks_of(double seconds);
 struct Site {
     fabric::Topology topology;
     std::vector<fabric::Host> hosts;
-    std::size_t us = 0;             ///< index into hosts
-    std::size_t skipped_lines = 0;  ///< of the host list, which are about none of them
+    std::size_t us = 0;                             ///< index into hosts
+    std::size_t skipped_lines = 0;                  ///< of the host list, about none of them
+    std::shared_ptr<rdma::Opened> device = {};      ///< our adapter; null: simulated
+    std::optional<rdma::Interface> interface = {};  ///< set: peers are real too, and hosts but us
+                                                    ///< have no node
 
     const fabric::Host& our_host() const { return hosts[us]; }
 };
 
-/// Reads what the options name. Throws fabric::InputError for what stands in files, UsageError for
-/// what stands on the command line.
+/// Reads the topology that the options name, and its hosts; which of them we are is left open.
+/// Throws as read_site() for files and the command line.
+Site read_picture(const HostOptions& options);
+
+/// Reads what the options name, and opens the adapter that they name. Throws fabric::InputError for
+/// what stands in files, UsageError for what stands on the command line, rdma::DeviceError for an
+/// adapter that cannot be used.
 Site read_site(const HostOptions& options);
 
 }  // namespace app

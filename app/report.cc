@@ -69,7 +69,7 @@ Row peer_row(const fabric::Host& host, const Peer& peer,
     Row row = {fabric::format_ip(host.ip),
                printable(host.machine()),
                printable(host.rail),
-               std::to_string(record.lid),
+               std::to_string(lid_of(record)),
                text("0x%06x", record.qpn & 0xFFFFFF),
                format_gid(record.gid)};
     for (const fabric::EndPort& port : ports)
@@ -119,15 +119,15 @@ std::size_t unresolved(const std::vector<Peer>& peers) {
 
 std::vector<fabric::EndPort> our_ports(Machine& machine) {
     std::vector<fabric::EndPort> ports;
-    for (int number = 1; number <= machine.fabric().adapter().ports(); ++number)
-        if (const fabric::EndPort port = machine.fabric().adapter().port(number); port.linked)
+    for (int number = 1; number <= machine.adapter().ports(); ++number)
+        if (const fabric::EndPort port = machine.adapter().port(number); port.linked)
             ports.push_back(port);
     return ports;
 }
 
 std::vector<Peer> choose_peers(Machine& machine, std::vector<Peer> peers, const std::string& only,
                                const std::string& sort) {
-    const auto& hosts = machine.fabric().hosts();
+    const auto& hosts = machine.site().hosts;
     if (!only.empty())
         std::erase_if(peers,
                       [&](const Peer& peer) { return peer.resolved != (only == "resolved"); });
@@ -137,10 +137,14 @@ std::vector<Peer> choose_peers(Machine& machine, std::vector<Peer> peers, const 
     else if (sort == "host")
         by([&](const Peer& peer) { return hosts[peer.host].name; });
     else if (sort == "lid")
-        by([](const Peer& peer) { return peer.record.lid; });
+        by([](const Peer& peer) { return lid_of(peer.record); });
     else if (sort == "latency")
         by([](const Peer& peer) { return ~peer.learned.value_or(~Duration{0}); });
     return peers;
+}
+
+unsigned lid_of(const tarv_arp_data_t& record) {
+    return record.mask & TARV_MASK_PRIMARY_PATH ? record.paths[0].dlid : record.lid;
 }
 
 std::string format_gid(const gx_gid_t& gid) {
@@ -173,17 +177,26 @@ std::string format_seconds(unsigned long ticks) {
     return text("%lu.%03lu s", ticks / 1000, ticks % 1000);
 }
 
+/* What our host is on. */
+std::string format_surroundings(const Site& site) {
+    const std::string adapter =
+        site.device ? "Adapter    " + printable(site.device->device().name()) : "";
+    if (site.interface)
+        return adapter + ", interface " + printable(site.interface->name);
+    std::set<std::string> machines;
+    for (const fabric::Host& host : site.hosts)
+        if (host.node >= 0)
+            machines.insert(host.machine());
+    const auto switches = static_cast<std::size_t>(std::ranges::count(
+        site.topology.nodes, fabric::NodeKind::switch_node, &fabric::Node::kind));
+    return (adapter.empty() ? "" : adapter + "\n") + "Fabric     " + printable(site.topology.file) +
+           ": " + count(machines.size(), "host") + ", " + std::to_string(switches) +
+           (switches == 1 ? " switch" : " switches");
+}
+
 std::string format_machine(Machine& machine) {
-    const fabric::Topology& topology = machine.fabric().topology();
-    const fabric::Host& host = machine.fabric().our_host();
-    std::set<std::string> hosts;
-    for (const fabric::Host& other : machine.fabric().hosts())
-        hosts.insert(other.machine());
-    const auto switches = static_cast<std::size_t>(
-        std::ranges::count(topology.nodes, fabric::NodeKind::switch_node, &fabric::Node::kind));
-    std::string result = "Fabric     " + printable(topology.file) + ": " +
-                         count(hosts.size(), "host") + ", " + std::to_string(switches) +
-                         (switches == 1 ? " switch" : " switches");
+    const fabric::Host& host = machine.site().our_host();
+    std::string result = format_surroundings(machine.site());
     result += "\nThis host  " + printable(host.name) + ", " + fabric::format_ip(host.ip);
     for (const fabric::EndPort& port : our_ports(machine))
         result +=
@@ -206,7 +219,7 @@ std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::
     const std::vector<fabric::EndPort> ports = our_ports(machine);
     Table table = peer_table(ports);
     for (const Peer* peer : shown)
-        table.rows.push_back(peer_row(machine.fabric().hosts()[peer->host], *peer, ports));
+        table.rows.push_back(peer_row(machine.site().hosts[peer->host], *peer, ports));
     constexpr std::size_t rail_column = 2;
     if (std::ranges::all_of(table.rows, [](const Row& row) { return row[rail_column].empty(); }))
         drop_column(table, rail_column);
@@ -219,13 +232,37 @@ std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::
     return lines.insert(place, "... and " + std::to_string(all - shown.size()) + " more ...\n");
 }
 
+std::string format_records(Machine& machine, const std::vector<Peer>& peers) {
+    std::string result;
+    for (const Peer& peer : peers) {
+        if (!peer.resolved)
+            continue;
+        const fabric::Host& host = machine.site().hosts[peer.host];
+        const tarv_arp_data_t& record = peer.record;
+        result += fabric::format_ip(host.ip) + "  " + printable(host.name) + "\n";
+        result += text("  GID %s, QPN 0x%06x, flags 0x%02x, LID %u, through port %u\n",
+                       format_gid(record.gid).c_str(), record.qpn & 0xFFFFFF,
+                       unsigned{record.cap_flg}, lid_of(record), record.local_port_num);
+        const char* which = "primary  ";
+        for (const ib_path_record_v2_t* path : paths_of(record)) {
+            result +=
+                text("  %s path  LID %u -> %u, %s, MTU %s, SL %u, P_Key 0x%04x, from %s\n", which,
+                     unsigned{path->slid}, unsigned{path->dlid}, format_rate(path->rate).c_str(),
+                     format_mtu(path->mtu).c_str(), unsigned{path->sl}, unsigned{path->pkey},
+                     format_gid(path->sgid).c_str());
+            which = "secondary";
+        }
+    }
+    return result;
+}
+
 std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers, std::size_t width) {
     Table table{{{""}, {""}, {""}, {"reason", 'l', 1}}, {}};
     std::map<std::string, std::size_t> reasons;
     std::size_t not_asked = 0;
     std::string why_not;
     for (const Peer& peer : peers) {
-        const fabric::Host& host = machine.fabric().hosts()[peer.host];
+        const fabric::Host& host = machine.site().hosts[peer.host];
         if (!peer.asked) {
             ++not_asked;
             why_not = peer.why_not;

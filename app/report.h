@@ -30,6 +30,9 @@ std::vector<Peer> choose_peers(Machine& machine, std::vector<Peer> peers, const 
 std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t width = 0,
                          std::size_t most = 40);
 
+/// What is known of each resolved peer, its paths in full.
+std::string format_records(Machine& machine, const std::vector<Peer>& peers);
+
 /// One line for each peer that was asked for and not resolved, and one for all that were not even
 /// asked for; empty when all were resolved.
 std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers,
@@ -40,6 +43,10 @@ std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& 
 
 /// That nothing remains, in one line with the totals, or what does, one line each.
 std::string format_departure(const Departure& departure);
+
+/// The peer's LID. The path tells it for certain: a driver may not know from which an ARP packet
+/// came.
+unsigned lid_of(const tarv_arp_data_t& record);
 
 std::string format_gid(const gx_gid_t& gid);      ///< as an IPv6 address in its short form
 std::string format_rate(std::uint8_t code);       ///< "40 Gb/s"; "-" for a code that means none

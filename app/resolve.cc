@@ -12,9 +12,24 @@
 namespace app {
 namespace {
 
+/* A real SA has two paths to a peer where two of our ports are up, or where ports have several
+ * LIDs. */
+tarv_paths_t wanted_of_sa(const fabric::Adapter& adapter) {
+    int paths = 0;
+    for (int number = 1; number <= adapter.ports(); ++number)
+        if (const fabric::EndPort port = adapter.port(number); port.up)
+            paths += 1 << port.lmc;
+    return paths >= 2 ? tarv_paths_both : tarv_paths_primary;
+}
+
 /* The most paths that are useful: one through each of two local ports, where two lead to the port
  * at which the peer answers. */
-tarv_paths_t wanted_paths(fabric::Fabric& fabric, const fabric::Host& host) {
+tarv_paths_t wanted_paths(Machine& machine, const fabric::Host& host) {
+    if (machine.site().device)
+        return wanted_of_sa(machine.adapter());
+    fabric::Fabric& fabric = machine.fabric();
+    if (!fabric.peers().has(host.ip))
+        return tarv_paths_primary;
     const fabric::PortId peer = fabric.peers().station(host.ip).at;
     int ports = 0;
     for (int port = 1; port <= fabric.adapter().ports(); ++port)
@@ -25,29 +40,33 @@ tarv_paths_t wanted_paths(fabric::Fabric& fabric, const fabric::Host& host) {
 /* Has the traffic counted for the scope. */
 class Watch {
   public:
-    Watch(fabric::Fabric& fabric, Traffic& traffic) : fabric_(fabric) {
-        fabric_.on_packet([&traffic](const fabric::SeenPacket& seen) { traffic.see(seen); });
+    Watch(Machine& machine, Traffic& traffic) : machine_(machine) {
+        machine_.on_packet([&traffic](const fabric::SeenPacket& seen) { traffic.see(seen); });
     }
-    ~Watch() { fabric_.on_packet({}); }
+    ~Watch() { machine_.on_packet({}); }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
 
   private:
-    fabric::Fabric& fabric_;
+    Machine& machine_;
 };
 
 }  // namespace
 
 std::vector<Peer> peers_of(Machine& machine) {
-    fabric::Fabric& fabric = machine.fabric();
+    const Site& site = machine.site();
     std::vector<Peer> peers;
-    for (std::size_t i = 0; i < fabric.hosts().size(); ++i)
-        if (const fabric::Host& host = fabric.hosts()[i]; host.ip != fabric.our_host().ip) {
-            peers.emplace_back();
-            peers.back().host = i;
-            peers.back().wanted = wanted_paths(fabric, host);
-        }
+    for (std::size_t i = 0; i < site.hosts.size(); ++i)
+        if (i != site.us)
+            peers.push_back(peer_at(machine, i));
     return peers;
+}
+
+Peer peer_at(Machine& machine, std::size_t host) {
+    Peer peer;
+    peer.host = host;
+    peer.wanted = wanted_paths(machine, machine.site().hosts[host]);
+    return peer;
 }
 
 Resolver::Resolver(Machine& machine, std::vector<Peer> peers, ResolveOptions options)
@@ -112,7 +131,7 @@ std::size_t Resolver::outstanding() const {
 }
 
 void Resolver::run(const ShowProgress& progress) {
-    const Watch watch(machine_.fabric(), traffic_);
+    const Watch watch(machine_, traffic_);
     started_ = last_end_ = machine_.kernel().jiffies();
     std::vector<std::size_t> all(peers_.size());
     std::iota(all.begin(), all.end(), 0);
@@ -221,6 +240,9 @@ std::string Resolver::explain(std::size_t peer) const {
         return "time-out";
     // Without a callback only the cache is asked.
     tarv_arp_data_t record{};
+    if (peers_[peer].wanted == tarv_paths_both &&
+        call_module(peer, tarv_paths_primary, record, nullptr) == tarv_stat_ok)
+        return "time-out: the SA gave only one path to it";
     return call_module(peer, tarv_paths_none, record, nullptr) == tarv_stat_ok
                ? "time-out: it answers ARP, but the SA gave no path to it"
                : "time-out: no answer to ARP requests";
@@ -228,8 +250,8 @@ std::string Resolver::explain(std::size_t peer) const {
 
 tarv_stat_t Resolver::call_module(std::size_t peer, tarv_paths_t wanted, tarv_arp_data_t& record,
                                   Slot* slot) const {
-    fabric::Fabric& fabric = machine_.fabric();
-    return get_ib_data_(fabric.hosts()[peers_[peer].host].ip, fabric.our_host().ip, wanted, &record,
+    const Site& site = machine_.site();
+    return get_ib_data_(site.hosts[peers_[peer].host].ip, site.our_host().ip, wanted, &record,
                         slot ? on_reply : nullptr, slot, 0);
 }
 

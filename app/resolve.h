@@ -25,7 +25,7 @@ namespace app {
 
 /// Somebody to resolve, and what came of it.
 struct Peer {
-    std::size_t host = 0;  ///< index into Fabric::hosts()
+    std::size_t host = 0;  ///< index into the site's hosts
     tarv_paths_t wanted = tarv_paths_primary;
     bool asked = false;
     bool resolved = false;
@@ -56,8 +56,10 @@ struct ResolveCounts {
 /// Called at every tick of a pass.
 using ShowProgress = std::function<void(std::size_t ended, std::size_t all)>;
 
-/// Everybody on the machine's fabric but ourselves, with as many paths as can be had.
+/// Every host of the machine's site but ourselves, with as many paths as can be had.
 std::vector<Peer> peers_of(Machine& machine);
+/// The host with that index in the site's list.
+Peer peer_at(Machine& machine, std::size_t host);
 
 /// The durations of a run by what took them.
 std::vector<Latencies> latencies_of(const std::vector<Peer>& peers);

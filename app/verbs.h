@@ -7,6 +7,6 @@
 
 namespace app {
 
-DeclareVerb declare_run, declare_console, declare_script;
+DeclareVerb declare_run, declare_resolve, declare_console, declare_script;
 
 }  // namespace app

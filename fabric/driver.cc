@@ -33,6 +33,27 @@ tarv_stat_t get_if_info(u32 ip, gx_p_key_t* pkey, u32* unused, int* scratch, int
 
 }  // namespace
 
+bool is_ipoib_arp(const ArpPacket& arp) {
+    ArpPacket proper;
+    return arp.ether_type == proper.ether_type && arp.hardware_type == proper.hardware_type &&
+           arp.protocol_type == proper.protocol_type && arp.hardware_size == proper.hardware_size &&
+           arp.protocol_size == proper.protocol_size;
+}
+
+tarv_arp_data_t make_arp_data(const ArpPacket& arp, int port) {
+    tarv_arp_data_t record{};
+    record.mask = TARV_MASK_SRC_IP | TARV_MASK_DST_IP | TARV_MASK_GID | TARV_MASK_QPN |
+                  TARV_MASK_CAP_FLG | TARV_MASK_LOCAL_PORT;
+    record.arp_operation = arp.operation;
+    record.src_ip = arp.sender_ip;
+    record.dst_ip = arp.target_ip;
+    record.gid = held(arp.sender_gid);
+    record.qpn = arp.sender_qpn;
+    record.cap_flg = arp.sender_flags;
+    record.local_port_num = static_cast<u32>(port);
+    return record;
+}
+
 tarv_stat_t Driver::attach() {
     auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
     if (attach_fn == nullptr)

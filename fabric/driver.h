@@ -11,9 +11,17 @@
 #include <condition_variable>
 
 #include "fabric/mutex.h"
+#include "fabric/wire.h"
 #include "tarv/tarv.h"
 
 namespace fabric {
+
+/// Whether its header is that of ARP for IPv4 over InfiniBand.
+bool is_ipoib_arp(const ArpPacket& arp);
+
+/// What the packet itself says, for the module. A driver that knows the sender's LID and the Q_Key
+/// adds them.
+tarv_arp_data_t make_arp_data(const ArpPacket& arp, int port);
 
 class Driver {
   public:

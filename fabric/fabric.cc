@@ -211,16 +211,8 @@ void Fabric::peer_announces(std::uint32_t ip) {
     peers().announce(ip, ipoib().station(), ipoib().pkey());
 }
 
-void Fabric::on_packet(Tap::Hook hook) {
-    parts_->tap.on_packet(std::move(hook));
-}
-
-void Fabric::capture_to(const std::string& path) {
-    parts_->tap.capture_to(path);
-}
-
-bool Fabric::stop_capture() {
-    return parts_->tap.stop_capture();
+Tap& Fabric::tap() {
+    return parts_->tap;
 }
 
 }  // namespace fabric

@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fabric/adapter.h"
@@ -92,10 +93,8 @@ class Fabric {
     void change_peer(std::uint32_t ip, const PeerChange& change) { peers().change(ip, change); }
     void set_peer_link(std::uint32_t ip, bool up) { peers().set_link(ip, up); }
 
-    /// See Tap.
-    void on_packet(Tap::Hook hook);
-    void capture_to(const std::string& path);
-    bool stop_capture();  ///< false when not all could be written
+    Tap& tap();
+    void on_packet(Tap::Hook hook) { tap().on_packet(std::move(hook)); }
 
   private:
     struct Parts;

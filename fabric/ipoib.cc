@@ -14,29 +14,13 @@ namespace fabric {
 namespace {
 
 constexpr std::size_t requests_kept = 16384;
-constexpr u32 learned = TARV_MASK_SRC_IP | TARV_MASK_DST_IP | TARV_MASK_GID | TARV_MASK_QPN |
-                        TARV_MASK_LID | TARV_MASK_QKEY | TARV_MASK_CAP_FLG | TARV_MASK_LOCAL_PORT;
 
 tarv_arp_data_t make_record(const ArpPacket& arp, const Packet& packet, int port) {
-    tarv_arp_data_t record{};
-    record.mask = learned;
-    record.arp_operation = arp.operation;
-    record.src_ip = arp.sender_ip;
-    record.dst_ip = arp.target_ip;
-    record.gid = held(arp.sender_gid);
-    record.qpn = arp.sender_qpn;
-    record.cap_flg = arp.sender_flags;
+    tarv_arp_data_t record = make_arp_data(arp, port);
+    record.mask |= TARV_MASK_LID | TARV_MASK_QKEY;
     record.lid = packet.slid;
     record.qkey = packet.qkey;
-    record.local_port_num = static_cast<u32>(port);
     return record;
-}
-
-bool is_ipoib_arp(const ArpPacket& arp) {
-    ArpPacket proper;
-    return arp.ether_type == proper.ether_type && arp.hardware_type == proper.hardware_type &&
-           arp.protocol_type == proper.protocol_type && arp.hardware_size == proper.hardware_size &&
-           arp.protocol_size == proper.protocol_size;
 }
 
 }  // namespace
