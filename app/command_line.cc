@@ -88,8 +88,9 @@ void CommandLine::footer(const std::string& text) {
 }
 
 int perform_command_line(int argc, char** argv, std::span<const Verb> verbs) {
-    CLI::App program("A host with the address-resolution module on a simulated or a real InfiniBand fabric.",
-                     "tarv-host");
+    CLI::App program(
+        "A host with the address-resolution module on a simulated or a real InfiniBand fabric.",
+        "tarv-host");
     program.get_formatter()->column_width(help_column);
     program.require_subcommand(0, 1);
     program.set_version_flag("-V,--version", "tarv-host " TARV_VERSION,
