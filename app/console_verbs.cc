@@ -89,7 +89,8 @@ void help(ScriptLine& line, ScriptReading&, Console& console) {
     std::string text = "The host's own words:\n";
     for (const ConsoleVerb& verb : console_verbs())
         text += "  " + usage_of(verb) + "\n      " + verb.help + "\n";
-    text += "Written to the control file:\n";
+    text += "Faults of a PEER or a port:\n  " + list_faults(false) + "\nFaults of the SA:\n  " +
+            list_faults(true) + "\nWritten to the control file:\n";
     for (const tarv_proc_command_t& row : tarv_proc_commands)
         text += std::string("  ") + row.cmd_name + " " + row.help + "\n";
     console.terminal().print(text);
@@ -115,7 +116,7 @@ constexpr ConsoleVerb verbs[] = {
     {"fabric", "show | PEER|sa|port N FAULT ...",
      "tells who is there; or has packets be lost, late, doubled, out of order or wrong",
      "show sa port drop delay duplicate reorder status attribute class version class-version "
-     "records truncate clear",
+     "records truncate segments clear all next",
      change_fabric},
     {"level", "module|logger N", "sets the module's or the host's trace level, 0 to 5",
      "module logger", set_level},

@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "app/script_text.h"
 #include "app/script_verbs.h"
 #include "app/suggest.h"
 #include "app/verbs.h"
@@ -55,7 +56,9 @@ std::string list_verbs() {
     std::string list = "Verbs:\n";
     for (const ScriptVerb& verb : script_verbs())
         list += "  " + usage(verb) + "\n";
-    return list;
+    return list + "Faults of a PEER or a port:\n  " + list_faults(false) +
+           "\nFaults of the SA:\n  " + list_faults(true) + "\nStatuses, and their numbers:\n  " +
+           list_statuses() + "\n";
 }
 
 int run(const ScriptOptions& options) {

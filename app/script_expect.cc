@@ -3,6 +3,8 @@
 // The expectations of a script: about what was printed, how a request ended, and what the cache
 // holds. Looking changes nothing, the age of an entry included.
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
 
 #include "app/script_text.h"
 #include "app/script_verbs.h"
@@ -37,7 +39,7 @@ ScriptAction read_expect_reply(ScriptLine& line) {
     const std::string name = line.word("STATUS");
     const auto status = parse_status(name);
     if (!status)
-        line.fail("\"" + name + "\" is no status");
+        line.fail("\"" + name + "\" is no status; there are " + list_statuses());
     return [number, status = *status](ScriptHost& host, const std::string& place) {
         const std::string expected =
             "expected reply " + std::to_string(number) + " " + status_name(status) + ", actual ";
@@ -54,12 +56,22 @@ ScriptAction read_expect_reply(ScriptLine& line) {
 struct Field {
     const char* name;
     std::uint64_t (*value)(const tarv_arp_data_t& record);
+    const char* format = "%" PRIu64;
 };
+
+std::string format_value(const Field& field, std::uint64_t value) {
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, field.format, value);
+    return buffer;
+}
+
 constexpr Field fields[] = {
-    {"mask", [](const tarv_arp_data_t& record) { return std::uint64_t{record.mask}; }},
+    {"mask", [](const tarv_arp_data_t& record) { return std::uint64_t{record.mask}; },
+     "0x%" PRIx64},
     {"lid", [](const tarv_arp_data_t& record) { return std::uint64_t{record.lid}; }},
-    {"qpn", [](const tarv_arp_data_t& record) { return std::uint64_t{record.qpn}; }},
-    {"qkey", [](const tarv_arp_data_t& record) { return std::uint64_t{record.qkey}; }},
+    {"qpn", [](const tarv_arp_data_t& record) { return std::uint64_t{record.qpn}; }, "0x%" PRIx64},
+    {"qkey", [](const tarv_arp_data_t& record) { return std::uint64_t{record.qkey}; },
+     "0x%" PRIx64},
     {"cap", [](const tarv_arp_data_t& record) { return std::uint64_t{record.cap_flg}; }},
     {"port", [](const tarv_arp_data_t& record) { return std::uint64_t{record.local_port_num}; }},
     {"paths",
@@ -84,8 +96,8 @@ CheckField read_field(ScriptLine& line) {
                 const std::uint64_t actual = field.value(record);
                 return actual == expected
                            ? ""
-                           : std::string(field.name) + " " + std::to_string(expected) +
-                                 ", actual " + std::to_string(actual);
+                           : std::string(field.name) + " " + format_value(field, expected) +
+                                 ", actual " + format_value(field, actual);
             };
         }
     line.fail("\"" + line.word("FIELD") + "\" is no field of an entry");

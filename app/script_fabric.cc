@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "app/script_verbs.h"
+#include "app/suggest.h"
 
 namespace app {
 namespace {
@@ -57,6 +58,18 @@ constexpr AnswerFault answer_faults[] = {
     {"truncate", 4096, change_answer<std::size_t, &fabric::Sa::answer_truncated_to>},
     {"segments", 220, change_answer<std::size_t, &fabric::Sa::answer_over_rmpp>},
 };
+
+/* Those of packets; of the SA's answers too. */
+std::vector<std::string> fault_words(bool sa) {
+    std::vector<std::string> words;
+    for (const PacketFault& fault : packet_faults)
+        words.emplace_back(fault.name);
+    for (const AnswerFault& fault : answer_faults)
+        if (sa)
+            words.emplace_back(fault.name);
+    words.emplace_back("clear");
+    return words;
+}
 
 fabric::Faults& faults_of(fabric::Fabric& fabric, const Target& target) {
     if (target.kind == Target::sa)
@@ -119,8 +132,10 @@ FabricAction read_fault(ScriptLine& line, const Target& target) {
         if (target.kind == Target::sa && line.take(fault.name))
             return read_answer_fault(line, fault);
     const std::string word = line.word("a fault");
+    const bool sa = target.kind == Target::sa;
     line.fail("\"" + word + "\" is no fault of " +
-              (target.kind == Target::sa ? "the SA" : "packets that are not the SA's"));
+              (sa ? "the SA" : "packets that are not the SA's") + suggest(word, fault_words(sa)) +
+              "; there are " + list_faults(sa));
 }
 
 /* Makes the event true where it can be: the link goes down, the port gets the LID, and so on. What
@@ -180,6 +195,17 @@ EventType read_event_type(ScriptLine& line) {
 }
 
 }  // namespace
+
+std::string list_faults(bool sa) {
+    std::string list;
+    for (const PacketFault& fault : packet_faults)
+        list += std::string(fault.name) + (fault.counts ? " [N], " : " TICKS, ");
+    list += "drop all, ";
+    for (const AnswerFault& fault : answer_faults)
+        if (sa)
+            list += std::string(fault.name) + " N [next COUNT], ";
+    return list + "clear";
+}
 
 FabricAction read_fault_action(ScriptLine& line, const ScriptReading& reading) {
     const Target target = read_target(line, reading);

@@ -32,7 +32,7 @@ void ScriptHost::load_module(const std::vector<std::string>& parameters) {
     if (loaded())
         return refuse("load: the module is loaded already");
     if (const int result = enter_load(parameters); result != 0) {
-        say("load: " + std::to_string(result));
+        say("load: " + std::to_string(result) + " " + std::generic_category().message(-result));
         return report(kernel().remains());
     }
     if (const tarv_stat_t status = enter_attach(); status != tarv_stat_ok)

@@ -63,6 +63,13 @@ std::optional<tarv_stat_t> parse_status(const std::string& name) {
     return {};
 }
 
+std::string list_statuses() {
+    std::string list;
+    for (const StatusName& row : status_names)
+        list += (list.empty() ? "" : ", ") + std::to_string(row.status) + " " + row.name;
+    return list;
+}
+
 std::string format_digits(const gx_gid_t& gid) {
     std::string digits = "0x";
     for (const std::uint8_t byte : fabric::wire(gid))
@@ -72,7 +79,7 @@ std::string format_digits(const gx_gid_t& gid) {
 
 std::string format_record(const tarv_arp_data_t& record) {
     std::string result =
-        text("ip %s mask 0x%x lid %u gid %s qpn %u qkey %u cap %u port %u paths %d",
+        text("ip %s mask 0x%x lid %u gid %s qpn 0x%06x qkey 0x%x cap %u port %u paths %d",
              fabric::format_ip(record.dst_ip).c_str(), record.mask, unsigned{record.lid},
              format_digits(record.gid).c_str(), record.qpn, record.qkey, unsigned{record.cap_flg},
              record.local_port_num, record.paths_count);

@@ -13,6 +13,8 @@ namespace app {
 /// ok, pending, timeout, error, not_found; another value as its number.
 std::string status_name(tarv_stat_t status);
 std::optional<tarv_stat_t> parse_status(const std::string& name);
+/// All of them, with the numbers that stand for them in the module's own lines.
+std::string list_statuses();
 
 /// A record in one line, and an indented line for each path that its mask declares valid. No line
 /// end at the end. The path pointers are not followed.

@@ -31,6 +31,8 @@ ReadScriptLine read_expect;
 
 using FabricAction = std::function<void(fabric::Fabric&)>;
 FabricAction read_fault_action(ScriptLine& line, const ScriptReading& reading);
+/// The faults that such lines name, of packets or of the SA, as a person would type them.
+std::string list_faults(bool sa);
 FabricAction read_event_action(ScriptLine& line, const ScriptReading& reading);
 std::function<void()> read_level_action(ScriptLine& line);
 /// Without `from` in the line our own address asks. `more` reads words that others do not know.

@@ -20,6 +20,8 @@ namespace simulation {
 namespace {
 
 constexpr std::uint64_t usual_lines = 100'000;
+constexpr std::uint64_t most_seeds = 1'000'000;
+constexpr double most_minutes = 1'000'000;
 
 struct Options {
     std::uint64_t seed = 1;
@@ -67,13 +69,15 @@ int run_seeds(const Options& options) {
         const auto from = app::parse_number(options.seeds.substr(0, dash));
         const auto to =
             app::parse_number(dash == std::string::npos ? "" : options.seeds.substr(dash + 1));
-        if (!from || !to || *to < *from)
-            throw app::UsageError("--seeds: \"" + options.seeds + "\" is not FIRST-LAST");
+        if (!from || !to || *to < *from || *to - *from >= most_seeds)
+            throw app::UsageError("--seeds: \"" + options.seeds +
+                                  "\" is not FIRST-LAST, of a million seeds at most");
         first = *from;
         last = *to;
     }
     const bool none = options.lines == 0 && options.minutes == 0;
-    for (std::uint64_t seed = first; seed <= last; ++seed) {
+    for (std::uint64_t past = 0; past <= last - first; ++past) {
+        const std::uint64_t seed = first + past;
         const Result result =
             run_seed(seed, {none ? usual_lines : options.lines, options.minutes * 60});
         print_summary("seed " + std::to_string(seed), result);
@@ -116,6 +120,14 @@ int run(const Options& options) {
     return options.scripts.empty() ? run_seeds(options) : play(options.scripts);
 }
 
+/* What is no number compares as neither too small nor too large. */
+std::string check_minutes(const std::string& text) {
+    double minutes = 0;
+    if (CLI::detail::lexical_cast(text, minutes) && minutes >= 0 && minutes <= most_minutes)
+        return {};
+    return "\"" + text + "\" is no number of minutes, 0 to 1000000";
+}
+
 void declare(CLI::App& program, Options& options) {
     auto* const seed = program.add_option("--seed", options.seed, "What all chance comes from (1)");
     seed->type_name("S");
@@ -130,7 +142,7 @@ void declare(CLI::App& program, Options& options) {
         .add_option("--minutes", options.minutes,
                     "End after so long, between two worlds of some thousand lines")
         ->type_name("M")
-        ->check(CLI::NonNegativeNumber.description(""));
+        ->check(check_minutes);
     program.add_flag("--as-it-is", options.as_it_is,
                      "Do not look for a violation's shortest script");
     auto* const scripts =

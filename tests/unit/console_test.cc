@@ -42,8 +42,8 @@ quit
 fly)");
     EXPECT_EQ(session.status, 0);
     const std::string record =
-        "ip 10.0.0.2 mask 0x27f lid 12 gid 0xfe800000000000000a1b2c03001c2a21 qpn 4849666 "
-        "qkey 2843 cap 128 port 1 paths 0\n";
+        "ip 10.0.0.2 mask 0x27f lid 12 gid 0xfe800000000000000a1b2c03001c2a21 qpn 0x4a0002 "
+        "qkey 0xb1b cap 128 port 1 paths 0\n";
     const std::string show = "ERROR   : TARV : tarv_proc_cmd_show:(tarv_api):";
     EXPECT_THAT(
         session.out,
