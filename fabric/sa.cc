@@ -180,7 +180,6 @@ std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from, cons
     record.dlid = static_cast<std::uint16_t>(to.lid + number % (1u << to.lmc));
     record.slid = static_cast<std::uint16_t>(from.lid + number % (1u << from.lmc));
     record.reversible = 1;
-    record.numb_path = 1;
     record.pkey = *pkey;
     record.mtu_selector = record.rate_selector = record.life_time_selector = exactly;
     record.mtu = way->mtu;

@@ -386,7 +386,6 @@ constexpr Allowed allowed[] = {
     {"SA.attribute_offset", "", "", echo},
     {"SA.component_mask", "no RMPP", "", echo},
     {"RMPP.", "no RMPP", "", echo},
-    {"path.numb_path", "", "", "to follow: NumbPath of a record is 0"},
     {"path.pkey", "", "", "to follow: the asked P_Key is echoed"},
     {"records", "MTU", "", narrowing},
     {"records", "rate", "", narrowing},

@@ -36,7 +36,7 @@ TEST_F(SaTest, AnswersByteForByte) {
               "00 00 00 00 00 00 00 00 "
               "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 20 01 "
               "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 10 01 "
-              "00 15 00 0b 00 00 00 00 00 81 ff ff 00 05 84 83 92 00 00 00 00 00 00 00");
+              "00 15 00 0b 00 00 00 00 00 80 ff ff 00 05 84 83 92 00 00 00 00 00 00 00");
     ASSERT_THAT(client.answers, SizeIs(1));
     EXPECT_EQ(client.answers[0].paysize, 84);
     EXPECT_EQ(client.answers[0].attribute(), 0x3A);
