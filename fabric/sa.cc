@@ -89,7 +89,6 @@ void Sa::receive(const Packet& packet) {
     answer.header = *header;
     answer.header.method |= 0x80;
     answer.header.status = check(packet, *header, query);
-    answer.sa.attribute_offset = PathRecord::wire_size / 8;
     answer.sa.component_mask = query.components;
     if (answer.header.status == 0)
         answer.header.status = resolve(query, answer.records);

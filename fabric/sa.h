@@ -6,9 +6,9 @@
 // A query names source and destination GIDs. For each pair whose ports reach each other and share a
 // partition there is a path; ports with several LIDs have as many further paths. As many records as
 // the query asks for are answered: the first path of every pair, then the second of every pair, and
-// so on. Up to three records fit one MAD; more go in several segments. A bad query is answered with
-// a status: 0x0200 no proper RMPP header, 0x0600 a required component is missing, 0x0500 a GID that
-// no active port has, 0x000C another question than this SA answers.
+// so on. Up to three records fit one MAD; more go in several segments. A bad query comes back as it
+// was, with a status: 0x0200 no proper RMPP header, 0x0600 a required component is missing, 0x0500 a
+// GID that no active port has, 0x000C another question than this SA answers.
 //
 // For tests the answers can be made wrong, for the next `count` or for all until clear():
 //
@@ -104,6 +104,7 @@ class Sa {
     std::uint16_t resolve(const Query& query, Bytes& records) const;
     std::optional<PathRecord> path(const Query& query, const EndPort& from, const EndPort& to,
                                    unsigned number) const;
+    void refuse(const Packet& question, const Answer& answer);
     void send(const Packet& question, const Answer& answer);
     void acknowledged(const Packet& packet, const MadHeader& header, const RmppHeader& rmpp);
     void send_window(Key key);

@@ -17,6 +17,19 @@ std::uint64_t transfer_key(std::uint16_t lid, std::uint64_t transaction) {
     return std::uint64_t{lid} << 32 | (transaction & 0xFFFFFFFF);
 }
 
+/* Back to where the question came from, without a payload yet. */
+Packet envelope_to(const Packet& question) {
+    Packet envelope;
+    envelope.slid = question.dlid;
+    envelope.dlid = question.slid;
+    envelope.sl = question.sl;
+    envelope.pkey = question.pkey;
+    envelope.dest_qp = question.src_qp;
+    envelope.qkey = gsi_qkey;
+    envelope.src_qp = gsi_qp;
+    return envelope;
+}
+
 }  // namespace
 
 void Sa::edit(std::function<void(Answer&)> apply, unsigned count) {
@@ -94,22 +107,28 @@ void Sa::apply_edits(Answer& answer) {
     std::erase_if(edits_, [](const Edit& edit) { return edit.left == 0; });
 }
 
-void Sa::send(const Packet& question, const Answer& answer) {
-    Packet envelope;
-    envelope.slid = question.dlid;
-    envelope.dlid = question.slid;
-    envelope.sl = question.sl;
-    envelope.pkey = question.pkey;
-    envelope.dest_qp = question.src_qp;
-    envelope.qkey = gsi_qkey;
-    envelope.src_qp = gsi_qp;
+/* A refusal is the query itself, sent back with the status. */
+void Sa::refuse(const Packet& question, const Answer& answer) {
+    Bytes mad = question.payload;
+    mad.resize(mad_size);
+    encode(answer.header, mad);
+    if (answer.cut)
+        mad.resize(std::min(mad.size(), sa_offset + *answer.cut));
+    faults_.pass([=, this, envelope = envelope_to(question)](unsigned long late) {
+        transmit(envelope, mad, late);
+    });
+}
 
+void Sa::send(const Packet& question, const Answer& answer) {
+    if (answer.header.status != 0)
+        return refuse(question, answer);
+    const Packet envelope = envelope_to(question);
+    SaHeader sa = answer.sa;
+    sa.attribute_offset = answer.records.empty() ? 0 : PathRecord::wire_size / 8;
     Bytes headers(sa_data_offset);
     encode(answer.header, headers);
-    encode(answer.sa, std::span(headers).subspan(sa_offset));
+    encode(sa, std::span(headers).subspan(sa_offset));
     Bytes data = answer.records;
-    if (answer.header.status != 0)
-        data.clear();
     std::size_t cut = answer.cut.value_or(sa_header_size + data.size());
     data.resize(std::min(data.size(), cut - std::min(cut, sa_header_size)));
     RmppSender sender(std::move(headers), std::move(data), answer.piece);

@@ -22,8 +22,10 @@ struct Received {
     std::uint16_t attribute() const { return host16(16); }
     std::uint16_t status() const { return static_cast<std::uint16_t>(mad[4] << 8 | mad[5]); }
 
-    /// The whole records, as many as the size says.
+    /// The whole records, as many as the size says; none of a refusal, which is the query.
     std::vector<fabric::PathRecord> records() const {
+        if (status() != 0)
+            return {};
         std::span<const std::uint8_t> from =
             block.empty() ? std::span(mad).subspan(fabric::sa_offset) : std::span(block);
         std::vector<fabric::PathRecord> all;
