@@ -30,6 +30,7 @@ constexpr std::uint16_t unsupported = 0x000C;
 
 constexpr std::uint8_t packet_life_time = 18;  // 4.096 us * 2^18
 constexpr unsigned all_paths = 127;
+constexpr std::uint8_t partly_redundant = 2;  // the preference of a path that shares a LID
 
 enum Selector : std::uint8_t { greater_than = 0, less_than = 1, exactly = 2, largest = 3 };
 
@@ -145,27 +146,42 @@ std::uint16_t Sa::resolve(const Query& query, Bytes& records) const {
         }
     }
     unsigned room = (query.components & with_numb_path) != 0 ? query.record.numb_path : all_paths;
-    bool more = true;
-    for (unsigned number = 0; more && room > 0; number++) {
-        more = false;
-        for (const auto& [from, to] : pairs) {
-            std::optional<PathRecord> record = path(query, from, to, number);
-            if (!record || room == 0)
-                continue;
-            records.resize(records.size() + PathRecord::wire_size);
-            encode(*record, std::span(records).last(PathRecord::wire_size));
-            room--;
-            more = true;
-        }
-    }
+    for (const auto& [from, to] : pairs)
+        add_paths(query, from, to, room, records);
     return 0;
 }
 
-/* The `number`-th path (from 0) between two ports; empty when there is none that suits. */
-std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from, const EndPort& to,
-                                   unsigned number) const {
-    if (number >= 1u << std::max(from.lmc, to.lmc))
-        return std::nullopt;
+/* All paths between two ports, as long as there is room: first those that have neither LID in
+ * common, then the others, which are preferred less. */
+void Sa::add_paths(const Query& query, const EndPort& from, const EndPort& to, unsigned& room,
+                   Bytes& records) const {
+    const auto add = [&](unsigned source, unsigned destination, std::uint8_t preference) {
+        if (room == 0)
+            return;
+        std::optional<PathRecord> record = path(query, from, to);
+        if (!record)
+            return;
+        record->slid = static_cast<std::uint16_t>(from.lid + source);
+        record->dlid = static_cast<std::uint16_t>(to.lid + destination);
+        record->preference = preference;
+        records.resize(records.size() + PathRecord::wire_size);
+        encode(*record, std::span(records).last(PathRecord::wire_size));
+        room--;
+    };
+    const unsigned sources = 1u << from.lmc;
+    const unsigned destinations = 1u << to.lmc;
+    for (unsigned i = 0; i < std::min(sources, destinations); i++)
+        add(i, i, 0);
+    for (unsigned i = 0; i < sources && room > 0; i++)
+        for (unsigned j = 0; j < destinations; j++)
+            if (i != j)
+                add(i, j, partly_redundant);
+}
+
+/* What is true of all paths between two ports, whichever LIDs they use; empty when there is none
+ * that suits. */
+std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from,
+                                   const EndPort& to) const {
     std::optional<Way> way = subnet_.way(from.at, to.at);
     std::optional<std::uint16_t> wanted;
     if ((query.components & with_pkey) != 0)
@@ -176,15 +192,12 @@ std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from, cons
     PathRecord record;
     record.dgid = to.gid;
     record.sgid = from.gid;
-    record.dlid = static_cast<std::uint16_t>(to.lid + number % (1u << to.lmc));
-    record.slid = static_cast<std::uint16_t>(from.lid + number % (1u << from.lmc));
     record.reversible = 1;
     record.pkey = *pkey;
     record.mtu_selector = record.rate_selector = record.life_time_selector = exactly;
     record.mtu = way->mtu;
     record.rate = way->rate;
     record.life_time = way->hops == 0 ? std::uint8_t{0} : packet_life_time;
-    record.preference = static_cast<std::uint8_t>(number);
     {
         MutexLock lock(mutex_);
         record.sl = sl_;

@@ -4,11 +4,12 @@
 // answers them out of what the subnet is like at that moment.
 //
 // A query names source and destination GIDs. For each pair whose ports reach each other and share a
-// partition there is a path; ports with several LIDs have as many further paths. As many records as
-// the query asks for are answered: the first path of every pair, then the second of every pair, and
-// so on. Up to three records fit one MAD; more go in several segments. A bad query comes back as it
-// was, with a status: 0x0200 no proper RMPP header, 0x0600 a required component is missing, 0x0500 a
-// GID that no active port has, 0x000C another question than this SA answers.
+// partition there is a path; ports with several LIDs have as many further paths, and others, less
+// preferred, from each LID of one to each of the other. As many records as the query asks for are
+// answered: all paths of the first pair, then those of the second, and so on. Up to three records
+// fit one MAD; more go in several segments. A bad query comes back as it was, with a status: 0x0200
+// no proper RMPP header, 0x0600 a required component is missing, 0x0500 a GID that no
+// active port has, 0x000C another question than this SA answers.
 //
 // For tests the answers can be made wrong, for the next `count` or for all until clear():
 //
@@ -102,8 +103,10 @@ class Sa {
     void apply_edits(Answer& answer);
     std::uint16_t check(const Packet& packet, const MadHeader& header, Query& query) const;
     std::uint16_t resolve(const Query& query, Bytes& records) const;
-    std::optional<PathRecord> path(const Query& query, const EndPort& from, const EndPort& to,
-                                   unsigned number) const;
+    void add_paths(const Query& query, const EndPort& from, const EndPort& to, unsigned& room,
+                   Bytes& records) const;
+    std::optional<PathRecord> path(const Query& query, const EndPort& from,
+                                   const EndPort& to) const;
     void refuse(const Packet& question, const Answer& answer);
     void send(const Packet& question, const Answer& answer);
     void acknowledged(const Packet& packet, const MadHeader& header, const RmppHeader& rmpp);

@@ -379,20 +379,19 @@ struct Allowed {
     const char* reason;
 };
 constexpr char narrowing[] = "to follow: a selector narrows OpenSM's value instead of excluding it";
-constexpr char order[] = "to follow: with LMC the first pair's paths come before the second's";
+constexpr char routes[] = "to follow: min-hop routes do not look at rates";
 constexpr Allowed allowed[] = {
     {"answered", "wrong SM_Key", "", "the simulated SA knows no SM_Key"},
     {"answered", "Set", "", "the simulated SA refuses what OpenSM drops"},
+    {"RMPP.flags", "numb_path", "uneven_lmc", "no kernel cuts OpenSM's long answers into segments"},
 
     {"path.pkey", "", "", "to follow: the asked P_Key is echoed"},
     {"records", "MTU", "", narrowing},
     {"records", "rate", "", narrowing},
     {"records", "life time", "", narrowing},
     {"records", "SL", "", narrowing},
-    {"path.", "", "uneven_lmc", order},
-    {"records", "", "uneven_lmc", order},
-    {"RMPP.flags", "numb_path", "uneven_lmc", order},
-    {"path.rate", "", "uneven", "to follow: min-hop routes do not look at rates"},
+    {"path.rate", "", "uneven", routes},
+    {"path.", "rate", "uneven_lmc", routes},
 };
 
 const char* reason_for(const std::string& field, const Question& question, const Site& site) {
