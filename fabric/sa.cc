@@ -34,14 +34,51 @@ constexpr std::uint8_t partly_redundant = 2;  // the preference of a path that s
 
 enum Selector : std::uint8_t { greater_than = 0, less_than = 1, exactly = 2, largest = 3 };
 
-/* Whether a path's value is one that the query accepts. */
-bool accepted(std::uint64_t components, std::uint64_t both, std::uint8_t selector,
-              std::uint8_t wanted, std::uint8_t value) {
-    if ((components & both) != both || selector == largest)
-        return true;
+/* What a path's value is taken for under a query's selector: a path can be used as one with less.
+ * Empty when it does not suit. */
+std::optional<std::uint8_t> narrowed(std::uint8_t selector, std::uint8_t wanted,
+                                     std::uint8_t value) {
     if (selector == greater_than)
-        return value > wanted;
-    return selector == less_than ? value < wanted : value == wanted;
+        return value > wanted ? std::optional(value) : std::nullopt;
+    if (selector == exactly)
+        return value >= wanted ? std::optional(wanted) : std::nullopt;
+    if (selector == largest || value < wanted)
+        return value;
+    return wanted > 1 ? std::optional(static_cast<std::uint8_t>(wanted - 1)) : std::nullopt;
+}
+
+/* The same of a rate, whose codes are in no order, and which is not narrowed to an exact one. */
+std::optional<std::uint8_t> narrowed_rate(std::uint8_t selector, std::uint8_t wanted,
+                                          std::uint8_t value) {
+    const int difference = rate_bandwidth(value) - rate_bandwidth(wanted);
+    if (selector == greater_than)
+        return difference > 0 ? std::optional(value) : std::nullopt;
+    if (selector == exactly)
+        return difference == 0 ? std::optional(value) : std::nullopt;
+    if (selector == largest || difference < 0)
+        return value;
+    const std::uint8_t slower = next_slower_rate(wanted);
+    return slower != 0 ? std::optional(slower) : std::nullopt;
+}
+
+/* Gives a path what the query asks of it; false when it cannot have that. A value without its
+ * selector, or the other way round, asks for nothing. */
+bool suit(std::uint64_t components, const MultiPathRecord& ask, PathRecord& path) {
+    const auto settle = [&](std::uint64_t both, auto narrow, std::uint8_t selector,
+                            std::uint8_t wanted, std::uint8_t& value) {
+        if ((components & both) != both)
+            return true;
+        const std::optional<std::uint8_t> settled = narrow(selector, wanted, value);
+        value = settled.value_or(value);
+        return settled.has_value();
+    };
+    if ((components & with_sl) != 0)
+        path.sl = ask.sl;
+    return settle(with_mtu_selector | with_mtu, narrowed, ask.mtu_selector, ask.mtu, path.mtu) &&
+           settle(with_rate_selector | with_rate, narrowed_rate, ask.rate_selector, ask.rate,
+                  path.rate) &&
+           settle(with_life_time_selector | with_life_time, narrowed, ask.life_time_selector,
+                  ask.life_time, path.life_time);
 }
 
 bool is_whole_request(const RmppHeader& rmpp) {
@@ -202,15 +239,7 @@ std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from,
         MutexLock lock(mutex_);
         record.sl = sl_;
     }
-    const MultiPathRecord& ask = query.record;
-    std::uint64_t given = query.components;
-    bool suits =
-        accepted(given, with_mtu_selector | with_mtu, ask.mtu_selector, ask.mtu, record.mtu) &&
-        accepted(given, with_rate_selector | with_rate, ask.rate_selector, ask.rate, record.rate) &&
-        accepted(given, with_life_time_selector | with_life_time, ask.life_time_selector,
-                 ask.life_time, record.life_time) &&
-        accepted(given, with_sl, exactly, ask.sl, record.sl);
-    return suits ? std::optional(record) : std::nullopt;
+    return suit(query.components, query.record, record) ? std::optional(record) : std::nullopt;
 }
 
 }  // namespace fabric

@@ -91,6 +91,9 @@ Topology make_fabric(const FabricShape& shape);
 /// are not in the order of the bandwidths: compare rates by this only.
 int rate_bandwidth(std::uint8_t code);
 
+/// The code of the next lower bandwidth; 0 for the code of the lowest, or one that means none.
+std::uint8_t next_slower_rate(std::uint8_t code);
+
 /// Of two rate codes (or MTU codes) that of the slower (or smaller), where 0 means unknown and
 /// yields to the other.
 std::uint8_t slower_rate(std::uint8_t one, std::uint8_t other);

@@ -60,6 +60,10 @@ int rate_bandwidth(std::uint8_t code) {
     return code < rate_codes.size() ? rate_codes[code].bandwidth : 0;
 }
 
+std::uint8_t next_slower_rate(std::uint8_t code) {
+    return code_of(rate_bandwidth(code) - 1);
+}
+
 std::uint8_t slower_rate(std::uint8_t one, std::uint8_t other) {
     if (one == 0 || other == 0)
         return one == 0 ? other : one;

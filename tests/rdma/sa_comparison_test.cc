@@ -378,7 +378,6 @@ struct Allowed {
     const char* sites;
     const char* reason;
 };
-constexpr char narrowing[] = "to follow: a selector narrows OpenSM's value instead of excluding it";
 constexpr char routes[] = "to follow: min-hop routes do not look at rates";
 constexpr Allowed allowed[] = {
     {"answered", "wrong SM_Key", "", "the simulated SA knows no SM_Key"},
@@ -386,12 +385,9 @@ constexpr Allowed allowed[] = {
     {"RMPP.flags", "numb_path", "uneven_lmc", "no kernel cuts OpenSM's long answers into segments"},
 
     {"path.pkey", "", "", "to follow: the asked P_Key is echoed"},
-    {"records", "MTU", "", narrowing},
-    {"records", "rate", "", narrowing},
-    {"records", "life time", "", narrowing},
-    {"records", "SL", "", narrowing},
     {"path.rate", "", "uneven", routes},
     {"path.", "rate", "uneven_lmc", routes},
+    {"records", "rate", "uneven", routes},
 };
 
 const char* reason_for(const std::string& field, const Question& question, const Site& site) {
