@@ -74,6 +74,8 @@ bool suit(std::uint64_t components, const MultiPathRecord& ask, PathRecord& path
     };
     if ((components & with_sl) != 0)
         path.sl = ask.sl;
+    if ((components & with_pkey) != 0)
+        path.pkey = ask.pkey;
     return settle(with_mtu_selector | with_mtu, narrowed, ask.mtu_selector, ask.mtu, path.mtu) &&
            settle(with_rate_selector | with_rate, narrowed_rate, ask.rate_selector, ask.rate,
                   path.rate) &&

@@ -384,7 +384,6 @@ constexpr Allowed allowed[] = {
     {"answered", "Set", "", "the simulated SA refuses what OpenSM drops"},
     {"RMPP.flags", "numb_path", "uneven_lmc", "no kernel cuts OpenSM's long answers into segments"},
 
-    {"path.pkey", "", "", "to follow: the asked P_Key is echoed"},
     {"path.rate", "", "uneven", routes},
     {"path.", "rate", "uneven_lmc", routes},
     {"records", "rate", "uneven", routes},
