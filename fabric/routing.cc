@@ -11,7 +11,7 @@ namespace {
 // An unknown MTU (or rate) may be anything, so it narrows no path and ranks above all that is
 // known.
 int rank_of_rate(std::uint8_t code) {
-    const int bandwidth = rate_bandwidth(code);
+    const int bandwidth = data_bandwidth(code);
     return bandwidth == 0 ? 1 << 30 : bandwidth;
 }
 int rank_of_mtu(std::uint8_t code) {

@@ -50,7 +50,7 @@ std::optional<std::uint8_t> narrowed(std::uint8_t selector, std::uint8_t wanted,
 /* The same of a rate, whose codes are in no order, and which is not narrowed to an exact one. */
 std::optional<std::uint8_t> narrowed_rate(std::uint8_t selector, std::uint8_t wanted,
                                           std::uint8_t value) {
-    const int difference = rate_bandwidth(value) - rate_bandwidth(wanted);
+    const int difference = data_bandwidth(value) - data_bandwidth(wanted);
     if (selector == greater_than)
         return difference > 0 ? std::optional(value) : std::nullopt;
     if (selector == exactly)

@@ -6,11 +6,11 @@
 // A query names source and destination GIDs. For each pair whose ports reach each other and share a
 // partition there is a path; ports with several LIDs have as many further paths, and others, less
 // preferred, from each LID of one to each of the other. As many records as the query asks for are
-// answered: all paths of the first pair, then those of the second, and so on. A selector takes a path
-// for one with a smaller MTU, a lower rate or a shorter life time, where that is what it asks for. Up to three records
-// fit one MAD; more go in several segments. A bad query comes back as it was, with a status: 0x0200
-// no proper RMPP header, 0x0600 a required component is missing, 0x0500 a GID that no
-// active port has, 0x000C another question than this SA answers.
+// answered: all paths of the first pair, then those of the second, and so on. A selector takes a
+// path for one with a smaller MTU, a lower rate or a shorter life time, where that is what it asks
+// for. Up to three records fit one MAD; more go in several segments. A bad query comes back as it
+// was, with a status: 0x0200 no proper RMPP header, 0x0600 a required component is missing, 0x0500
+// a GID that no active port has, 0x000C another question than this SA answers.
 //
 // For tests the answers can be made wrong, for the next `count` or for all until clear():
 //

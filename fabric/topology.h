@@ -87,11 +87,15 @@ struct FabricShape {
 /// one. Throws std::invalid_argument for a shape that no fabric can have.
 Topology make_fabric(const FabricShape& shape);
 
-/// The bandwidth behind a rate code in units of 100 Mb/s; 0 for a code that means none. The codes
-/// are not in the order of the bandwidths: compare rates by this only.
+/// The bandwidth behind a rate code in units of 100 Mb/s; 0 for a code that means none.
 int rate_bandwidth(std::uint8_t code);
 
-/// The code of the next lower bandwidth; 0 for the code of the lowest, or one that means none.
+/// What of it is data. Neither the codes nor the bandwidths are in this order, since line codings
+/// differ: compare rates by this only.
+int data_bandwidth(std::uint8_t code);
+
+/// The code with the next lower bandwidth of data; 0 for that of the lowest and for one that means
+/// none.
 std::uint8_t next_slower_rate(std::uint8_t code);
 
 /// Of two rate codes (or MTU codes) that of the slower (or smaller), where 0 means unknown and

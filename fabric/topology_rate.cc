@@ -11,7 +11,7 @@ namespace fabric {
 namespace {
 
 struct RateCode {
-    int bandwidth;  // in units of 100 Mb/s
+    int bandwidth;  // on the wire, in units of 100 Mb/s
     std::string_view text;
 };
 
@@ -23,6 +23,8 @@ constexpr std::array<RateCode, 24> rate_codes{{
     {250, "1xEDR"},   {1000, "4xEDR"}, {2000, "4xHDR"},  {3000, "12xEDR"}, {280, "2xFDR"},
     {500, "1xHDR"},   {4000, "4xNDR"}, {6000, "12xHDR"}, {8000, "8xNDR"},
 }};
+
+constexpr std::uint8_t first_fdr_code = 11;
 
 struct Speed {
     std::string_view name;
@@ -60,14 +62,25 @@ int rate_bandwidth(std::uint8_t code) {
     return code < rate_codes.size() ? rate_codes[code].bandwidth : 0;
 }
 
+// Up to QDR eight bits of ten on the wire are data, from FDR on 64 of 66.
+int data_bandwidth(std::uint8_t code) {
+    const int on_wire = rate_bandwidth(code);
+    return code < first_fdr_code ? on_wire * 8 / 10 : on_wire * 64 / 66;
+}
+
 std::uint8_t next_slower_rate(std::uint8_t code) {
-    return code_of(rate_bandwidth(code) - 1);
+    std::uint8_t next = 0;
+    for (std::uint8_t other = 0; other < rate_codes.size(); ++other)
+        if (data_bandwidth(other) < data_bandwidth(code) &&
+            data_bandwidth(other) > data_bandwidth(next))
+            next = other;
+    return next;
 }
 
 std::uint8_t slower_rate(std::uint8_t one, std::uint8_t other) {
     if (one == 0 || other == 0)
         return one == 0 ? other : one;
-    return rate_bandwidth(other) < rate_bandwidth(one) ? other : one;
+    return data_bandwidth(other) < data_bandwidth(one) ? other : one;
 }
 
 std::uint8_t smaller_mtu(std::uint8_t one, std::uint8_t other) {
