@@ -5,6 +5,8 @@
 #include <functional>
 #include <utility>
 
+#include "rdma/records.h"
+
 namespace rdma {
 namespace {
 
@@ -218,12 +220,21 @@ void Device::note(int number, std::optional<gx_async_record_t> event) {
     look(port);
 }
 
+std::vector<fabric::Gid> Device::gids() const {
+    std::vector<fabric::Gid> all;
+    for (int number = 1; number <= count(); ++number)
+        all.push_back(port(number).gid);
+    return all;
+}
+
 void Device::take(Port& port, fabric::Packet packet) {
     const auto header = fabric::decode<fabric::MadHeader>(packet.payload);
     if (!header)
         return;
-    if (header->management_class != fabric::directed_route_class)
+    if (header->management_class != fabric::directed_route_class) {
+        cut_behind_records(packet.payload, gids());
         return receivers_.arrived(port.number, std::move(packet));
+    }
     bool complete;
     {
         fabric::MutexLock lock(port.mutex);

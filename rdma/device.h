@@ -68,6 +68,7 @@ class Device final : public fabric::Uplink {
     void first_look(Port& port);
     void look(Port& port) const;
     void serve(Port& port);
+    std::vector<fabric::Gid> gids() const;
     void take(Port& port, fabric::Packet packet);
     std::vector<gx_event_record_t> finish_look(Port& port);
 
