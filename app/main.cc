@@ -25,6 +25,7 @@ constexpr app::Verb verbs[] = {
      app::declare_console},
     {"script", "Play a situation tick by tick in virtual time, from a file of one verb a line",
      app::declare_script},
+    {"fabric", "Print the fabric as a picture", app::declare_fabric},
 };
 
 int fail(int status, std::string line) {

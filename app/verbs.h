@@ -7,6 +7,6 @@
 
 namespace app {
 
-DeclareVerb declare_run, declare_resolve, declare_console, declare_script;
+DeclareVerb declare_run, declare_console, declare_script, declare_resolve, declare_fabric;
 
 }  // namespace app

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "app/machine.h"
+#include "app/picture.h"
 #include "app/report.h"
 #include "app/resolve.h"
 #include "platform/memory.h"
@@ -229,6 +230,34 @@ TEST(Resolver, LearnsAThousandHostsWithOneQuestionEach) {
     EXPECT_EQ(std::ranges::count(table, '\n'), 1 + 10 + 1 + 5);
     EXPECT_THAT(table, HasSubstr("\n... and 984 more ...\n10.0.3.228 "));
     EXPECT_THAT(machine.stop().remains, IsEmpty());
+}
+
+/* What an administrator does with it: 1000 hosts from a file, looked through with jq. */
+TEST(Program, TellsJqOfAThousandHosts) {
+    if (shell("command -v jq").status != 0)
+        GTEST_SKIP() << "there is no jq";
+    std::ofstream file(temporary("thousand"));
+    fabric::write_topology(file, fabric::make_fabric({.hosts = 1000}));
+    file.close();
+    const Result result = shell(
+        TARV_HOST " run --resolve-all --json --fabric " + temporary("thousand") +
+        " | jq -c '[.version, (.peers | length), .unresolved, ([.peers[].gid] | unique | "
+        "length), ([.peers[] | select(.paths | length == 2)] | length), (.remains | length)]'");
+    EXPECT_EQ(result.out, "[1,999,0,999,999,0]\n");
+    EXPECT_THAT(result.err, IsEmpty());
+}
+
+/* One box a switch and one for this host; the others stand in one box for each pair of switches. */
+TEST(Program, DrawsAFabric) {
+    const Result small = tarv_host("fabric dot --fabric FABRIC --hosts HOSTS --as beta");
+    EXPECT_THAT(small.out,
+                AllOf(HasSubstr("[label=\"beta\\n10.1.0.2\", style=filled, fillcolor=gold]"),
+                      HasSubstr("[label=\"delta HCA-1\"]"),
+                      HasSubstr("label=\"2x\"];\n  n0 -- n3 [tooltip=\"10 Gb/s\", color=red]")));
+    EXPECT_EQ(small.status, 0);
+    const std::string large = app::to_dot(site_of(fabric::make_fabric({.hosts = 1000})));
+    EXPECT_THAT(large, AllOf(HasSubstr(" hosts\\nnode"), HasSubstr("\"node1\\n10.0.0.1\"")));
+    EXPECT_LT(std::ranges::count(large, '\n'), 1500);
 }
 
 TEST(Report, NamesWhatAModuleLeavesBehind) {

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
+//
+// A fabric as a picture.
+#pragma once
+
+#include <string>
+
+#include "app/options.h"
+
+namespace app {
+
+/// The fabric in the language of graphviz: switches above what is linked to them, one line for all
+/// links between two, red where one is slower than others between such levels. Of a large fabric
+/// the hosts that are linked to the same switches are one box; this host always has its own.
+std::string to_dot(const Site& site);
+
+}  // namespace app
