@@ -4,14 +4,17 @@
  * links between them. A subnet manager, IPoIB and the diagnostics run on it as on hardware.
  * docs/softib.md tells how it is used.
  *
- *   fabric.c    nodes and ports: how they are made and joined, how a link trains, what an adapter
- * is told wire.c      the queue of packets under way, and the worker that carries them switch.c
- * what a switch does with a packet: tables, directed routes, its own answers sma.c       the subnet
- * management agent of a node pma.c       the performance management agent: a port's counters trap.c
- * notices to the subnet manager, repeated until it represses them faults.c    packets lost, late
- * and doubled on purpose capture.c   a capture file of what is sent adapter.c   an adapter as an
- * ib_device queues.c    its completion queues and queue pairs subnet.c    the text that describes a
- * subnet, and the files of debugfs
+ *   fabric.c    nodes and ports: how they are made and joined, and how a link trains
+ *   wire.c      the queue of packets under way, and the worker that carries them
+ *   switch.c    what a switch does with a packet: tables, directed routes, its own answers
+ *   sma.c       the subnet management agent of a node
+ *   pma.c       the performance management agent: a port's counters
+ *   trap.c      notices to the subnet manager, repeated until it represses them
+ *   faults.c    packets lost, late and doubled on purpose
+ *   capture.c   a capture file of what is sent
+ *   adapter.c   an adapter as an ib_device
+ *   queues.c    its completion queues and queue pairs
+ *   subnet.c    the text that describes a subnet, and the files of debugfs
  *
  * Locks. sib_lock guards all that is the subnet's: nodes, ports, tables, links, counters, the
  * queue, faults. It is taken with interrupts disabled, inside a queue pair's lock if need be, and
@@ -31,7 +34,8 @@
 #include <rdma/ib_smi.h>
 #include <rdma/ib_verbs.h>
 
-#define SIB_PKEYS 32 /* of a port: one block of its table */
+#define SIB_PKEYS 32	     /* of a port: one block of its table */
+#define SIB_PKEY_FULL 0x8000 /* the bit of a full member's */
 #define SIB_LIDS 0xc000
 #define SIB_FIRST_MLID 0xc000
 #define SIB_MLIDS 1024
@@ -207,7 +211,8 @@ static inline bool sib_is_multicast(const struct sib_packet *p)
 }
 static inline bool sib_pkeys_match(u16 one, u16 other)
 {
-	return (one & 0x7fff) && (one & 0x7fff) == (other & 0x7fff) && ((one | other) & 0x8000);
+	return (one & 0x7fff) && (one & 0x7fff) == (other & 0x7fff) &&
+	       ((one | other) & SIB_PKEY_FULL);
 }
 
 /* fabric.c; where nothing else is said, sib_lock is held */

@@ -4,8 +4,8 @@
  *
  *   subnet    takes lines, and shows those that would make the subnet as it is
  *   ports     the state of every port, read only
- *   faults    takes lines of what is to be lost, late or doubled (faults.c), and `clear`; shows
- * them capture   what is sent (capture.c)
+ *   faults    takes lines of what is to be lost, late or doubled (faults.c); shows them
+ *   capture   what is sent (capture.c)
  *
  * The lines of `subnet`; a name has no blanks, a description goes to the end of its line:
  *

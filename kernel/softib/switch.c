@@ -18,11 +18,18 @@ static void not_relayed(struct sib_port *in, struct sib_packet *p)
 	kfree(p);
 }
 
+/*
+ * The table of a port has the P_Keys of who is behind it. Inbound, a packet carries the sender's
+ * own key, which a limited member's would not match: there the partition alone counts, which a full
+ * key tells. Outbound, keys match as at an adapter.
+ */
 static bool is_refused(struct sib_port *p, const struct sib_packet *packet, u8 direction)
 {
+	u16 pkey = packet->pkey | (direction == ENFORCE_INBOUND ? SIB_PKEY_FULL : 0);
+
 	if (sib_is_smp(packet) || p->number == 0 ||
 	    !(p->info.basic.operationalvl_pei_peo_fpi_fpo & direction) ||
-	    sib_port_has_pkey(p, packet->pkey, NULL))
+	    sib_port_has_pkey(p, pkey, NULL))
 		return false;
 	if (direction == ENFORCE_INBOUND)
 		p->counters.bad_pkey_in++;
