@@ -4,7 +4,7 @@
  *
  *   subnet    takes lines, and shows those that would make the subnet as it is
  *   ports     the state of every port, read only
- *   faults    takes lines of what is to be lost, late or doubled (faults.c); shows them
+ *   faults    takes lines of what is to be lost, late or doubled, or `clear` (faults.c); shows them
  *   capture   what is sent (capture.c)
  *
  * The lines of `subnet`; a name has no blanks, a description goes to the end of its line:
