@@ -35,6 +35,12 @@ const Host& chosen(const std::vector<Host>& hosts, std::size_t index) {
     return hosts[index];
 }
 
+/* The host that the manager must reach, and where most ways begin or end. A device's fabric has a
+ * manager of its own. */
+int home_of(const Host& host, const FabricOptions& options) {
+    return options.uplink != nullptr ? -1 : host.node;
+}
+
 }  // namespace
 
 /* The parts in the order in which they depend on each other. Scheduled work ends before the first
@@ -61,7 +67,7 @@ struct Fabric::Parts {
         : topology(std::move(given)),
           hosts(std::move(given_hosts)),
           our_host(index),
-          subnet(topology, options.subnet, chosen(hosts, index).node),
+          subnet(topology, options.subnet, home_of(chosen(hosts, index), options)),
           ports(subnet, topology, hosts[index].node),
           uplink(options.uplink),
           adapter(works, uplink != nullptr ? static_cast<const Ports&>(*uplink) : ports),

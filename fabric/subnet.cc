@@ -41,18 +41,39 @@ std::pair<int, int> end_ports_of(const Node& node) {
     return {1, static_cast<int>(node.ports.size())};
 }
 
-PortId choose_manager(const Topology& topology, int wanted) {
-    int adapter = -1;
+bool reaches(Routing& routing, const Topology& topology, PortId from, int home) {
+    if (home < 0)
+        return true;
+    const Node& host = topology.nodes[static_cast<std::size_t>(home)];
+    for (int port = 1; port < static_cast<int>(host.ports.size()); port++)
+        if (routing.route(from, {home, port}))
+            return true;
+    return false;
+}
+
+/* A switch before an adapter, and none that the host at home could not hear: such a manager would
+ * look like one that hangs. */
+PortId choose_manager(const Topology& topology, Routing& routing, int home, int wanted) {
+    std::optional<PortId> adapter;
     for (int i = 0; i < static_cast<int>(topology.nodes.size()); i++) {
         const Node& node = topology.nodes[static_cast<std::size_t>(i)];
-        if (wanted == i || (wanted < 0 && node.kind == NodeKind::switch_node))
-            return {i, end_ports_of(node).first};
-        if (adapter < 0)
-            adapter = i;
+        auto [first, end] = end_ports_of(node);
+        for (int port = first; port < end; port++) {
+            const PortId at{i, port};
+            if ((wanted >= 0 && wanted != i) || !reaches(routing, topology, at, home))
+                continue;
+            if (wanted == i || node.kind == NodeKind::switch_node)
+                return at;
+            if (!adapter)
+                adapter = at;
+        }
     }
-    if (wanted >= 0 || adapter < 0)
-        throw std::invalid_argument("no node for the subnet manager");
-    return {adapter, 1};
+    if (adapter)
+        return *adapter;
+    throw InputError(topology.file, 0,
+                     home < 0 ? "no node for the subnet manager"
+                              : topology.nodes[static_cast<std::size_t>(home)].name +
+                                    " has no link by which a subnet manager could reach it");
 }
 
 }  // namespace
@@ -64,7 +85,7 @@ Subnet::Subnet(const Topology& topology, const SubnetOptions& options, int home)
     MutexLock lock(mutex_);
     add_end_ports(topology, options);
     give_lids(topology);
-    manager_.at = choose_manager(topology, options.sm_node);
+    manager_.at = choose_manager(topology, routing_, home, options.sm_node);
     manager_.lid = known(manager_.at).lid;
     manager_.sl = options.sm_sl;
 }

@@ -34,14 +34,15 @@ struct Way {
 struct SubnetOptions {
     std::uint8_t lmc = 0;  ///< of adapter ports; with one given, LIDs of the file that do not fit
                            ///< are replaced
-    int sm_node = -1;      ///< where the manager sits; by default the first switch, else the first
-                           ///< adapter
+    int sm_node = -1;      ///< where the manager sits; by default the first switch that our host
+                           ///< hears, else the first such adapter port
     std::uint8_t sm_sl = 0;
 };
 
 class Subnet {
   public:
-    /// Gives out the LIDs. Throws InputError for LIDs that overlap and when there are none left.
+    /// Gives out the LIDs. Throws InputError for LIDs that overlap, when there are none left, and
+    /// when no manager would be heard at home.
     /// The topology must outlive the subnet.
     /// `home`: the node from or to which most ways are asked for; -1: none.
     Subnet(const Topology& topology, const SubnetOptions& options, int home = -1);

@@ -188,4 +188,19 @@ TEST(SubnetManagerTest, KeepsGivenLidsAndGivesTheMissingOnes) {
     }
 }
 
+/* Where the manager sits, by which node is our host: never on an island that it is not on. */
+TEST(SubnetManagerTest, SitsWhereOurHostHearsIt) {
+    const Topology topology = read_fabric(
+        "Switch 4 \"Empty\"\nSwitch 4 \"Island\"\n[1] \"Robinson\"[1]\n"
+        "Switch 4 \"Main\"\n[1] \"Us\"[2]\n"
+        "Ca 1 \"Robinson\"\nCa 2 \"Us\"\nCa 1 \"Left\"\n[1] \"Right\"[1]\nCa 1 \"Right\"\n"
+        "Ca 1 \"Alone\"\n");
+    enum Index { empty, island, mainland, robinson, us, left, right, alone };
+    const std::pair<int, int> places[] = {
+        {robinson, island}, {us, mainland}, {left, left}, {right, left}};
+    for (const auto& [home, place] : places)
+        EXPECT_EQ(Subnet(topology, {}, home).manager().at.node, place) << home;
+    EXPECT_THROW(Subnet(topology, {}, alone), InputError);
+}
+
 }  // namespace
