@@ -10,6 +10,7 @@
 #include "app/console.h"
 #include "app/kmsg.h"
 #include "app/machine.h"
+#include "app/metrics.h"
 #include "app/mount.h"
 #include "app/report.h"
 #include "app/stop_signals.h"
@@ -86,10 +87,11 @@ int run(const ConsoleOptions& options) {
         terminal.post_log(line.text + "\n");
     });
     machine.start();
+    const Metrics metrics(machine);
     machine.switch_on();
     Console console(machine, site, terminal);
     console_of_terminal = &console;
-    const Mount::Serving serving = mount.serve();
+    const Mount::Serving serving = mount.serve([&] { return metrics.text(); });
     const bool all_well = converse(console, terminal, End(machine, ticks_of(options.seconds)));
     const Departure& departure = machine.stop();
     terminal.print(format_departure(departure));

@@ -13,6 +13,7 @@
 #include <new>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "app/mount_fuse.h"
@@ -110,10 +111,11 @@ bool Mount::gone() const {
     return mounted_ && mounted_->gone;
 }
 
-Mount::Serving::Serving(Mount& mount) : mount_(mount) {
+Mount::Serving::Serving(Mount& mount, std::function<std::string()> metrics) : mount_(mount) {
     if (!mount_.mounted_)
         return;
     Mounted& mounted = *mount_.mounted_;
+    mounted.tree.show_metrics(std::move(metrics));
     for (std::size_t i = 0; i < server_threads; ++i)
         mounted.threads.emplace_back([&mounted] { mounted.serve(); });
 }

@@ -11,7 +11,7 @@
 //     Mount mount(directory, kmsg);
 //     Machine machine(...);
 //     machine.start();
-//     const Mount::Serving serving = mount.serve();
+//     const Mount::Serving serving = mount.serve(metrics);
 //
 // The directory is unmounted also when a signal kills the program, as far as a signal can be
 // caught. After SIGKILL a dead mount stays, which fusermount3 -u takes away.
@@ -20,8 +20,10 @@
 // could not even be killed any more.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "app/command_line.h"
 #include "app/kmsg.h"
@@ -43,7 +45,7 @@ class Mount {
     /// While it exists, requests are answered by threads of its own, several at once.
     class Serving {
       public:
-        explicit Serving(Mount& mount);
+        Serving(Mount& mount, std::function<std::string()> metrics);
         /// Lets the requests that run come to their end, and closes all files.
         ~Serving();
         Serving(const Serving&) = delete;
@@ -52,7 +54,10 @@ class Mount {
       private:
         Mount& mount_;
     };
-    [[nodiscard]] Serving serve() { return Serving(*this); }
+    /// `metrics` gives the text of the file of that name, as long as the Serving exists.
+    [[nodiscard]] Serving serve(std::function<std::string()> metrics) {
+        return Serving(*this, std::move(metrics));
+    }
 
     /// Somebody has unmounted the directory.
     bool gone() const;

@@ -18,8 +18,10 @@ namespace app {
 namespace {
 
 constexpr std::string_view kmsg_path = "/kmsg";
+constexpr std::string_view metrics_directory = "/quorvane/tarv";
+constexpr std::string_view metrics_path = "/quorvane/tarv/metrics";
 constexpr mode_t root_mode = 0555;
-constexpr mode_t kmsg_mode = 0444;
+constexpr mode_t kmsg_mode = 0444;  // and that of metrics
 
 [[noreturn]] void fail(int error) {
     throw std::system_error(error, std::generic_category());
@@ -106,13 +108,38 @@ class MountTree::OpenKmsg final : public MountTree::OpenFile {
     std::uint64_t forgotten_ = 0;  // bytes in front of this reader's offset 0
 };
 
+class MountTree::OpenMetrics final : public MountTree::OpenFile {
+  public:
+    explicit OpenMetrics(std::string text) : text_(std::move(text)) {}
+    std::string read(std::size_t size, std::uint64_t offset) override {
+        return offset < text_.size() ? text_.substr(offset, size) : "";
+    }
+    long write(const std::string&) override { return -EBADF; }
+
+  private:
+    const std::string text_;
+};
+
 MountTree::~MountTree() = default;
+
+void MountTree::show_metrics(std::function<std::string()> text) {
+    const std::lock_guard guard(mutex_);
+    metrics_ = std::move(text);
+}
+
+/* They go with the module's own files. */
+bool MountTree::has_metrics() const {
+    const std::lock_guard guard(mutex_);
+    return metrics_ && find_entry(std::string(metrics_directory));
+}
 
 struct stat MountTree::attributes(const std::string& path) const {
     if (path == "/")
         return make_attributes(root_mode, true);
     if (path == kmsg_path)
         return kmsg_attributes(kmsg_.extent());
+    if (path == metrics_path && has_metrics())
+        return make_attributes(kmsg_mode, false);
     const auto entry = find_entry(path);
     if (!entry)
         fail(ENOENT);
@@ -126,6 +153,8 @@ std::vector<std::string> MountTree::names_in(const std::string& path) const {
     std::vector<std::string> names;
     if (prefix.empty())
         names.emplace_back(kmsg_path.substr(1));
+    if (path == metrics_directory && has_metrics())
+        names.emplace_back(metrics_path.substr(metrics_directory.size() + 1));
     for (const std::string& entry : host::proc_entries()) {
         std::string name = entry.starts_with(prefix) ? entry.substr(prefix.size()) : "";
         if (name.ends_with('/'))
@@ -138,10 +167,13 @@ std::vector<std::string> MountTree::names_in(const std::string& path) const {
 
 std::uint64_t MountTree::open(const std::string& path, int flags) {
     std::shared_ptr<OpenFile> file;
-    if (path != kmsg_path)
+    const bool metrics = path == metrics_path && has_metrics();
+    if (path != kmsg_path && !metrics)
         file = std::make_shared<OpenProcFile>(path.substr(1));
     else if ((flags & O_ACCMODE) != O_RDONLY)
         fail(EACCES);
+    else if (metrics)
+        file = std::make_shared<OpenMetrics>(metrics_());
     else
         file = std::make_shared<OpenKmsg>(kmsg_);
     const std::lock_guard guard(mutex_);

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // What stands below a mounted directory, whoever serves it: the entries of the host's /proc under
-// their own names, and kmsg, the console's lines.
+// their own names, kmsg, the console's lines, and beside the module's files metrics, which the host
+// makes at each opening.
 //
 // The calls are those of a file system. What fails throws std::system_error with the error that the
 // caller of the system call is to get. All may come from any thread, while a host::Kernel exists.
@@ -11,6 +12,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,6 +29,9 @@ class MountTree {
     ~MountTree();
     MountTree(const MountTree&) = delete;
     MountTree& operator=(const MountTree&) = delete;
+
+    /// What gives the text of metrics; without it there is no such file.
+    void show_metrics(std::function<std::string()> text);
 
     // Paths begin with a slash; "/" is the mounted directory itself.
 
@@ -51,12 +56,16 @@ class MountTree {
     class OpenFile;
     class OpenProcFile;
     class OpenKmsg;
+    class OpenMetrics;
+
+    bool has_metrics() const;
 
     std::shared_ptr<OpenFile> find(std::uint64_t file) const;
     void wait_for_closings();
 
     const Kmsg& kmsg_;
     mutable std::mutex mutex_;  // guards all below
+    std::function<std::string()> metrics_;
     std::condition_variable closed_;
     unsigned closings_ = 0;
     std::uint64_t next_ = 1;

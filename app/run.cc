@@ -23,6 +23,7 @@
 #include "app/kmsg.h"
 #include "app/latency.h"
 #include "app/machine.h"
+#include "app/metrics.h"
 #include "app/mount.h"
 #include "app/options.h"
 #include "app/output.h"
@@ -148,9 +149,14 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
         if (!for_programs(options))
             output.say(text);
     };
+    // A resolver looks at the packets itself.
+    std::optional<Metrics> metrics;
     machine.start();
+    if (!options.resolve_all)
+        metrics.emplace(machine);
     machine.switch_on();
-    const Mount::Serving serving = mount.serve();
+    const Mount::Serving serving =
+        mount.serve(metrics ? [&] { return metrics->text(); } : std::function<std::string()>());
     say((quiet ? "" : "\n") + format_machine(machine));
     if (skipped_lines > 0)
         say("Host list  " + std::to_string(skipped_lines) + " lines skipped, about none of them\n");

@@ -87,7 +87,7 @@ refusals_start_nothing() {
 
 tree_is_that_of_proc() {
     equal "$(cd "$directory" && find . | sort | tr '\n' ' ')" \
-        ". ./kmsg ./quorvane ./quorvane/tarv ./quorvane/tarv/control ./quorvane/tarv/version "
+        ". ./kmsg ./quorvane ./quorvane/tarv ./quorvane/tarv/control ./quorvane/tarv/metrics ./quorvane/tarv/version "
     equal "$(stat -c '%A %s' "$control" "$version" | tr '\n' ' ')" "-rw-r--r-- 0 -r--r--r-- 0 "
     equal "$(stat -c %A "$directory/quorvane" "$kmsg" | tr '\n' ' ')" "dr-xr-xr-x -r--r--r-- "
     equal "$(cut -d' ' -f1,2 "$version")" "tarv 1.21"
@@ -111,6 +111,31 @@ entries_are_added_shown_and_removed() {
     equal "$(table "$control")" "10.9.0.2 00:AA:00:00:12:34 ipoib"
     echo fly 10.9.0.3 >"$control" || fail "a write is taken whatever it says"
     contains "$kmsg" "<4>[" && contains "$kmsg" "pqn /proc: unknown command: 'fly' '10.9.0.3'" || fail "fly"
+}
+
+# metric NAME: its value, which may have labels.
+metric() { awk -v name="$1" '$1 == name { print $2 }' "$directory/quorvane/tarv/metrics"; }
+has_both_paths() { grep -q '^10.0.0.2 .*0x3ff' "$control"; }
+
+metrics_follow_what_happens() {
+    local metrics=$directory/quorvane/tarv/metrics
+    local asked='tarv_packets_total{port="1",direction="out",kind="arp_request"}' before entries
+    before=$(metric "$asked")
+    entries=$(metric tarv_cache_entries)
+    echo invalidate 10.0.0.2 2 >"$control"
+    within has_both_paths
+    equal "$(($(metric "$asked") - before))" 1
+    equal "$(metric 'tarv_packets_total{port="1",direction="in",kind="arp_reply"}')" 1
+    equal "$(metric tarv_cache_entries)" $((entries + 1))
+    equal "$(metric tarv_requests_pending\{for=\"paths\"\})" 0
+    echo remove 10.0.0.2 >"$control"
+    equal "$(metric tarv_cache_entries)" "$entries"
+    equal "$(tail -n 1 "$metrics")" "# EOF"
+    # Each sample is of a family that was announced, and has a number.
+    equal "$(awk '$2 == "TYPE" { type[$3] = $4; next } /^#/ { next }
+        { name = $1; sub(/\{.*/, "", name); if (type[name] != "gauge") sub(/_total$/, "", name) }
+        !(name in type) || $2 !~ /^[0-9.]+$/' "$metrics")" ""
+    ! echo x 2>/dev/null >"$metrics" || fail "metrics were written to"
 }
 
 table_is_read_as_the_kernels() {
@@ -278,6 +303,7 @@ refusals_start_nothing
 start
 tree_is_that_of_proc
 entries_are_added_shown_and_removed
+metrics_follow_what_happens
 table_is_read_as_the_kernels
 interrupted_readers_leave_nothing_held
 one_write_is_one_command
