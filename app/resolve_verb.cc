@@ -86,6 +86,7 @@ int resolve(const ResolveVerb& options, Output& output) {
     machine.start();
     machine.switch_on();
     std::vector<Peer> peers;
+    peers.reserve(wanted.size());
     for (const std::size_t host : wanted)
         peers.push_back(peer_at(machine, host));
     if (wanted.empty())

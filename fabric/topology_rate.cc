@@ -70,10 +70,12 @@ int data_bandwidth(std::uint8_t code) {
 
 std::uint8_t next_slower_rate(std::uint8_t code) {
     std::uint8_t next = 0;
-    for (std::uint8_t other = 0; other < rate_codes.size(); ++other)
+    for (std::size_t i = 0; i < rate_codes.size(); ++i) {
+        const auto other = static_cast<std::uint8_t>(i);
         if (data_bandwidth(other) < data_bandwidth(code) &&
             data_bandwidth(other) > data_bandwidth(next))
             next = other;
+    }
     return next;
 }
 

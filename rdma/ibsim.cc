@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 namespace rdma {
 namespace {
@@ -77,7 +78,7 @@ class Socket {
   public:
     Socket() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         if (fd_ < 0)
-            throw DeviceError(std::string("no socket could be made: ") + std::strerror(errno));
+            throw DeviceError("no socket could be made: " + std::generic_category().message(errno));
     }
     ~Socket() { close(fd_); }
     Socket(const Socket&) = delete;
@@ -98,7 +99,7 @@ class Socket {
 };
 
 std::string server_name() {
-    const char* const given = std::getenv("IBSIM_SOCKNAME");
+    const char* const given = secure_getenv("IBSIM_SOCKNAME");
     return given != nullptr && *given != '\0' ? given : default_name;
 }
 

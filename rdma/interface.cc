@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <system_error>
 
 #include "rdma/transport.h"
 
@@ -113,16 +114,18 @@ union PacketAddress {
 int open_socket(const Interface& interface) {
     const int fd = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ethertype_arp));
     if (fd < 0)
-        throw DeviceError(std::string("no packet socket can be opened: ") + std::strerror(errno) +
-                          "; that takes CAP_NET_RAW, as root has");
+        throw DeviceError(
+            "no packet socket can be opened: " + std::generic_category().message(errno) +
+            "; that takes CAP_NET_RAW, as root has");
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
     address.sll_protocol = htons(ethertype_arp);
     address.sll_ifindex = interface.index;
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const int error = errno;
         close(fd);
         throw DeviceError("the packet socket cannot be bound to " + interface.name + ": " +
-                          std::strerror(errno));
+                          std::generic_category().message(error));
     }
     return fd;
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 namespace rdma {
 namespace {
@@ -81,7 +82,7 @@ class UmadPort final : public Transport {
     }
 
   private:
-    static std::string why(int error) { return std::strerror(error); }
+    static std::string why(int error) { return std::generic_category().message(error); }
 
     const int id_;
     int smi_ = -1;
