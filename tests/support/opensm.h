@@ -119,7 +119,7 @@ class Ground {
         : Ground(topology, manager, {}) {}
     Ground(const std::string& topology, const std::string& manager, const Options& options)
         : options_(options) {
-        std::string name = "/tmp/tarv-ground-XXXXXX";
+        std::string name = std::filesystem::temp_directory_path() / "tarv-ground-XXXXXX";
         if (!mkdtemp(name.data()))
             throw std::runtime_error("no directory for the test");
         directory_ = name;
