@@ -53,16 +53,16 @@ bool reaches(Routing& routing, const Topology& topology, PortId from, int home) 
 
 /* A switch before an adapter, and none that the host at home could not hear: such a manager would
  * look like one that hangs. */
-PortId choose_manager(const Topology& topology, Routing& routing, int home, int wanted) {
+PortId choose_manager(const Topology& topology, Routing& routing, int home) {
     std::optional<PortId> adapter;
     for (int i = 0; i < static_cast<int>(topology.nodes.size()); i++) {
         const Node& node = topology.nodes[static_cast<std::size_t>(i)];
         auto [first, end] = end_ports_of(node);
         for (int port = first; port < end; port++) {
             const PortId at{i, port};
-            if ((wanted >= 0 && wanted != i) || !reaches(routing, topology, at, home))
+            if (!reaches(routing, topology, at, home))
                 continue;
-            if (wanted == i || node.kind == NodeKind::switch_node)
+            if (node.kind == NodeKind::switch_node)
                 return at;
             if (!adapter)
                 adapter = at;
@@ -85,7 +85,7 @@ Subnet::Subnet(const Topology& topology, const SubnetOptions& options, int home)
     MutexLock lock(mutex_);
     add_end_ports(topology, options);
     give_lids(topology);
-    manager_.at = choose_manager(topology, routing_, home, options.sm_node);
+    manager_.at = choose_manager(topology, routing_, home);
     manager_.lid = known(manager_.at).lid;
     manager_.sl = options.sm_sl;
 }

@@ -34,8 +34,6 @@ struct Way {
 struct SubnetOptions {
     std::uint8_t lmc = 0;  ///< of adapter ports; with one given, LIDs of the file that do not fit
                            ///< are replaced
-    int sm_node = -1;      ///< where the manager sits; by default the first switch that our host
-                           ///< hears, else the first such adapter port
     std::uint8_t sm_sl = 0;
 };
 
