@@ -15,47 +15,54 @@ using Json = nlohmann::ordered_json;
 
 constexpr int json_version = 1;
 
-/* A path of a record, with the number of the port of ours at which it begins; 0: none. */
-struct Path {
-    const char* kind;
-    int port;
-    const ib_path_record_v2_t* record;
-};
+/* The number of the port of ours at which the path begins; 0: none. */
+int port_of(const RecordPath& path, const std::vector<fabric::EndPort>& ports) {
+    const auto at =
+        std::ranges::find(ports, fabric::wire(path.record->sgid), &fabric::EndPort::gid);
+    return at == ports.end() ? 0 : at->at.port;
+}
 
-std::vector<Path> paths_of(const Peer& peer, const std::vector<fabric::EndPort>& ports) {
-    constexpr struct {
-        const char* kind;
-        unsigned mask;
-    } kinds[] = {{"primary", TARV_MASK_PRIMARY_PATH}, {"secondary", TARV_MASK_SECONDARY_PATH}};
-    std::vector<Path> paths;
-    for (std::size_t i = 0; i < std::size(kinds); ++i) {
-        if (!peer.resolved || (peer.record.mask & kinds[i].mask) == 0)
-            continue;
-        const ib_path_record_v2_t& record = peer.record.paths[i];
-        const auto at = std::ranges::find(ports, fabric::wire(record.sgid), &fabric::EndPort::gid);
-        paths.push_back({kinds[i].kind, at == ports.end() ? 0 : at->at.port, &record});
-    }
-    return paths;
+std::vector<RecordPath> paths_of(const Peer& peer) {
+    return peer.resolved ? app::paths_of(peer.record) : std::vector<RecordPath>();
 }
 
 const char* state_of(const Peer& peer) {
     return peer.resolved ? "resolved" : peer.asked ? "unresolved" : "not asked";
 }
 
-Json to_json(const Path& path) {
+double gigabits(std::uint8_t rate) {
+    return fabric::rate_bandwidth(rate) / 10.0;
+}
+
+Json hops_to_json(const RecordPath& path, Ways& ways) {
+    Json all = Json::array();
+    for (const Hop& hop : ways.hops(path.record->sgid, path.record->dgid)) {
+        Json row = {{"node", ways.name(hop)}};
+        if (hop.in)
+            row["in"] = hop.in;
+        if (hop.out) {
+            row["out"] = hop.out;
+            row["rate_gbps"] = gigabits(hop.rate);
+        }
+        all.push_back(row);
+    }
+    return all;
+}
+
+Json to_json(const RecordPath& path, int port) {
     const ib_path_record_v2_t& record = *path.record;
     return {{"kind", path.kind},
-            {"port", path.port},
+            {"port", port},
             {"slid", record.slid},
             {"dlid", record.dlid},
             {"pkey", record.pkey},
             {"sl", record.sl},
-            {"rate_gbps", fabric::rate_bandwidth(record.rate) / 10.0},
+            {"rate_gbps", gigabits(record.rate)},
             {"mtu", record.mtu >= 1 && record.mtu <= 5 ? 128 << record.mtu : 0}};
 }
 
-Json to_json(const fabric::Host& host, const Peer& peer,
-             const std::vector<fabric::EndPort>& ports) {
+Json to_json(const fabric::Host& host, const Peer& peer, const std::vector<fabric::EndPort>& ports,
+             Ways* ways) {
     Json row = {{"address", fabric::format_ip(host.ip)},
                 {"host", host.machine()},
                 {"rail", host.rail},
@@ -68,8 +75,11 @@ Json to_json(const fabric::Host& host, const Peer& peer,
     row["qpn"] = peer.record.qpn & 0xFFFFFF;
     row["gid"] = format_gid(peer.record.gid);
     row["paths"] = Json::array();
-    for (const Path& path : paths_of(peer, ports))
-        row["paths"].push_back(to_json(path));
+    for (const RecordPath& path : paths_of(peer)) {
+        row["paths"].push_back(to_json(path, port_of(path, ports)));
+        if (ways)
+            row["paths"].back()["hops"] = hops_to_json(path, *ways);
+    }
     Json& latency = row["latency_ns"] = Json::object();
     for (const auto& [key, duration] : {std::pair("resolution", peer.learned),
                                         {"arp", peer.arp},
@@ -135,11 +145,11 @@ std::string nanoseconds(const std::optional<Duration>& duration) {
 }  // namespace
 
 std::string to_json(Machine& machine, const Resolver& resolver, const std::vector<Peer>& peers,
-                    const Departure& departure) {
+                    const Departure& departure, Ways* ways) {
     Json rows = Json::array();
     const std::vector<fabric::EndPort> ports = our_ports(machine);
     for (const Peer& peer : peers)
-        rows.push_back(to_json(machine.site().hosts[peer.host], peer, ports));
+        rows.push_back(to_json(machine.site().hosts[peer.host], peer, ports, ways));
     const Json result = {
         {"version", json_version},
         {"fabric", machine.site().topology.file},
@@ -172,9 +182,9 @@ std::string to_csv(Machine& machine, const std::vector<Peer>& peers) {
             cells[6] = std::to_string(peer.record.qpn & 0xFFFFFF);
             cells[7] = format_gid(peer.record.gid);
         }
-        for (const Path& path : paths_of(peer, ports)) {
+        for (const RecordPath& path : paths_of(peer)) {
             cells.resize(path.kind == std::string("primary") ? 8 : 13);
-            for (const unsigned number : {static_cast<unsigned>(path.port),
+            for (const unsigned number : {static_cast<unsigned>(port_of(path, ports)),
                                           unsigned{path.record->slid}, unsigned{path.record->dlid}})
                 cells.push_back(std::to_string(number));
             cells.push_back(format_rate(path.record->rate));

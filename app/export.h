@@ -7,15 +7,16 @@
 #include <string>
 #include <vector>
 
+#include "app/hops.h"
 #include "app/machine.h"
 #include "app/resolve.h"
 
 namespace app {
 
 /// A JSON text. Its member "version" changes when one that it has is taken away or gets another
-/// meaning. `peers` are those to be told; the rest is about all.
+/// meaning. `peers` are those to be told; the rest is about all. With `ways` each path has its hops.
 std::string to_json(Machine& machine, const Resolver& resolver, const std::vector<Peer>& peers,
-                    const Departure& departure);
+                    const Departure& departure, Ways* ways = nullptr);
 
 /// A line of names and a line for each peer, as RFC 4180 has them but for the line ends, which are
 /// this system's.

@@ -89,6 +89,13 @@ unsigned long ticks_of(double seconds) {
     return seconds > 0 ? static_cast<unsigned long>(std::llround(seconds * HZ)) : ~0ul;
 }
 
+std::vector<std::string> names_of(const Site& site) {
+    std::vector<std::string> names;
+    for (const fabric::Host& host : site.hosts)
+        names.push_back(host.machine());
+    return names;
+}
+
 Site read_picture(const HostOptions& options) {
     Site site;
     site.topology = read_fabric(options.fabric);
@@ -101,14 +108,10 @@ Site read_site(const HostOptions& options) {
         return read_adapter_site(options);
     Site site = read_picture(options);
     const auto us = fabric::choose_host(site.topology, site.hosts, options.as);
-    if (!us) {
-        std::vector<std::string> names;
-        for (const fabric::Host& host : site.hosts)
-            names.push_back(host.machine());
+    if (!us)
         throw UsageError("--as: no host of " + site.topology.file +
                          " with an address is called \"" + options.as + "\"" +
-                         suggest(options.as, names));
-    }
+                         suggest(options.as, names_of(site)));
     site.us = *us;
     return site;
 }

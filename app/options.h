@@ -52,6 +52,9 @@ struct Site {
     const fabric::Host& our_host() const { return hosts[us]; }
 };
 
+/// What people call its hosts, in their order.
+std::vector<std::string> names_of(const Site& site);
+
 /// Reads the topology that the options name, and its hosts; which of them we are is left open.
 /// Throws as read_site() for files and the command line.
 Site read_picture(const HostOptions& options);

@@ -29,19 +29,9 @@ std::string count(std::size_t number, const char* noun) {
     return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
 
-/* The paths that a record holds, primary first. */
-std::vector<const ib_path_record_v2_t*> paths_of(const tarv_arp_data_t& record) {
-    std::vector<const ib_path_record_v2_t*> paths;
-    if (record.mask & TARV_MASK_PRIMARY_PATH)
-        paths.push_back(&record.paths[0]);
-    if (record.mask & TARV_MASK_SECONDARY_PATH)
-        paths.push_back(&record.paths[1]);
-    return paths;
-}
-
 /* "12 <- 11": the peer's LID and ours on the path that begins at a port of ours. */
 std::string path_cell(const tarv_arp_data_t& record, const fabric::Gid& port) {
-    for (const ib_path_record_v2_t* path : paths_of(record))
+    for (const auto& [kind, path] : paths_of(record))
         if (fabric::wire(path->sgid) == port)
             return text("%u <- %u", unsigned{path->dlid}, unsigned{path->slid});
     return "-";
@@ -51,7 +41,7 @@ std::string path_cell(const tarv_arp_data_t& record, const fabric::Gid& port) {
 template <class Format>
 std::string property_cell(const tarv_arp_data_t& record, Format format) {
     Row values;
-    for (const ib_path_record_v2_t* path : paths_of(record))
+    for (const auto& [kind, path] : paths_of(record))
         values.push_back(format(*path));
     if (values.empty())
         return "-";
@@ -141,6 +131,15 @@ std::vector<Peer> choose_peers(Machine& machine, std::vector<Peer> peers, const 
     else if (sort == "latency")
         by([](const Peer& peer) { return ~peer.learned.value_or(~Duration{0}); });
     return peers;
+}
+
+std::vector<RecordPath> paths_of(const tarv_arp_data_t& record) {
+    std::vector<RecordPath> paths;
+    if (record.mask & TARV_MASK_PRIMARY_PATH)
+        paths.push_back({"primary", &record.paths[0]});
+    if (record.mask & TARV_MASK_SECONDARY_PATH)
+        paths.push_back({"secondary", &record.paths[1]});
+    return paths;
 }
 
 unsigned lid_of(const tarv_arp_data_t& record) {
@@ -243,15 +242,12 @@ std::string format_records(Machine& machine, const std::vector<Peer>& peers) {
         result += text("  GID %s, QPN 0x%06x, flags 0x%02x, LID %u, through port %u\n",
                        format_gid(record.gid).c_str(), record.qpn & 0xFFFFFF,
                        unsigned{record.cap_flg}, lid_of(record), record.local_port_num);
-        const char* which = "primary  ";
-        for (const ib_path_record_v2_t* path : paths_of(record)) {
+        for (const auto& [kind, path] : paths_of(record))
             result +=
-                text("  %s path  LID %u -> %u, %s, MTU %s, SL %u, P_Key 0x%04x, from %s\n", which,
+                text("  %-9s path  LID %u -> %u, %s, MTU %s, SL %u, P_Key 0x%04x, from %s\n", kind,
                      unsigned{path->slid}, unsigned{path->dlid}, format_rate(path->rate).c_str(),
                      format_mtu(path->mtu).c_str(), unsigned{path->sl}, unsigned{path->pkey},
                      format_gid(path->sgid).c_str());
-            which = "secondary";
-        }
     }
     return result;
 }

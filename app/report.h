@@ -44,6 +44,13 @@ std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& 
 /// That nothing remains, in one line with the totals, or what does, one line each.
 std::string format_departure(const Departure& departure);
 
+struct RecordPath {
+    const char* kind;  ///< "primary" or "secondary"
+    const ib_path_record_v2_t* record;
+};
+/// The paths that a record holds, primary first. They point into it.
+std::vector<RecordPath> paths_of(const tarv_arp_data_t& record);
+
 /// The peer's LID. The path tells it for certain: a driver may not know from which an ARP packet
 /// came.
 unsigned lid_of(const tarv_arp_data_t& record);

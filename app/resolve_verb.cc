@@ -13,12 +13,14 @@
 #include <utility>
 #include <vector>
 
+#include "app/hops.h"
 #include "app/machine.h"
 #include "app/options.h"
 #include "app/output.h"
 #include "app/report.h"
 #include "app/resolve.h"
 #include "app/stop_signals.h"
+#include "app/suggest.h"
 #include "app/table.h"
 #include "app/verbs.h"
 
@@ -29,6 +31,7 @@ struct ResolveVerb {
     HostOptions host;
     std::vector<std::string> addresses;
     bool one_path = false;
+    bool hops = false;
     double seconds = 0;  // 0: no limit
 };
 
@@ -55,7 +58,8 @@ std::size_t find_host(Site& site, const std::string& word) {
     if (found == site.hosts.end() && !ip) {
         ip = look_up(word);
         if (!ip)
-            throw UsageError("\"" + word + "\" is no address, and no host is known by that name");
+            throw UsageError("\"" + word + "\" is no address, and no host is known by that name" +
+                             suggest(word, names_of(site)));
         found = std::ranges::find_if(site.hosts, named);
     }
     if (found == site.hosts.end())
@@ -64,13 +68,14 @@ std::size_t find_host(Site& site, const std::string& word) {
 }
 
 /* In full what was asked for, one by one; of all a line each. */
-std::string format_result(Machine& machine, const Resolver& resolver, bool in_full) {
+std::string format_result(Machine& machine, const Resolver& resolver, bool in_full, bool hops) {
     const std::size_t width = terminal_width(STDOUT_FILENO);
     const std::vector<Peer>& peers = resolver.peers();
+    const std::string ways = hops ? "\n" + format_hops(machine, peers, width, peers.size()) : "";
     if (in_full)
-        return format_records(machine, peers) + format_unresolved(machine, peers, width);
+        return format_records(machine, peers) + format_unresolved(machine, peers, width) + ways;
     return format_peers(machine, peers, width) + format_unresolved(machine, peers, width) + "\n" +
-           format_counts(resolver.counts(), peers, width);
+           format_counts(resolver.counts(), peers, width) + ways;
 }
 
 /* The module's own lines go to standard error, so that the answer can be piped. */
@@ -79,6 +84,8 @@ int resolve(const ResolveVerb& options, Output& output) {
     std::vector<std::size_t> wanted;
     for (const std::string& word : options.addresses)
         wanted.push_back(find_host(site, word));
+    if (options.hops)
+        require_topology(site);
     const StopSignals signals;
     Output log(STDERR_FILENO);
     Machine machine(std::move(site), options.host, {host::Clock::real_time},
@@ -98,7 +105,7 @@ int resolve(const ResolveVerb& options, Output& output) {
     limits.stop = StopSignals::told;
     Resolver resolver(machine, std::move(peers), limits);
     resolver.run();
-    output.say(format_result(machine, resolver, !wanted.empty()));
+    output.say(format_result(machine, resolver, !wanted.empty(), options.hops));
     const Departure& departure = machine.stop();
     if (!departure.clean())
         log.say(format_departure(departure));
@@ -114,6 +121,8 @@ Action declare_resolve(CommandLine& line) {
     line.flag("--one-path", options->one_path,
               "Be content with one path (otherwise two are wanted where our ports or\n"
               "their LIDs make two)");
+    line.flag("--hops", options->hops,
+              "Print each path hop by hop: switches, their ports, and what the links do");
     line.seconds("--for", options->seconds,
                  "Give up after so long (otherwise when the module does)");
     add_host_options(line, options->host);

@@ -20,6 +20,7 @@
 
 #include "app/detach.h"
 #include "app/export.h"
+#include "app/hops.h"
 #include "app/kmsg.h"
 #include "app/latency.h"
 #include "app/machine.h"
@@ -46,12 +47,14 @@ struct RunOptions {
     bool json = false;
     bool csv = false;
     bool histogram = false;
+    bool hops = false;
     bool detach = false;
     bool quiet = false;
     double seconds = 0;  // 0: no limit
 };
 
 constexpr std::size_t most_rows = 40;     // at a terminal
+constexpr std::size_t most_ways = 10;     // the same
 constexpr unsigned long idle_ticks = 20;  // between two looks at what ends the run
 
 /* One line on a terminal, rewritten, for a run that takes longer than a glance; nothing where
@@ -103,6 +106,8 @@ std::string format_result(const RunOptions& options, Machine& machine, const Res
     if (options.histogram)
         for (const Latencies& row : latencies)
             parts.push_back(format_histogram(row, width));
+    if (options.hops)
+        parts.push_back(format_hops(machine, peers, width, all ? peers.size() : most_ways));
     std::string text;
     for (const std::string& part : parts)
         text += part.empty() ? "" : "\n" + part;
@@ -134,6 +139,8 @@ std::string format_ready(const RunOptions& options, const Detachment* detachment
 }
 
 int run_host(const RunOptions& options, Site site, Output& output, Detachment* detachment) {
+    if (options.hops)
+        require_topology(site);
     const std::size_t skipped_lines = site.skipped_lines;
     Kmsg kmsg;
     Mount mount(options.mount, kmsg);
@@ -180,8 +187,12 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
     if (!resolver)
         return departure.clean() ? 0 : 1;
     const auto peers = choose_peers(machine, resolver->peers(), options.only, options.sort);
-    if (options.json)
-        output.say(to_json(machine, *resolver, peers, departure));
+    if (options.json) {
+        std::optional<Ways> ways;
+        if (options.hops)
+            ways.emplace(machine.site());
+        output.say(to_json(machine, *resolver, peers, departure, ways ? &*ways : nullptr));
+    }
     if (options.csv)
         output.say(to_csv(machine, peers));
     if (!options.plot.empty())
@@ -192,7 +203,7 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
 
 void check(const RunOptions& options) {
     const bool about_peers = for_programs(options) || options.all || options.histogram ||
-                             !options.only.empty() || !options.sort.empty() ||
+                             options.hops || !options.only.empty() || !options.sort.empty() ||
                              !options.plot.empty();
     if (about_peers && !options.resolve_all)
         throw UsageError("what was asked for is about the peers, which --resolve-all resolves");
@@ -228,6 +239,8 @@ Action declare_run(CommandLine& line) {
     line.flag("--json", options->json, "Print the result for programs, as JSON");
     line.flag("--csv", options->csv, "Print the peers as comma-separated values");
     line.flag("--histogram", options->histogram, "Print how many resolutions took how long");
+    line.flag("--hops", options->hops,
+              "Print each path hop by hop: switches, their ports, and what the links do");
     line.text("--plot", options->plot, "FILE.svg", "Save the latencies as a picture");
     line.seconds("--for", options->seconds,
                  "End after so long, resolved or not\n"

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/export.h"
+#include "app/hops.h"
 #include "app/latency.h"
 #include "app/report.h"
 #include "app/table.h"
@@ -86,6 +87,43 @@ TEST(Texts, TakeNoOrdersFromNames) {
     for (const auto& [text, shown] : texts)
         EXPECT_EQ(printable(text), shown);
     EXPECT_EQ(app::display_width("\xe7\xaf\x80\xe7\x82\xb9"), 4u);
+}
+
+// Two leaves below two spines, of which the one by the lower ports has a slow link.
+constexpr const char* two_ways =
+    "Switch 4 \"L1\" # \"left\"\n[1] \"A\"[1] # 4xEDR\n[2] \"S1\"[1] # 4xQDR\n[3] \"S2\"[1] # "
+    "4xEDR\n"
+    "Switch 4 \"L2\" # \"right\"\n[1] \"B\"[1] # 4xEDR\n[2] \"S1\"[2] # 4xEDR\n[4] \"S2\"[2] # "
+    "4xEDR\n"
+    "Switch 2 \"S1\" # \"slow\"\nSwitch 2 \"S2\" # \"fast\"\n"
+    "Ca 1 \"A\" # \"us HCA-1\"\nCa 1 \"B\" # \"them HCA-1\"\n";
+
+TEST(Hops, AreThoseOfThePathThatTheSaComputed) {
+    std::istringstream text(two_ways);
+    app::Site site;
+    site.topology = fabric::read_topology(text, "two");
+    site.hosts = fabric::deal_addresses(site.topology);
+    app::Machine machine(site, {}, host::Options{});
+    machine.start();
+    machine.switch_on();
+    app::Resolver resolver(machine, app::peers_of(machine), {});
+    resolver.run();
+    EXPECT_EQ(app::format_hops(machine, resolver.peers(), 40, 1),
+              "10.0.0.2  them  primary path\n"
+              "  in  node   out      link\n"
+              "      us       1  100 Gb/s\n"
+              "   1  left     3  100 Gb/s\n"
+              "   1  fast     2  100 Gb/s\n"
+              "   4  right    1  100 Gb/s\n"
+              "   1  them\n");
+    EXPECT_EQ(resolver.peers()[0].record.paths[0].rate, fabric::parse_rate("4xEDR"));
+    app::Ways ways(machine.site());
+    const auto& path = resolver.peers()[0].record.paths[0];
+    EXPECT_THAT(ways.hops(path.sgid, {}), IsEmpty());
+    const auto json = nlohmann::json::parse(
+        app::to_json(machine, resolver, resolver.peers(), machine.stop(), &ways));
+    EXPECT_EQ(json["peers"][0]["paths"][0]["hops"][2].dump(),
+              R"({"in":1,"node":"fast","out":2,"rate_gbps":100.0})");
 }
 
 TEST(Table, LeavesOutWhatMattersLeast) {
