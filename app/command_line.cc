@@ -78,6 +78,11 @@ void CommandLine::word(const std::string& name, std::string& value, const std::s
     parts_.verb.add_option(name, value, help)->required();
 }
 
+void CommandLine::optional_word(const std::string& name, std::string& value,
+                                const std::string& help) {
+    parts_.verb.add_option(name, value, help)->type_name("");
+}
+
 void CommandLine::words(const std::string& name, std::vector<std::string>& values,
                         const std::string& help) {
     parts_.verb.add_option(name, values, help)->type_name("");

@@ -41,7 +41,8 @@ class CommandLine {
     void seconds(const std::string& name, double& value, const std::string& help);
     /// A word without an option in front of it, which has to be there.
     void word(const std::string& name, std::string& value, const std::string& help);
-
+    /// One that may be missing.
+    void optional_word(const std::string& name, std::string& value, const std::string& help);
     /// Any number of words.
     void words(const std::string& name, std::vector<std::string>& values, const std::string& help);
 

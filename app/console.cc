@@ -139,6 +139,7 @@ void Console::resolve(const ScriptRequest& request) {
     const tarv_stat_t status =
         get_ib_data(request.ip, request.from, request.paths, &record,
                     request.callback ? on_reply : nullptr, &made, request.invalidate);
+    look_ups_.returned(status, record);
     if (status != tarv_stat_pending)
         --waiting_;
     terminal_.print("resolve " + std::to_string(made.number) + ": " + status_name(status) + "\n" +
@@ -150,6 +151,7 @@ void Console::resolve(const ScriptRequest& request) {
 
 void Console::on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* context) {
     auto& request = *static_cast<Request*>(context);
+    request.console->look_ups_.replied(status);
     const std::string text = format_reply(request.number, status, record);
     {
         const std::lock_guard guard(request.mutex);

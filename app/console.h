@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "app/console_terminal.h"
+#include "app/look_ups.h"
 #include "app/machine.h"
 #include "app/options.h"
 #include "app/script_host.h"
@@ -34,6 +35,7 @@ class Console {
     void perform(const std::string& line);
 
     bool quit() const { return quit_; }
+    const LookUps& look_ups() const { return look_ups_; }
     bool waits_for_replies() const { return waiting_ > 0; }
 
     /// Words that may follow `before`, of those that begin with `word`, sorted.
@@ -66,6 +68,7 @@ class Console {
     Terminal& terminal_;
     std::deque<Request> requests_;  // they stay where they are: the module points at them
     std::atomic<std::size_t> waiting_ = 0;
+    LookUps look_ups_;
     int line_number_ = 0;
     std::set<std::string> addresses_;  // of the fabric, and those that occurred in lines
     bool quit_ = false;

@@ -87,11 +87,11 @@ int run(const ConsoleOptions& options) {
         terminal.post_log(line.text + "\n");
     });
     machine.start();
-    const Metrics metrics(machine);
+    Metrics metrics(machine);
     machine.switch_on();
     Console console(machine, site, terminal);
     console_of_terminal = &console;
-    const Mount::Serving serving = mount.serve([&] { return metrics.text(); });
+    const Mount::Serving serving = mount.serve([&] { return metrics.text(console.look_ups()); });
     const bool all_well = converse(console, terminal, End(machine, ticks_of(options.seconds)));
     const Departure& departure = machine.stop();
     terminal.print(format_departure(departure));

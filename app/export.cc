@@ -105,9 +105,9 @@ Json to_json(const ResolveCounts& counts) {
     return {{"requests_to_learn", counts.first_pass},
             {"requests_to_the_cache", counts.second_pass},
             {"cache_hits", counts.hits},
-            {"arp_requests", counts.traffic.arp_requests},
-            {"path_queries", counts.traffic.path_queries},
-            {"retries", counts.traffic.repeats},
+            {"arp_requests", counts.arp_requests},
+            {"path_queries", counts.path_queries},
+            {"retries", counts.retries},
             {"timeouts", counts.timeouts},
             {"elapsed_ms", counts.ticks}};
 }

@@ -25,6 +25,7 @@ constexpr app::Verb verbs[] = {
      app::declare_console},
     {"script", "Play a situation tick by tick in virtual time, from a file of one verb a line",
      app::declare_script},
+    {"top", "Show a mounted host at a glance, again and again", app::declare_top},
     {"fabric", "Print the fabric as a picture", app::declare_fabric},
 };
 

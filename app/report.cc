@@ -291,9 +291,9 @@ std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& 
          std::to_string(counts.first_pass) + " to learn, " + std::to_string(counts.second_pass) +
              " more to ask the cache"},
         {"cache hits", std::to_string(counts.hits)},
-        {"ARP requests", std::to_string(counts.traffic.arp_requests)},
-        {"path queries", std::to_string(counts.traffic.path_queries)},
-        {"retries", std::to_string(counts.traffic.repeats)},
+        {"ARP requests", std::to_string(counts.arp_requests)},
+        {"path queries", std::to_string(counts.path_queries)},
+        {"retries", std::to_string(counts.retries)},
         {"time-outs", std::to_string(counts.timeouts)},
         {"elapsed", format_seconds(counts.ticks)}};
     return table.format(width);

@@ -142,7 +142,11 @@ void Resolver::run(const ShowProgress& progress) {
         std::erase_if(all, [this](std::size_t peer) { return !peers_[peer].resolved; });
         counts_.second_pass = pass(all, progress);
     }
-    counts_.traffic = traffic_.counts();
+    const QuestionCounts arp = traffic_.counts(Question::arp);
+    const QuestionCounts paths = traffic_.counts(Question::paths);
+    counts_.arp_requests = arp.sent;
+    counts_.path_queries = paths.sent;
+    counts_.retries = arp.repeats + paths.repeats;
     counts_.ticks = machine_.kernel().jiffies() - started_;
     for (std::size_t peer = 0; peer < peers_.size(); ++peer)
         if (!peers_[peer].resolved)

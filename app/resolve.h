@@ -49,7 +49,9 @@ struct ResolveCounts {
     std::size_t second_pass = 0;  ///< requests
     std::size_t hits = 0;         ///< requests that were answered inside the call
     std::size_t timeouts = 0;     ///< requests that ended so
-    TrafficCounts traffic;
+    std::size_t arp_requests = 0;
+    std::size_t path_queries = 0;
+    std::size_t retries = 0;  ///< of both
     unsigned long ticks = 0;
 };
 

@@ -102,6 +102,39 @@ std::size_t terminal_width(int descriptor) {
     return ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
+std::string wrap(const std::string& text, std::size_t width, std::size_t indent) {
+    std::string result;
+    std::size_t column = 0;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find_first_of(" \n", at + 1), text.size());
+        const std::string word = text.substr(at, end - at);  // with the blank before it
+        const std::size_t columns = text[at] == '\n' ? 0 : display_width(word);
+        if (width != 0 && column > indent && column + columns > width && word.starts_with(' ')) {
+            result += "\n" + std::string(indent, ' ') + word.substr(1);
+            column = indent + columns - 1;
+        } else {
+            result += word;
+            column = text[at] == '\n' ? display_width(word.substr(1)) : column + columns;
+        }
+        at = end;
+    }
+    return result;
+}
+
+std::string cut(const std::string& text, std::size_t width, std::size_t height) {
+    std::string result;
+    std::size_t lines = 0;
+    for (std::size_t at = 0; at < text.size() && lines < height; ++lines) {
+        const std::size_t end = std::min(text.find('\n', at), text.size());
+        std::string line = text.substr(at, end - at);
+        while (width != 0 && display_width(line) > width)
+            line.pop_back();
+        result += line + "\n";
+        at = end + 1;
+    }
+    return result;
+}
+
 std::vector<std::size_t> Table::widths() const {
     std::vector<std::size_t> result;
     for (const Column& column : columns)

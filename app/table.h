@@ -20,6 +20,13 @@ std::size_t display_width(const std::string& text);
 /// Columns of the terminal behind the descriptor; 0 where it is none, and there is room for all.
 std::size_t terminal_width(int descriptor);
 
+/// Breaks lines at blanks so that they take no more than `width` columns, where it is not 0 and
+/// words allow; what is broken off is indented by `indent` blanks.
+std::string wrap(const std::string& text, std::size_t width, std::size_t indent = 2);
+
+/// Cuts lines off at `width` columns, where it is not 0, and leaves at most `height` of them.
+std::string cut(const std::string& text, std::size_t width, std::size_t height);
+
 struct Column {
     std::string title;
     char side = 'l';  ///< 'l' or 'r', to which its cells stand

@@ -7,6 +7,7 @@
 
 namespace app {
 
-DeclareVerb declare_run, declare_console, declare_script, declare_resolve, declare_fabric;
+DeclareVerb declare_run, declare_console, declare_script, declare_resolve, declare_fabric,
+    declare_top;
 
 }  // namespace app

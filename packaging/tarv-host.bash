@@ -48,6 +48,9 @@ _tarv_host() {
         mapfile -t COMPREPLY < <(_tarv_host_values "$type" "$word")
     elif [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(cut -d' ' -f1 <<<"$options")" -- "$word")
+    elif [ "$verb" = top ]; then
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -d -- "$word")
     elif [ "$verb" = fabric ]; then
         mapfile -t COMPREPLY < <(compgen -W "dot svg" -- "$word")
     elif [ "$verb" = script ]; then

@@ -190,7 +190,7 @@ TEST_P(Troubles, EndThePassesAndAreExplained) {
     else
         EXPECT_THAT(unresolved, Not(HasSubstr(start)));
     EXPECT_EQ(resolver.counts().timeouts, GetParam().timeouts);
-    EXPECT_EQ(resolver.counts().traffic.repeats, GetParam().repeats);
+    EXPECT_EQ(resolver.counts().retries, GetParam().repeats);
     EXPECT_THAT(machine.stop().remains, IsEmpty());
 }
 

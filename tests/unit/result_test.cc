@@ -9,8 +9,10 @@
 #include "app/export.h"
 #include "app/hops.h"
 #include "app/latency.h"
+#include "app/metrics.h"
 #include "app/report.h"
 #include "app/table.h"
+#include "app/top_view.h"
 
 namespace {
 
@@ -124,6 +126,65 @@ TEST(Hops, AreThoseOfThePathThatTheSaComputed) {
         app::to_json(machine, resolver, resolver.peers(), machine.stop(), &ways));
     EXPECT_EQ(json["peers"][0]["paths"][0]["hops"][2].dump(),
               R"({"in":1,"node":"fast","out":2,"rate_gbps":100.0})");
+}
+
+/* One peer answers, one never does, and one's paths are asked for twice. */
+TEST(Metrics, TellWhatBecameOfRequests) {
+    app::Site site;
+    site.topology = fabric::make_fabric({.hosts = 4});
+    site.hosts = fabric::deal_addresses(site.topology);
+    app::Machine machine(site, {}, host::Options{});
+    machine.start();
+    app::Metrics metrics(machine);
+    machine.switch_on();
+    machine.fabric().peer(site.hosts[2].ip).drop_all();
+    app::LookUps look_ups;
+    auto* const get = machine.function<tarv_get_ib_data_fn_t>("tarv_get_ib_data_fn");
+    const auto reply = [](tarv_stat_t status, tarv_arp_data_t*, void* context) {
+        static_cast<app::LookUps*>(context)->replied(status);
+    };
+    const auto ask = [&](std::size_t host, unsigned long ticks) {
+        tarv_arp_data_t record{};
+        look_ups.returned(get(site.hosts[host].ip, site.hosts[0].ip, tarv_paths_both, &record,
+                              reply, &look_ups, 0),
+                          record);
+        machine.kernel().advance(ticks);
+    };
+    ask(1, 500), ask(1, 0), ask(2, 0);
+    machine.fabric().sa().faults().drop_next();
+    ask(3, 500);
+    metrics.text();  // whoever looks in between changes nothing
+    machine.kernel().advance(7500);
+    EXPECT_THAT(
+        metrics.text(look_ups),
+        AllOf(HasSubstr("tarv_cache_entries 2\n"), HasSubstr("_port_entries{port=\"1\"} 2\n"),
+              HasSubstr("_bucket{le=\"1.0\"} 0\n"), HasSubstr("_bucket{le=\"10.0\"} 2\n"),
+              HasSubstr("tarv_requests_pending{for=\"arp\"} 0\n"),
+              HasSubstr("_hits_total{port=\"1\"} 1\n"), HasSubstr("_misses_total 3\n"),
+              HasSubstr("{status=\"ok\"} 2\n"), HasSubstr("{status=\"timeout\"} 1\n")));
+    const std::string text = metrics.text(look_ups);
+    EXPECT_THAT(text, AllOf(HasSubstr("questions_total{port=\"1\",for=\"arp\"} 3\n"),
+                            HasSubstr("questions_total{port=\"1\",for=\"paths\"} 2\n"),
+                            HasSubstr("retries_total{port=\"1\",for=\"arp\"} 3\n"),
+                            HasSubstr("retries_total{port=\"1\",for=\"paths\"} 1\n"),
+                            HasSubstr("timeouts_total{port=\"1\",for=\"arp\"} 1\n"),
+                            HasSubstr("timeouts_total{port=\"1\",for=\"paths\"} 0\n")));
+    machine.stop();
+
+    std::string control = "IP address and so on\n";
+    for (int i = 2; i < 30; ++i)
+        control += "10.0.0." + std::to_string(i) + " 0x1 0x83ff 00:AA:00:00:01:02 * ipoib\n";
+    const std::string view = app::format_top(app::Samples(text), app::Samples(""), control, 40, 22);
+    EXPECT_EQ(std::ranges::count(view, '\n'), 22);
+    EXPECT_THAT(view,
+                AllOf(HasSubstr("node1, 10.0.0.1, up 0:00:08, "),
+                      HasSubstr("Entries 2; idle: 2 up to 10 s\n"), HasSubstr("hits           1\n"),
+                      HasSubstr("   1      2       3        4          1\n"),
+                      HasSubstr("10.0.0.2  258      2  0x83ff  by hand\n")));
+    std::istringstream lines(view);
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_LE(app::display_width(line), 40u) << line;
+    EXPECT_EQ(app::wrap("one two three", 7), "one two\n  three");
 }
 
 TEST(Table, LeavesOutWhatMattersLeast) {
