@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <limits>
 #include <optional>
@@ -71,6 +72,8 @@ class MountTree::OpenFile {
     virtual ~OpenFile() = default;
     virtual std::string read(std::size_t size, std::uint64_t offset) = 0;
     virtual long write(const std::string& text) = 0;
+
+    std::atomic<bool> begun = false;  ///< it has been read from
 };
 
 class MountTree::OpenProcFile final : public MountTree::OpenFile {
@@ -191,8 +194,9 @@ std::shared_ptr<MountTree::OpenFile> MountTree::find(std::uint64_t file) const {
 
 std::string MountTree::read(std::uint64_t file, std::size_t size, std::uint64_t offset) {
     const auto open_file = find(file);
-    if (offset == 0)
+    if (!open_file->begun)
         wait_for_closings();
+    open_file->begun = true;
     return open_file->read(size, offset);
 }
 

@@ -47,8 +47,8 @@ class MountTree {
     void close_all();
 
     /// A file that was closed earlier than the requests that come from now on is about to be passed
-    /// to close(), once for each call. Reads from the start wait for it: closing a control file
-    /// ends the pass of its reader, and nobody should find that pass unfinished afterwards.
+    /// to close(), once for each call. The first read of any file waits for it: closing a control
+    /// file ends the pass of its reader, and nobody should find that pass unfinished afterwards.
     void closing_begins();
     void closing_ended();
 

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // An open file of /proc: the kernel's side of the read_proc and write_proc conventions.
+//
+// The text that a handler gives belongs to the open file whose read brought it about. The handler
+// is asked only for what nobody has read yet, once, in order and up to its end; a reader who seeks,
+// or reads on after the end, is served from what was given.
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -17,6 +22,9 @@ namespace {
 
 /* A handler is asked for less than a page, so that it has some room to overshoot. */
 constexpr std::size_t block_size = PAGE_SIZE - 1024;
+
+/* What stands in a page before its handler has written to it. */
+constexpr int stale_fill = 0xA5;
 
 /* After so many calls a handler that always has more to say is not coming to an end. */
 constexpr unsigned longest_pass = 1u << 20;
@@ -43,8 +51,9 @@ void take_bytes(const ProcNode& node, const char* page, const char* start, long 
     const long offset = piece.next;
     long length = piece.result;
     if (!start) {
+        // All of it, also what was not asked for yet: the handler may have forgotten it later.
         check_result(node, length, PAGE_SIZE);
-        length = std::min(length - offset, count);
+        length -= offset;
         if (length > 0)
             piece.bytes.assign(page + offset, static_cast<std::size_t>(length));
         piece.next = offset + std::max(length, 0l);
@@ -69,8 +78,10 @@ Piece call_handler(ProcNode& node, long offset, std::size_t wanted) {
     if (!running)
         return piece;
     const ContextScope scope(Context::process);
-    // Of exactly the page's size, so that a sanitizer sees what is written behind it.
-    const auto page = std::make_unique<char[]>(PAGE_SIZE);
+    // Of exactly the page's size, so that a sanitizer sees what is written behind it; and as full
+    // of something else as a page of a kernel.
+    const auto page = std::make_unique_for_overwrite<char[]>(PAGE_SIZE);
+    std::memset(page.get(), stale_fill, PAGE_SIZE);
     char* start = nullptr;
     int eof = 0;
     const int count = static_cast<int>(std::min(wanted, block_size));
@@ -93,49 +104,52 @@ struct ProcFile::Impl {
     std::shared_ptr<ProcNode> node;
     std::mutex mutex;  // one system call on this open file at a time
     long position = 0;
-    long pass_end = 0;        // behind what the handler gave last
-    bool unfinished = false;  // the handler has more to give from there on
-    long ended_at = -1;       // where the handler said that the file ends
+    std::string text;     // all that the handler has given, from which every read is served
+    long next = 0;        // the offset of the handler's next call
+    bool ended = false;   // it gives no more; whoever asks it again may take another's text
+    bool midway = false;  // it has given something and not yet all
 
-    std::string read(std::size_t size, long* offset);
+    std::string read(std::size_t size, long offset);
+    int go_on(std::size_t wanted);
     void finish_pass();
 };
 
-std::string ProcFile::Impl::read(std::size_t size, long* offset) {
+/* Lets the handler go on with its pass. A negative error number, after which it may be tried again,
+ * or 0. */
+int ProcFile::Impl::go_on(std::size_t wanted) {
+    const Piece piece = call_handler(*node, next, wanted);
+    text += piece.bytes;
+    next = piece.next;
+    midway = piece.more();
+    ended = !midway && piece.result >= 0;
+    return std::min(piece.result, 0);
+}
+
+std::string ProcFile::Impl::read(std::size_t size, long offset) {
     must_sleep("read of a proc file");
     if ((node->mode & 0444) == 0)
         fail(EACCES, path);
     if (!node->read_proc)
         fail(EIO, path);
-    std::string text;
-    while (text.size() < size && *offset != ended_at) {
-        const long at = *offset;
-        const Piece piece = call_handler(*node, at, size - text.size());
-        if (piece.result < 0 && text.empty())
-            fail(-piece.result, path);
-        text += piece.bytes;
-        *offset = piece.next;
-        // A handler that is asked again where it said that nothing follows might take the question
-        // for another reader's.
-        ended_at = piece.eof ? piece.next : -1;
-        // A call elsewhere that gives nothing leaves the pass where it was, still to be finished.
-        if (at == pass_end || piece.more()) {
-            pass_end = piece.next;
-            unfinished = piece.more();
-        }
-        if (!piece.more())
-            break;
-    }
-    return text;
+    if (offset < 0)
+        fail(EINVAL, path);
+    const std::size_t begin = static_cast<std::size_t>(offset);
+    int error = 0;
+    while (!ended && error == 0 && text.size() < begin + size)
+        error = go_on(begin + size - text.size());
+    if (begin < text.size())
+        return text.substr(begin, size);
+    if (error != 0)
+        fail(-error, path);
+    return {};
 }
 
 void ProcFile::Impl::finish_pass() {
-    for (unsigned calls = 0; unfinished; ++calls) {
+    for (unsigned calls = 0; midway; ++calls) {
         if (calls == longest_pass)
             die("read_proc of %s: a pass does not come to its end", node->name.c_str());
-        const Piece piece = call_handler(*node, pass_end, block_size);
-        pass_end = piece.next;
-        unfinished = piece.more();
+        go_on(block_size);
+        text.clear();
     }
 }
 
@@ -149,7 +163,9 @@ ProcFile::ProcFile(const std::string& path) : impl_(nullptr) {
         fail(EISDIR, path);
     if ((node->mode & 0666) == 0)
         fail(EACCES, path);
-    impl_ = new Impl{path, std::move(node), {}};
+    impl_ = new Impl;
+    impl_->path = path;
+    impl_->node = std::move(node);
 }
 
 ProcFile::~ProcFile() {
@@ -159,18 +175,19 @@ ProcFile::~ProcFile() {
 
 std::string ProcFile::read(std::size_t size) {
     const std::lock_guard guard(impl_->mutex);
-    return impl_->read(size, &impl_->position);
+    std::string part = impl_->read(size, impl_->position);
+    impl_->position += static_cast<long>(part.size());
+    return part;
 }
 
 std::string ProcFile::read_at(std::size_t size, long offset) {
     const std::lock_guard guard(impl_->mutex);
-    return impl_->read(size, &offset);
+    return impl_->read(size, offset);
 }
 
 void ProcFile::seek(long offset) {
     const std::lock_guard guard(impl_->mutex);
     impl_->position = offset;
-    impl_->ended_at = -1;
 }
 
 long ProcFile::write(const std::string& text) {

@@ -38,8 +38,10 @@ int load_module(const module_info_t& module, const std::vector<std::string>& par
 void unload_module(const module_info_t& module);
 
 /// An open file of /proc. Reads and writes go through the module's handlers in process context,
-/// each read with a page-sized buffer of its own. Closing a file whose reader stopped before the
-/// end lets the handler run to its end, so that it is not left in the middle of a pass.
+/// each call of a read handler with a page-sized buffer of its own. An open file has one text,
+/// which is that of the handler's pass for it: it grows as it is read, and what was given once is
+/// served again wherever the reader seeks. Closing a file whose reader stopped before the end lets
+/// the handler run to its end, so that it is not left in the middle of a pass.
 class ProcFile {
   public:
     /// `path` is below /proc, without a slash in front. Throws std::system_error (ENOENT, EISDIR,
@@ -50,6 +52,8 @@ class ProcFile {
     ProcFile& operator=(const ProcFile&) = delete;
 
     /// At most `size` bytes from the file position on, which advances; empty at end of file.
+    /// Throws std::system_error: EACCES, EIO without a read handler, EINVAL at a negative position,
+    /// the handler's error where it gave nothing.
     std::string read(std::size_t size);
     /// The same at a position of its own; nothing advances.
     std::string read_at(std::size_t size, long offset);

@@ -9,9 +9,10 @@
 //                       the host goes on calling the handler from where he was, discarding what it
 //                       gives, until it gives no more. One interrupted reader does not keep all
 //                       others out.
-//   an end is an end    When the handler told an open file's end (`*eof`), the host answers further
-//                       reads at that position itself. A reader who was told to try later does not
-//                       get into the middle of another one's pass.
+//   a text has an owner What the handler gave belongs to the open file for which it was asked. The
+//                       host keeps it, serves from it whoever reads again or seeks, and having been
+//                       told the end (`*eof`, or nothing given) asks no more: a reader who was told
+//                       to try later never gets into the middle of another one's pass.
 // Reads of one open file come one after the other. Those of several files may come at once, and so
 // may writes: the handlers have semaphores of their own.
 #pragma once

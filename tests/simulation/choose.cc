@@ -326,6 +326,7 @@ constexpr Kind kinds[] = {
      [](Line& line) {
          line.number(2, 1).word("read");
          line.chance().one_in(3) ? line.word("4096") : line.number(400, 1);
+         line.perhaps(3, [](Line& more) { more.word("at").number(500); });
      }},
     {20, "reader", [](Line& line) { line.number(2, 1).word("close"); }},
     {600, "peer", [](Line& line) { line.peer().either("asks", "announces"); }},

@@ -78,10 +78,10 @@ class Judge : public app::ScriptHost, private fabric::Witness {
         std::vector<Sent> sent;
     };
 
-    /// What a reader of the control file has to get, and how much of it he has.
+    /// What a reader of the control file has to get, and where in it he is.
     struct Reading {
         std::string text;
-        std::size_t got = 0;
+        std::size_t at = 0;
     };
 
     void violate(const std::optional<Difference>& found);
@@ -119,7 +119,7 @@ class Judge : public app::ScriptHost, private fabric::Witness {
     void replied(app::ScriptReply& made, tarv_stat_t status,
                  const tarv_arp_data_t* record) override;
 
-    Reading& begin_reading(const app::ScriptReader* reader, std::size_t size);
+    Reading& begin_reading(const app::ScriptReader* reader);
     void wrap_timers();
     template <int timer>
     static void on_timer(unsigned long context);
@@ -155,7 +155,7 @@ class Judge : public app::ScriptHost, private fabric::Witness {
     unsigned looks_ = 0;
     std::map<const app::ScriptReader*, Reading> readings_;
     const app::ScriptReader* holder_ = nullptr;  ///< whose text the module holds
-    bool reading_known_ = true;                  ///< nobody has read out of order
+    bool reading_known_ = true;                  ///< nobody has got what cannot be told
     Timer timers_[3]{};
     unsigned long steps_ = 0;
     std::optional<Violation> violation_;

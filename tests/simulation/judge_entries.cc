@@ -175,11 +175,9 @@ long Judge::enter_write(host::ProcFile& file, const std::string& text) {
     return taken;
 }
 
-/* What does not fit the first buffer of a reader who is told to wait is lost: the file ends with
- * it. */
-Judge::Reading& Judge::begin_reading(const app::ScriptReader* reader, std::size_t size) {
+Judge::Reading& Judge::begin_reading(const app::ScriptReader* reader) {
     counts_.note(holder_ ? Count::readers_busy : Count::tables_read);
-    const std::string text = holder_ ? std::string(busy_text).substr(0, size) : model_.text();
+    const std::string text = holder_ ? busy_text : model_.text();
     if (!holder_)
         holder_ = reader;
     return readings_[reader] = {text, 0};
@@ -190,7 +188,7 @@ std::string Judge::enter_read_whole(host::ProcFile& file, const std::string& nam
     if (name != "control")
         return ScriptHost::enter_read_whole(file, name, chunk);
     open("read");
-    const std::string expected = begin_reading(nullptr, chunk).text;
+    const std::string expected = begin_reading(nullptr).text;
     const std::string text = ScriptHost::enter_read_whole(file, name, chunk);
     if (knows() && reading_known_ && text != expected)
         violate("wrong_table", "the control file reads\n" + text + "and should read\n" + expected);
@@ -201,16 +199,19 @@ std::string Judge::enter_read_whole(host::ProcFile& file, const std::string& nam
 
 std::string Judge::enter_read_part(app::ScriptReader& reader, std::size_t size, long offset) {
     open("read");
-    Reading& reading =
-        readings_.contains(&reader) ? readings_[&reader] : begin_reading(&reader, size);
+    Reading& reading = readings_.contains(&reader) ? readings_[&reader] : begin_reading(&reader);
     const std::string part = ScriptHost::enter_read_part(reader, size, offset);
-    if (offset >= 0 || !knows())
+    if (!knows())
         reading_known_ = false;
-    const std::string expected =
-        reading.text.substr(std::min(reading.got, reading.text.size()), size);
-    reading.got += part.size();
+    const std::size_t at = offset < 0 ? reading.at : static_cast<std::size_t>(offset);
+    const std::string expected = reading.text.substr(std::min(at, reading.text.size()), size);
+    if (offset < 0)
+        reading.at += part.size();
     if (reading_known_ && part != expected)
         violate("wrong_table", "a reader gets\n" + part + "and should get\n" + expected);
+    // Having given everything, the module is free for the next reader.
+    if (holder_ == &reader && at + size > reading.text.size())
+        holder_ = nullptr;
     close();
     return part;
 }

@@ -154,27 +154,49 @@ TEST_F(ControlRead, LogsAPass) {
                                debug(read, "Last iteration reached !!!")}));
 }
 
-/* Where a reader goes who does not read on, before it closes the file. */
-class ControlSeek : public ControlRead, public testing::WithParamInterface<long> {};
-
-INSTANTIATE_TEST_SUITE_P(Offsets, ControlSeek, testing::Values(0, 5, 11, 45, 312, 313, 5000));
-
-TEST_P(ControlSeek, GivesNothingOutOfTurnAndIsFreeAgainAfterwards) {
+/* Each of three readers, one told to wait and one who begins when the first has got everything, has
+ * a text of his own, whatever he and the others do. */
+TEST_F(ControlRead, EveryReaderKeepsHisText) {
     fill(3);
-    const std::string whole = read_all();
+    const std::string whole = read_all(), wait = busy;
     {
-        host::ProcFile file(control_path);
-        EXPECT_EQ(file.read(10), whole.substr(0, 10));
-        file.seek(GetParam());
-        EXPECT_EQ(file.read(4096), GetParam() == 0 ? busy : "");
+        host::ProcFile first(control_path), second(control_path), third(control_path);
+        EXPECT_EQ(first.read(100), whole.substr(0, 100));
+        EXPECT_EQ(second.read(10), wait.substr(0, 10));
+        command("flush");
+        EXPECT_EQ(second.read(100), wait.substr(10));
+        for (const std::size_t offset : {0, 5, 11, 45, 312, 313, 5000})
+            EXPECT_EQ(first.read_at(4096, static_cast<long>(offset)),
+                      whole.substr(std::min(offset, whole.size())));
+        EXPECT_EQ(third.read(10), std::string(header).substr(0, 10));
+        EXPECT_EQ(second.read(100), "");
+        EXPECT_EQ(second.read_at(100, 0), wait);
+        EXPECT_EQ(first.read(4096), whole.substr(100));
+        EXPECT_EQ(first.read(4096), "");
     }
-    EXPECT_EQ(read_all(), whole);
+    EXPECT_EQ(read_all(), header);
 }
 
-TEST_F(ControlRead, IsEmptyWithoutATextAtAnOffset) {
-    EXPECT_EQ(host::ProcFile(control_path).read_at(100, 79), "");
-    EXPECT_EQ(host::ProcFile(control_path).read_at(100, 45), "");
-    EXPECT_EQ(read_all(), header);
+/* A host that does not keep its readers apart: the handler gives nothing out of turn. */
+TEST_F(ControlRead, TheHandlerGivesNothingOutOfTurn) {
+    const auto reads = [](off_t off, int count) {
+        char page[PAGE_SIZE];
+        char* start = nullptr;
+        int eof = 0;
+        const int result = tarv_proc_read(page, &start, off, count, &eof, nullptr);
+        return std::string(page, static_cast<std::size_t>(result)) + (eof ? "$" : "");
+    };
+    fill(3);
+    EXPECT_EQ(reads(79, 100), "$");
+    const std::string whole = read_all();
+    EXPECT_EQ(reads(45, 100), "$");
+    EXPECT_EQ(reads(0, 10), whole.substr(0, 10));
+    for (const off_t off : {5, 11, 45, 313, 5000})
+        EXPECT_EQ(reads(off, 100), "$") << off;
+    EXPECT_EQ(reads(0, 100), busy + "$"s);
+    EXPECT_EQ(reads(10, 4000), whole.substr(10));
+    EXPECT_EQ(reads(313, 10), "");
+    EXPECT_EQ(reads(313, 10), "$");
 }
 
 TEST_F(ControlRead, IsEmptyWithoutMemoryForItsText) {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <system_error>
 #include <thread>
@@ -132,16 +133,51 @@ TEST_F(ProcTest, CallsTheHandlerAgainWithWhatIsLeftToRead) {
     EXPECT_THAT(counts, ElementsAre(3072, 928, 3072, 3072));
 }
 
-TEST_F(ProcTest, FinishesThePassWhereTheHandlerStoppedWhateverTheSeeks) {
+TEST_F(ProcTest, AsksTheHandlerInOrderWhateverTheSeeks) {
     text = letters(5000);
     make("file", read_told);
     {
         host::ProcFile file("file");
         EXPECT_EQ(file.read_at(10, 1000), text.substr(1000, 10));
+        EXPECT_EQ(file.read(500), text.substr(0, 500));
         file.seek(4321);
-        EXPECT_THAT(offsets, ElementsAre(1000));
+        EXPECT_THAT(offsets, ElementsAre(0));
+        EXPECT_THROW(file.read_at(1, -1), std::system_error);
     }
-    EXPECT_THAT(offsets, ElementsAre(1000, 1010, 4082));
+    EXPECT_THAT(offsets, ElementsAre(0, 1010, 4082));
+}
+
+/* The text of the moment stands in the page, or an error in its place. */
+int read_answer = 0;
+int read_changing(char* page, char**, off_t, int, int* eof, void*) {
+    std::memcpy(page, text.data(), text.size());
+    *eof = 1;
+    return read_answer < 0 ? read_answer : static_cast<int>(text.size());
+}
+
+TEST_F(ProcTest, ServesWhatWasGivenOnceAndAnErrorOnlyInItsPlace) {
+    make("file", read_changing);
+    host::ProcFile file("file");
+    text = "first text";
+    read_answer = -ENOMEM;
+    EXPECT_THROW(file.read(3), std::system_error);
+    read_answer = 0;
+    EXPECT_EQ(file.read(3), "fir");
+    text = "second text, longer";
+    EXPECT_EQ(file.read(100), "st text");
+    EXPECT_EQ(file.read(100), "");
+    file.seek(0);
+    EXPECT_EQ(file.read(100), "first text");
+    EXPECT_EQ(host::ProcFile("file").read(100), text);
+}
+
+/* Nothing that a handler leaves out is a zero by chance. */
+TEST_F(ProcTest, HandsInAPageThatIsNotEmpty) {
+    make("file", [](char*, char**, off_t, int, int* eof, void*) {
+        *eof = 1;
+        return int{PAGE_SIZE};
+    });
+    EXPECT_EQ(host::ProcFile("file").read(PAGE_SIZE).find('\0'), std::string::npos);
 }
 
 TEST_F(ProcTest, DeathOfAHandlerThatGivesMoreThanThePage) {

@@ -180,13 +180,31 @@ interrupted_readers_leave_nothing_held() {
         equal "$(head -c 10 "$control")" "IP address"
         equal "$(cat "$control")" "$whole"
     done
-    # As long as the file stays open, its reader is midway.
-    exec 3<"$control"
+    # As long as the file stays open, its reader is midway; who comes meanwhile is told so, in
+    # however small pieces he reads.
+    exec 3<"$control" 4<"$control"
     head -c 10 <&3 >"$work/begin"
+    head -c 10 <&4 >"$work/told"
     equal "$(cat "$control")" "$busy"
     equal "$(cat "$work/begin" - <&3)" "$whole"
-    exec 3<&-
+    equal "$(cat "$work/told" - <&4)" "$busy"
+    exec 3<&- 4<&-
     equal "$(cat "$control")" "$whole"
+}
+
+# A shell that reads lines reads ahead, and goes back to where the line ended.
+lines_are_read_one_by_one() {
+    local i line lines=
+    for i in {1..100}; do
+        echo add 10.0.0.1 "10.7.0.$i" "$i"
+    done | while read -r line; do echo "$line" >"$control"; done
+    while read -r line; do
+        lines+=$line$'\n'
+        [ "${#lines}" -gt 200 ] || cat "$control" >"$work/other"
+    done <"$control"
+    equal "$lines" "$(cat "$control")"$'\n'
+    equal "$(wc -l <<<"$lines")" 103
+    echo flush >"$control"
 }
 
 one_write_is_one_command() {
@@ -335,6 +353,7 @@ metrics_follow_what_happens
 top_shows_the_host
 table_is_read_as_the_kernels
 interrupted_readers_leave_nothing_held
+lines_are_read_one_by_one
 one_write_is_one_command
 ten_writers_and_ten_readers_at_once
 kmsg_is_followed
