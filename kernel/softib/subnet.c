@@ -468,8 +468,8 @@ static void __exit softib_exit(void)
 		if (n->adapter)
 			sib_adapter_remove(n);
 	sib_traps_stop();
-	sib_wire_stop();
 	sib_faults_clear();
+	sib_wire_stop();
 	sib_nodes_free();
 }
 

@@ -272,14 +272,28 @@ int sib_wire_start(void)
 	return worker ? 0 : -ENOMEM;
 }
 
-/* All adapters have gone. */
-void sib_wire_stop(void)
+static void free_packets(struct list_head *list)
 {
 	struct sib_packet *p, *next;
 
-	destroy_workqueue(worker);
-	del_timer_sync(&late_timer);
-	list_splice_init(&late, &queue);
-	list_for_each_entry_safe (p, next, &queue, link)
+	list_for_each_entry_safe (p, next, list, link)
 		kfree(p);
+}
+
+/*
+ * All adapters have gone, and nothing is late any more from here on: the timer wakes a worker that
+ * is still there, which finds nothing to set it for.
+ */
+void sib_wire_stop(void)
+{
+	LIST_HEAD(gone);
+
+	spin_lock_irq(&sib_lock);
+	list_splice_init(&late, &gone);
+	late_count = 0;
+	spin_unlock_irq(&sib_lock);
+	free_packets(&gone);
+	del_timer_sync(&late_timer);
+	destroy_workqueue(worker);
+	free_packets(&queue);
 }
