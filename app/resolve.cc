@@ -22,19 +22,21 @@ tarv_paths_t wanted_of_sa(const fabric::Adapter& adapter) {
     return paths >= 2 ? tarv_paths_both : tarv_paths_primary;
 }
 
-/* The most paths that are useful: one through each of two local ports, where two lead to the port
- * at which the peer answers. */
+/* The most paths that are useful: both where two local ports lead to the port at which the peer
+ * answers, or where one does by several LIDs. */
 tarv_paths_t wanted_paths(Machine& machine, const fabric::Host& host) {
     if (machine.site().device)
         return wanted_of_sa(machine.adapter());
     fabric::Fabric& fabric = machine.fabric();
     if (!fabric.peers().has(host.ip))
         return tarv_paths_primary;
-    const fabric::PortId peer = fabric.peers().station(host.ip).at;
-    int ports = 0;
-    for (int port = 1; port <= fabric.adapter().ports(); ++port)
-        ports += fabric.subnet().way({fabric.our_host().node, port}, peer).has_value();
-    return ports >= 2 ? tarv_paths_both : tarv_paths_primary;
+    const fabric::EndPort peer = *fabric.subnet().at(fabric.peers().station(host.ip).at);
+    int paths = 0;
+    for (int number = 1; number <= fabric.adapter().ports(); ++number)
+        if (const fabric::EndPort port = fabric.adapter().port(number);
+            fabric.subnet().reaches(port.at, peer.at))
+            paths += 1 << (port.lmc + peer.lmc);
+    return paths >= 2 ? tarv_paths_both : tarv_paths_primary;
 }
 
 /* Has the traffic counted for the scope. */

@@ -84,12 +84,12 @@ void Network::arrive_far(const Packet& packet) const {
     std::optional<EndPort> from = subnet_.by_lid(packet.slid);
     SubnetManager manager = subnet_.manager();
     if (packet.dest_qp == gsi_qp) {
-        if (packet.dlid == manager.lid && from && subnet_.way(from->at, manager.at))
+        if (packet.dlid == manager.lid && from && subnet_.reaches(from->at, manager.at))
             receivers_.sa(packet);
         return;
     }
     std::optional<EndPort> to = subnet_.by_lid(packet.dlid);
-    if (from && to && subnet_.way(from->at, to->at))
+    if (from && to && subnet_.reaches(from->at, to->at))
         receivers_.peers(packet);
 }
 
@@ -110,7 +110,7 @@ void Network::send_to_us(PortId from, Packet packet, unsigned long late) {
 }
 
 void Network::arrive_here(PortId from, int port, const Packet& packet) const {
-    if (!subnet_.way(from, {our_node_, port}))
+    if (!subnet_.reaches(from, {our_node_, port}))
         return;
     look(Direction::in, port, packet);
     if (packet.dest_qp == gsi_qp)

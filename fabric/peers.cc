@@ -177,7 +177,7 @@ void Peers::hear(const Packet& packet) {
         return;
     std::optional<Peer> peer = find(arp->target_ip);
     std::optional<EndPort> asker = subnet_.by_lid(packet.slid);
-    if (!peer || !asker || !subnet_.way(asker->at, peer->at) ||
+    if (!peer || !asker || !subnet_.reaches(asker->at, peer->at) ||
         !subnet_.common_pkey(asker->at, peer->at, packet.pkey) ||
         (packet.dest_qp != multicast_qp && packet.dest_qp != peer->qpn))
         return;

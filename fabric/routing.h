@@ -3,18 +3,25 @@
 // Which way packets take through a fabric: whether one port reaches another, over how many links,
 // and what the narrowest of them allows.
 //
-// A packet takes a shortest path; only switches forward. Of several shortest paths it takes one
-// with the fastest slowest link, and of those one with the largest MTU that is known. The answers
-// to one destination switch are found together when the first is asked for, and kept until a link
-// between switches changes. A host at whose ports most ways begin or end can be named: all of these
-// are found together, since a way back is the way there.
+// Routes are those that OpenSM's default, min-hop, gives a subnet that it brings up. Only switches
+// forward. Each has an exit for every LID, out of those with the fewest hops to it the one that has
+// been given to the fewest LIDs before: rates and MTUs do not count. The further LIDs of a port
+// prefer exits to other switches than the LIDs before them have. Who comes first when LIDs are
+// given their exits decides which link they share, so the order is OpenSM's too.
+//
+// An adapter's link that goes down changes no route, as a manager keeps what is still right; a link
+// between switches does, and all are made anew. A switch's exits are found when they are first
+// needed.
 //
 // Not synchronised: one thread at a time. The topology must outlive the object; its links are read
 // when the object is made.
 #pragma once
 
+#include <array>
+#include <bitset>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "fabric/topology.h"
@@ -35,12 +42,16 @@ struct Route {
 
 class Routing {
   public:
-    /// `home`: the node that most ways begin or end at; -1: none.
-    explicit Routing(const Topology& topology, int home = -1);
+    /// `lmc`: of all adapters' ports; 0: of each what the topology says.
+    explicit Routing(const Topology& topology, std::uint8_t lmc = 0);
 
-    /// The way from one port to another; empty when there is none. A port reaches itself over no
-    /// link, as long as its own link is up. Throws std::out_of_range for a port that is not there.
-    std::optional<Route> route(PortId from, PortId to);
+    /// The way from a port to one of another's LIDs, counted from its base LID. Empty when there is
+    /// none. A port reaches itself over no link, as long as its own link is up. Throws
+    /// std::out_of_range for a port that is not there.
+    std::optional<Route> route(PortId from, PortId to, unsigned lid = 0);
+
+    /// Whether there is a way; at one cost at any size.
+    bool reaches(PortId from, PortId to);
 
     /// Takes a port's end of its link down or up. A link carries packets while both ends are up.
     /// Throws std::out_of_range for a port that is not there.
@@ -50,39 +61,58 @@ class Routing {
     bool link_up(int node, int port) const;
 
   private:
+    static constexpr std::size_t ports_of_switch = 255;
+
     /// A link from a switch to another, by their numbers among the switches.
     struct Edge {
         int to = -1;
-        int node = -1;  ///< the near end, as the topology has it
-        int port = 0;
-        std::uint8_t rate = 0;
-        std::uint8_t mtu = 0;
+        int port = 0;  ///< at the near end
     };
-    /// The way from one switch to the destination.
-    struct Step {
-        std::int32_t hops = -1;  ///< -1: not reached
-        std::uint8_t rate = 0;
-        std::uint8_t mtu = 0;
+    /// A port that has LIDs, and the switch at which packets to it arrive or which it is of.
+    struct Target {
+        PortId at;
+        int leaf = -1;
+        unsigned lids = 1;
     };
-    using Steps = std::vector<Step>;
+    using Exits = std::vector<std::uint8_t>;  ///< of a switch, by LID and target; 0: none
+    using PortSet = std::bitset<ports_of_switch>;
+    using Load = std::array<std::uint32_t, ports_of_switch>;  ///< of a switch's exits, in LIDs
 
-    const Port& port_at(int node, int port) const;
+    const Node& node_of_switch(int number) const;
+    const Port& port_at(PortId at) const;
     std::size_t flag_index(int node, int port) const;
-    /// The switch that a packet of the port enters first, having added the link to it to `route`;
-    /// empty when the port has no link that is up or there is no switch behind it.
-    std::optional<int> enter(PortId from, Route& route) const;
+    int switch_of(int node) const { return switch_number_[static_cast<std::size_t>(node)]; }
     void make_edges();
-    const Steps& steps_to(int destination);
-    void search(int destination, Steps& steps);
+    void order_targets(std::uint8_t lmc);
+    void add_target(PortId at, int leaf, unsigned lids);
+    std::optional<int> leaf_of(PortId at) const;
+    bool is_back_to_back(PortId from, PortId to) const;
+    bool edge_up(int from, const Edge& edge) const;
+    void add_link(Route& route, PortId near_end) const;
+    int exit_towards(int from, std::size_t target, unsigned lid);
+    int only_link_between(int from, int to) const;
+    const Exits& exits_of(int number);
+    void find_first_exits(int from);
+    void list_exits(int leaf, std::vector<std::uint8_t>& ports) const;
+    std::uint8_t choose_exit(const Node& from, std::size_t target, unsigned lid,
+                             std::span<const std::uint8_t> possible, const Exits& exits,
+                             const Load& load) const;
+    void find_components();
 
     const Topology& topology_;
-    const int home_;
     std::vector<std::size_t> first_flag_;  ///< of each node, in down_
     std::vector<std::uint8_t> down_;       ///< of each port of each node
     std::vector<int> switch_number_;       ///< of each node, -1 when it is no switch
+    std::vector<int> switches_;            ///< their nodes
     std::vector<std::size_t> first_edge_;  ///< of each switch, in edges_, and one past the last
     std::vector<Edge> edges_;
-    std::vector<Steps> cache_;  ///< by destination switch; empty where nobody asked yet
+    std::vector<Target> targets_;  ///< in the order in which they are given exits
+    std::vector<int> target_of_;   ///< of each port of each node, -1 when it is none
+    unsigned most_lids_ = 1;       ///< of a target
+    std::vector<Exits> exits_;     ///< by switch; empty where nobody asked yet
+    std::vector<int> component_;   ///< by switch, which reach each other; empty until asked for
+    std::vector<int> hops_;        ///< by switch, from the one that is looked at; -1: none
+    std::vector<PortSet> firsts_;  ///< by switch, on whose shortest paths these exits are
     std::vector<int> frontier_;
 };
 

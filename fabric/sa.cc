@@ -11,6 +11,7 @@ namespace fabric {
 namespace {
 
 // Components of a MultiPathRecord, as bits of the mask.
+constexpr std::uint64_t with_reversible = 1 << 5;
 constexpr std::uint64_t with_numb_path = 1 << 6;
 constexpr std::uint64_t with_pkey = 1 << 7;
 constexpr std::uint64_t with_sl = 1 << 9;
@@ -20,6 +21,8 @@ constexpr std::uint64_t with_rate_selector = 1 << 12;
 constexpr std::uint64_t with_rate = 1 << 13;
 constexpr std::uint64_t with_life_time_selector = 1 << 14;
 constexpr std::uint64_t with_life_time = 1 << 15;
+constexpr std::uint64_t selectors =
+    with_mtu_selector | with_rate_selector | with_life_time_selector;
 constexpr std::uint64_t gid_counts_current = 3 << 19;
 constexpr std::uint64_t gid_counts_original = 3 << 18;
 
@@ -28,6 +31,7 @@ constexpr std::uint16_t bad_gid = 0x0500;
 constexpr std::uint16_t missing_component = 0x0600;
 constexpr std::uint16_t unsupported = 0x000C;
 
+constexpr std::uint64_t default_sm_key = 1;
 constexpr std::uint8_t packet_life_time = 18;  // 4.096 us * 2^18
 constexpr unsigned all_paths = 127;
 constexpr std::uint8_t partly_redundant = 2;  // the preference of a path that shares a LID
@@ -83,6 +87,15 @@ bool suit(std::uint64_t components, const MultiPathRecord& ask, PathRecord& path
                   ask.life_time, path.life_time);
 }
 
+/* What no SA answers, not even with a refusal: other methods than its questions have, and a key
+ * that is neither none nor the one that all managers have unless they are given another. */
+bool is_heard(const Bytes& mad, const MadHeader& header) {
+    const bool known = header.method == method_get || header.method == method_get_table ||
+                       header.method == method_get_multi;
+    const auto sa = decode<SaHeader>(std::span(mad).subspan(std::min(mad.size(), sa_offset)));
+    return known && (!sa || sa->sm_key == 0 || sa->sm_key == default_sm_key);
+}
+
 bool is_whole_request(const RmppHeader& rmpp) {
     constexpr std::uint8_t flags = rmpp_active | rmpp_first | rmpp_last;
     return rmpp.version == 1 && rmpp.type == rmpp_data && (rmpp.flags & flags) == flags &&
@@ -124,6 +137,8 @@ void Sa::receive(const Packet& packet) {
     std::optional<RmppHeader> rmpp = rmpp_header(packet.payload);
     if (rmpp && rmpp->type != rmpp_data)
         return acknowledged(packet, *header, *rmpp);
+    if (!is_heard(packet.payload, *header))
+        return;
     Query query;
     Answer answer;
     answer.header = *header;
@@ -197,7 +212,7 @@ void Sa::add_paths(const Query& query, const EndPort& from, const EndPort& to, u
     const auto add = [&](unsigned source, unsigned destination, std::uint8_t preference) {
         if (room == 0)
             return;
-        std::optional<PathRecord> record = path(query, from, to);
+        std::optional<PathRecord> record = path(query, from, to, source, destination);
         if (!record)
             return;
         record->slid = static_cast<std::uint16_t>(from.lid + source);
@@ -217,11 +232,24 @@ void Sa::add_paths(const Query& query, const EndPort& from, const EndPort& to, u
                 add(i, j, partly_redundant);
 }
 
-/* What is true of all paths between two ports, whichever LIDs they use; empty when there is none
- * that suits. */
-std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from,
-                                   const EndPort& to) const {
-    std::optional<Way> way = subnet_.way(from.at, to.at);
+/* The path between two LIDs, counted from the base LIDs of their ports; empty when there is none
+ * that suits. It can be used in reverse when the way back suits, too; which it does where nothing
+ * is asked that the two may differ in. */
+std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from, const EndPort& to,
+                                   unsigned source, unsigned destination) const {
+    std::optional<PathRecord> record = one_way(query, from, to, destination);
+    if (!record)
+        return std::nullopt;
+    record->reversible =
+        (query.components & selectors) == 0 || one_way(query, to, from, source).has_value();
+    const bool unwanted = (query.components & with_reversible) != 0 &&
+                          query.record.reversible != 0 && record->reversible == 0;
+    return unwanted ? std::nullopt : record;
+}
+
+std::optional<PathRecord> Sa::one_way(const Query& query, const EndPort& from, const EndPort& to,
+                                      unsigned destination) const {
+    std::optional<Way> way = subnet_.way(from.at, to.at, destination);
     std::optional<std::uint16_t> wanted;
     if ((query.components & with_pkey) != 0)
         wanted = query.record.pkey;
@@ -231,7 +259,6 @@ std::optional<PathRecord> Sa::path(const Query& query, const EndPort& from,
     PathRecord record;
     record.dgid = to.gid;
     record.sgid = from.gid;
-    record.reversible = 1;
     record.pkey = *pkey;
     record.mtu_selector = record.rate_selector = record.life_time_selector = exactly;
     record.mtu = way->mtu;

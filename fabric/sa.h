@@ -106,8 +106,10 @@ class Sa {
     std::uint16_t resolve(const Query& query, Bytes& records) const;
     void add_paths(const Query& query, const EndPort& from, const EndPort& to, unsigned& room,
                    Bytes& records) const;
-    std::optional<PathRecord> path(const Query& query, const EndPort& from,
-                                   const EndPort& to) const;
+    std::optional<PathRecord> path(const Query& query, const EndPort& from, const EndPort& to,
+                                   unsigned source, unsigned destination) const;
+    std::optional<PathRecord> one_way(const Query& query, const EndPort& from, const EndPort& to,
+                                      unsigned destination) const;
     void refuse(const Packet& question, const Answer& answer);
     void send(const Packet& question, const Answer& answer);
     void acknowledged(const Packet& packet, const MadHeader& header, const RmppHeader& rmpp);

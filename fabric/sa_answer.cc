@@ -112,6 +112,11 @@ void Sa::refuse(const Packet& question, const Answer& answer) {
     Bytes mad = question.payload;
     mad.resize(mad_size);
     encode(answer.header, mad);
+    SaHeader sa = *decode<SaHeader>(std::span(mad).subspan(sa_offset));
+    sa.sm_key = 0;
+    if (answer.header.method == method_get_table_resp)
+        sa.attribute_offset = 0;
+    encode(sa, std::span(mad).subspan(sa_offset));
     if (answer.cut)
         mad.resize(std::min(mad.size(), sa_offset + *answer.cut));
     faults_.pass([=, this, envelope = envelope_to(question)](unsigned long late) {

@@ -46,7 +46,7 @@ bool reaches(Routing& routing, const Topology& topology, PortId from, int home) 
         return true;
     const Node& host = topology.nodes[static_cast<std::size_t>(home)];
     for (int port = 1; port < static_cast<int>(host.ports.size()); port++)
-        if (routing.route(from, {home, port}))
+        if (routing.reaches(from, {home, port}))
             return true;
     return false;
 }
@@ -79,7 +79,7 @@ PortId choose_manager(const Topology& topology, Routing& routing, int home) {
 }  // namespace
 
 Subnet::Subnet(const Topology& topology, const SubnetOptions& options, int home)
-    : routing_(topology, home) {
+    : routing_(topology, options.lmc) {
     if (options.lmc > 7)
         throw std::invalid_argument("no LMC is larger than 7");
     MutexLock lock(mutex_);
@@ -185,19 +185,27 @@ std::optional<EndPort> Subnet::by_gid(const Gid& gid) const {
     return ports_[static_cast<std::size_t>(found->second)];
 }
 
-std::optional<Way> Subnet::way(PortId from, PortId to) const {
+bool Subnet::both_up(PortId one, PortId other) const {
+    Index a = index_of(one);
+    Index b = index_of(other);
+    return a >= 0 && b >= 0 && ports_[static_cast<std::size_t>(a)].up &&
+           ports_[static_cast<std::size_t>(b)].up;
+}
+
+bool Subnet::reaches(PortId from, PortId to) const {
     MutexLock lock(mutex_);
-    Index a = index_of(from);
-    Index b = index_of(to);
-    if (a < 0 || b < 0)
+    return both_up(from, to) && routing_.reaches(from, to);
+}
+
+std::optional<Way> Subnet::way(PortId from, PortId to, unsigned lid) const {
+    MutexLock lock(mutex_);
+    if (!both_up(from, to))
         return std::nullopt;
-    const EndPort& near = ports_[static_cast<std::size_t>(a)];
-    const EndPort& far = ports_[static_cast<std::size_t>(b)];
-    if (!near.up || !far.up)
-        return std::nullopt;
-    std::optional<Route> route = routing_.route(from, to);
+    std::optional<Route> route = routing_.route(from, to, lid);
     if (!route)
         return std::nullopt;
+    const EndPort& near = ports_[static_cast<std::size_t>(index_of(from))];
+    const EndPort& far = ports_[static_cast<std::size_t>(index_of(to))];
     Way way{route->hops, std::min(near.mtu, far.mtu), route->rate};
     if (route->mtu != 0)
         way.mtu = std::min(way.mtu, route->mtu);

@@ -42,15 +42,19 @@ class Subnet {
     /// Gives out the LIDs. Throws InputError for LIDs that overlap, when there are none left, and
     /// when no manager would be heard at home.
     /// The topology must outlive the subnet.
-    /// `home`: the node from or to which most ways are asked for; -1: none.
+    /// `home`: the node that has to hear the manager; -1: none.
     Subnet(const Topology& topology, const SubnetOptions& options, int home = -1);
 
     std::optional<EndPort> at(PortId ref) const;
     std::optional<EndPort> by_lid(std::uint16_t lid) const;  ///< any LID of the port
     std::optional<EndPort> by_gid(const Gid& gid) const;
 
-    /// Empty when a port is down or nothing leads from one to the other.
-    std::optional<Way> way(PortId from, PortId to) const;
+    /// Both ports are up, and something leads from one to the other.
+    bool reaches(PortId from, PortId to) const;
+
+    /// The way from a port to one of another's LIDs, counted from its base LID. Empty when the port
+    /// is not reached.
+    std::optional<Way> way(PortId from, PortId to, unsigned lid = 0) const;
 
     /// The port's table, entry 0 first. By default one entry, the default partition's full member.
     std::vector<std::uint16_t> pkeys(PortId ref) const;
@@ -77,6 +81,7 @@ class Subnet {
     bool claim(Index index, std::uint16_t lid) TA_REQ(mutex_);
     Index index_of(PortId ref) const TA_REQ(mutex_);
     EndPort& known(PortId ref) TA_REQ(mutex_);
+    bool both_up(PortId one, PortId other) const TA_REQ(mutex_);
 
     mutable Mutex mutex_;
     std::vector<Index> first_port_of_node_;  ///< into ports_; constant after construction

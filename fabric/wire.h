@@ -49,6 +49,9 @@ inline constexpr std::size_t sa_data_size = mad_size - sa_data_offset;
 
 inline constexpr std::uint8_t sa_class = 3;
 inline constexpr std::uint8_t sa_class_version = 2;
+inline constexpr std::uint8_t method_get = 0x01;
+inline constexpr std::uint8_t method_get_table = 0x12;
+inline constexpr std::uint8_t method_get_table_resp = 0x92;
 inline constexpr std::uint8_t method_get_multi = 0x14;
 inline constexpr std::uint8_t method_get_multi_resp = 0x94;
 inline constexpr std::uint16_t attribute_path_record = 0x0035;
@@ -146,7 +149,6 @@ struct PathRecord {
 inline constexpr std::size_t smp_data_offset = 64;
 inline constexpr std::size_t smp_data_size = 64;
 inline constexpr std::uint8_t directed_route_class = 0x81;
-inline constexpr std::uint8_t method_get = 0x01;
 inline constexpr std::uint16_t attribute_node_info = 0x0011;
 inline constexpr std::uint16_t attribute_port_info = 0x0015;
 inline constexpr std::uint16_t attribute_pkey_table = 0x0016;  ///< 32 entries of 16 bits a block
