@@ -36,7 +36,7 @@ double gigabits(std::uint8_t rate) {
 
 Json hops_to_json(const RecordPath& path, Ways& ways) {
     Json all = Json::array();
-    for (const Hop& hop : ways.hops(path.record->sgid, path.record->dgid)) {
+    for (const Hop& hop : ways.hops(*path.record)) {
         Json row = {{"node", ways.name(hop)}};
         if (hop.in)
             row["in"] = hop.in;

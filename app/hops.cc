@@ -30,57 +30,27 @@ std::string Ways::name(const Hop& hop) const {
     return printable(host == names_.end() ? node_at(hop.node).name : host->second);
 }
 
-Ways::Link Ways::link_at(fabric::PortId at) const {
-    const fabric::Port& port = node_at(at.node).ports.at(static_cast<std::size_t>(at.port));
-    const fabric::PortId far = {port.remote_node, port.remote_port};
-    const fabric::Port& end = node_at(far.node).ports.at(static_cast<std::size_t>(far.port));
-    return {far, fabric::slower_rate(port.rate, end.rate), fabric::smaller_mtu(port.mtu, end.mtu)};
+const fabric::Port& Ways::port_at(fabric::PortId at) const {
+    return node_at(at.node).ports.at(static_cast<std::size_t>(at.port));
 }
 
-/* The port by which a switch sends on what came to it; 0: by none. It is the first behind which the
- * rest of the way is as short, and as wide, as the best from here. */
-int Ways::way_out(fabric::PortId at, fabric::PortId to) {
-    const auto best = routing_.route(at, to);
-    const int ports = static_cast<int>(node_at(at.node).ports.size());
-    for (int port = 1; best && port < ports; ++port) {
-        if (!routing_.link_up(at.node, port))
-            continue;
-        const Link link = link_at({at.node, port});
-        const bool arrives = link.far.node == to.node && link.far.port == to.port;
-        const bool forwards = node_at(link.far.node).kind == fabric::NodeKind::switch_node;
-        if (arrives)
-            return port;
-        const auto rest = forwards ? routing_.route(link.far, to) : std::nullopt;
-        if (rest && rest->hops + 1 == best->hops &&
-            fabric::slower_rate(rest->rate, link.rate) == best->rate &&
-            fabric::smaller_mtu(rest->mtu, link.mtu) == best->mtu)
-            return port;
-    }
-    return 0;
-}
-
-std::vector<Hop> Ways::hops(const gx_gid_t& from_gid, const gx_gid_t& to_gid) {
-    const auto from = ports_.find(fabric::guid_of(fabric::wire(from_gid)));
-    const auto to = ports_.find(fabric::guid_of(fabric::wire(to_gid)));
-    if (from == ports_.end() || to == ports_.end())
+std::vector<Hop> Ways::hops(const ib_path_record_v2_t& path) {
+    const auto from = ports_.find(fabric::guid_of(fabric::wire(path.sgid)));
+    const auto to = ports_.find(fabric::guid_of(fabric::wire(path.dgid)));
+    std::vector<fabric::PortId> links;
+    if (from == ports_.end() || to == ports_.end() ||
+        !routing_.route(from->second, to->second, path.dlid, &links) || links.empty())
         return {};
     std::vector<Hop> hops;
-    fabric::PortId at = from->second;
-    for (int in = 0; routing_.link_up(at.node, at.port);) {
-        const Link link = link_at(at);
-        hops.push_back({at.node, in, at.port, link.rate});
-        in = link.far.port;
-        if (link.far.node == to->second.node && in == to->second.port) {
-            hops.push_back({link.far.node, in});
-            return hops;
-        }
-        if (node_at(link.far.node).kind != fabric::NodeKind::switch_node)
-            return {};
-        at = {link.far.node, way_out(link.far, to->second)};
-        if (at.port == 0)
-            return {};
+    int in = 0;
+    for (const fabric::PortId& out : links) {
+        const fabric::Port& port = port_at(out);
+        const fabric::Port& far_end = port_at({port.remote_node, port.remote_port});
+        hops.push_back({out.node, in, out.port, fabric::slower_rate(port.rate, far_end.rate)});
+        in = port.remote_port;
     }
-    return {};
+    hops.push_back({to->second.node, in});
+    return hops;
 }
 
 namespace {
@@ -125,7 +95,7 @@ std::string format_hops(Machine& machine, const std::vector<Peer>& peers, std::s
         }
         const fabric::Host& host = machine.site().hosts[peer.host];
         for (const RecordPath& path : paths_of(peer.record)) {
-            const std::vector<Hop> hops = ways.hops(path.record->sgid, path.record->dgid);
+            const std::vector<Hop> hops = ways.hops(*path.record);
             text += fabric::format_ip(host.ip) + "  " + printable(host.name) + "  " + path.kind +
                     " path\n" +
                     (hops.empty() ? "  The topology has no such way.\n"

@@ -2,9 +2,8 @@
 //
 // Which switches a path goes through, and by which of their ports.
 //
-// The topology tells it, as the simulated SA computes paths: the shortest way, of several the one
-// with the fastest slowest link, and of those the one by the lowest port numbers. Of a real fabric
-// a picture is all that is known here; its manager may have chosen another of the shortest ways.
+// The topology tells it, with the routes that the simulated subnet has. Of a real fabric a picture
+// is all that is known here; its manager may have chosen another of the shortest ways.
 #pragma once
 
 #include <string>
@@ -30,20 +29,14 @@ class Ways {
   public:
     explicit Ways(const Site& site);
 
-    /// The way from a port to another; empty where the topology lacks a port, or a way.
-    std::vector<Hop> hops(const gx_gid_t& from, const gx_gid_t& to);
+    /// The way that packets of the path take; empty where the topology lacks a port, or a way.
+    std::vector<Hop> hops(const ib_path_record_v2_t& path);
     /// What people call the node.
     std::string name(const Hop& hop) const;
 
   private:
-    struct Link {
-        fabric::PortId far;
-        std::uint8_t rate = 0;
-        std::uint8_t mtu = 0;
-    };
-    Link link_at(fabric::PortId port) const;
     const fabric::Node& node_at(int node) const;
-    int way_out(fabric::PortId at, fabric::PortId to);
+    const fabric::Port& port_at(fabric::PortId at) const;
 
     const Site& site_;
     fabric::Routing routing_;

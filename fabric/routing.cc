@@ -185,15 +185,21 @@ void Routing::add_link(Route& route, PortId near_end) const {
     }
 }
 
-std::optional<Route> Routing::route(PortId from, PortId to, unsigned lid) {
+std::optional<Route> Routing::route(PortId from, PortId to, unsigned lid,
+                                    std::vector<PortId>* links) {
     if (!reaches(from, to))
         return std::nullopt;
     Route route;
+    const auto take = [&](PortId out) {
+        add_link(route, out);
+        if (links)
+            links->push_back(out);
+    };
     const Port& source = port_at(from);
     if (switch_of(from.node) < 0) {
         if (from.node == to.node && from.port == to.port)
             return Route{0, source.rate, source.mtu};
-        add_link(route, from);
+        take(from);
         if (is_back_to_back(from, to))
             return route;
     }
@@ -203,11 +209,11 @@ std::optional<Route> Routing::route(PortId from, PortId to, unsigned lid) {
     for (int at = *leaf_of(from); at != last;) {
         const int exit = exit_towards(at, target, lid % targets_[target].lids);
         const PortId near_end{switches_[static_cast<std::size_t>(at)], exit};
-        add_link(route, near_end);
+        take(near_end);
         at = switch_of(port_at(near_end).remote_node);
     }
     if (switch_of(to.node) < 0)
-        add_link(route, to);
+        take({port_at(to).remote_node, port_at(to).remote_port});
     return route;
 }
 

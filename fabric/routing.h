@@ -45,10 +45,12 @@ class Routing {
     /// `lmc`: of all adapters' ports; 0: of each what the topology says.
     explicit Routing(const Topology& topology, std::uint8_t lmc = 0);
 
-    /// The way from a port to one of another's LIDs, counted from its base LID. Empty when there is
-    /// none. A port reaches itself over no link, as long as its own link is up. Throws
-    /// std::out_of_range for a port that is not there.
-    std::optional<Route> route(PortId from, PortId to, unsigned lid = 0);
+    /// The way from a port to one of another's LIDs, counted from its base LID, modulo their
+    /// number. Empty when there is none. A port reaches itself over no link, as long as its own
+    /// link is up. Throws std::out_of_range for a port that is not there. `links`, when given, gets
+    /// the ends that lead out of the nodes on the way, in its order.
+    std::optional<Route> route(PortId from, PortId to, unsigned lid = 0,
+                               std::vector<PortId>* links = nullptr);
 
     /// Whether there is a way; at one cost at any size.
     bool reaches(PortId from, PortId to);

@@ -95,10 +95,11 @@ TEST(Texts, TakeNoOrdersFromNames) {
 constexpr const char* two_ways =
     "Switch 4 \"L1\" # \"left\"\n[1] \"A\"[1] # 4xEDR\n[2] \"S1\"[1] # 4xQDR\n[3] \"S2\"[1] # "
     "4xEDR\n"
-    "Switch 4 \"L2\" # \"right\"\n[1] \"B\"[1] # 4xEDR\n[2] \"S1\"[2] # 4xEDR\n[4] \"S2\"[2] # "
+    "Switch 4 \"L2\" # \"right\"\n[1] \"B\"[1] # 4xEDR\n[3] \"C\"[1] # 4xEDR\n[2] \"S1\"[2] # "
+    "4xEDR\n[4] \"S2\"[2] # "
     "4xEDR\n"
     "Switch 2 \"S1\" # \"slow\"\nSwitch 2 \"S2\" # \"fast\"\n"
-    "Ca 1 \"A\" # \"us HCA-1\"\nCa 1 \"B\" # \"them HCA-1\"\n";
+    "Ca 1 \"A\" # \"us HCA-1\"\nCa 1 \"B\" # \"them HCA-1\"\nCa 1 \"C\" # \"others HCA-1\"\n";
 
 TEST(Hops, AreThoseOfThePathThatTheSaComputed) {
     std::istringstream text(two_ways);
@@ -114,18 +115,26 @@ TEST(Hops, AreThoseOfThePathThatTheSaComputed) {
               "10.0.0.2  them  primary path\n"
               "  in  node   out      link\n"
               "      us       1  100 Gb/s\n"
-              "   1  left     3  100 Gb/s\n"
-              "   1  fast     2  100 Gb/s\n"
-              "   4  right    1  100 Gb/s\n"
-              "   1  them\n");
-    EXPECT_EQ(resolver.peers()[0].record.paths[0].rate, fabric::parse_rate("4xEDR"));
+              "   1  left     2   40 Gb/s  slowest\n"
+              "   1  slow     2  100 Gb/s\n"
+              "   2  right    1  100 Gb/s\n"
+              "   1  them\n"
+              "... and the paths of 1 more ...\n");
     app::Ways ways(machine.site());
-    const auto& path = resolver.peers()[0].record.paths[0];
-    EXPECT_THAT(ways.hops(path.sgid, {}), IsEmpty());
+    std::set<int> slowest;
+    for (const app::Peer& peer : resolver.peers()) {
+        const auto& path = peer.record.paths[0];
+        const std::vector<app::Hop> hops = ways.hops(path);
+        slowest.insert(path.rate);
+        EXPECT_EQ(hops.size(), 5u);
+        EXPECT_EQ(path.rate, std::min(hops[1].rate, hops[2].rate)) << peer.host;
+    }
+    EXPECT_EQ(slowest.size(), 2u) << "one spine each";
+    EXPECT_THAT(ways.hops({}), IsEmpty());
     const auto json = nlohmann::json::parse(
         app::to_json(machine, resolver, resolver.peers(), machine.stop(), &ways));
     EXPECT_EQ(json["peers"][0]["paths"][0]["hops"][2].dump(),
-              R"({"in":1,"node":"fast","out":2,"rate_gbps":100.0})");
+              R"({"in":1,"node":"slow","out":2,"rate_gbps":100.0})");
 }
 
 /* One peer answers, one never does, and one's paths are asked for twice. */
