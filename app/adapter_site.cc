@@ -104,11 +104,11 @@ std::string name_of_this_machine() {
 
 void real_site(Site& site, const HostOptions& options) {
     const rdma::Device& device = site.device->device();
-    int only_port = 0;
-    for (int number = 1; number <= device.count(); ++number)
-        if (device.port(number).up && only_port == 0)
-            only_port = number;
-    site.interface = rdma::find_interface(options.interface, device.name(), only_port);
+    int first_up = 1;
+    while (first_up < device.count() && !device.port(first_up).up)
+        ++first_up;
+    site.interface = rdma::find_interface(options.interface, device.name(), first_up);
+    device.require_active(site.interface->port);
     fabric::Node node;
     node.id = node.name = device.name();
     node.guid = device.guid();

@@ -202,6 +202,9 @@ void Resolver::end(Slot& slot, tarv_stat_t status, const tarv_arp_data_t* record
     peer.resolved = status == tarv_stat_ok;
     if (peer.resolved) {
         peer.record = *record;
+        // An SA may have given more than was wanted.
+        if (peer.wanted == tarv_paths_primary)
+            peer.record.mask &= ~TARV_MASK_SECONDARY_PATH;
         (first_pass_ ? peer.learned : peer.cached) = ended_at - slot.asked_at;
     }
     counts_.timeouts += status == tarv_stat_timeout;

@@ -106,22 +106,36 @@ void Device::first_look(Port& port) {
     port.facts = port.coming = seen;
 }
 
+/* Empty for a port that is active. */
+std::string Device::why_not_active(int number) const {
+    const std::string where = "port " + std::to_string(number) + " of " + name_;
+    if (!at(number).road)
+        return where + " is left out, or its link is no InfiniBand";
+    const PortFacts seen = facts(number);
+    if (seen.up())
+        return {};
+    const std::size_t state = std::min<std::size_t>(seen.port.state, 4);
+    return where + " is " + state_names[state] +
+           (state == 1 ? ": it has no link; see to its cable and the switch"
+                       : ": no subnet manager has set it up; start one, such as opensm");
+}
+
+void Device::require_active(int port) const {
+    if (const std::string why_not = why_not_active(port); !why_not.empty())
+        throw DeviceError(why_not);
+}
+
 void Device::require_service() {
     std::string why_not;
     bool any = false;
     for (const std::unique_ptr<Port>& port : ports_) {
-        if (!port->road)
-            continue;
-        const PortFacts seen = facts(port->number);
-        const std::string where = "port " + std::to_string(port->number) + " of " + name_;
-        if (!seen.up()) {
-            const std::size_t state = std::min<std::size_t>(seen.port.state, 4);
-            why_not = where + " is " + state_names[state] +
-                      (state == 1 ? ": it has no link; see to its cable and the switch"
-                                  : ": no subnet manager has set it up; start one, such as opensm");
+        if (const std::string reason = why_not_active(port->number); !reason.empty()) {
+            if (port->road)
+                why_not = reason;
             continue;
         }
         any = true;
+        const PortFacts seen = facts(port->number);
         const std::uint32_t transaction = port->transaction++;
         const auto is_answer = [&](const fabric::Packet& packet) {
             const auto header = fabric::decode<fabric::MadHeader>(packet.payload);
@@ -129,7 +143,8 @@ void Device::require_service() {
                    static_cast<std::uint32_t>(header->transaction) == transaction;
         };
         if (!ask(*port->road, question_to_sa(seen, transaction), is_answer))
-            throw DeviceError(where + ": the SA at LID " + std::to_string(seen.port.sm_lid) +
+            throw DeviceError("port " + std::to_string(port->number) + " of " + name_ +
+                              ": the SA at LID " + std::to_string(seen.port.sm_lid) +
                               " does not answer; see to the subnet manager there");
     }
     if (!any)

@@ -36,6 +36,9 @@ class Device final : public fabric::Uplink {
     /// Before start().
     void require_service();
 
+    /// Throws DeviceError when that port is not active.
+    void require_active(int port) const;
+
     /// The adapter told of something at a port: it is looked at anew, and `event` is passed on even
     /// if no difference is seen.
     void note(int port, std::optional<gx_async_record_t> event);
@@ -66,6 +69,7 @@ class Device final : public fabric::Uplink {
 
     Port& at(int number) const { return *ports_.at(static_cast<std::size_t>(number - 1)); }
     void first_look(Port& port);
+    std::string why_not_active(int number) const;
     void look(Port& port) const;
     void serve(Port& port);
     std::vector<fabric::Gid> gids() const;

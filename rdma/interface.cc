@@ -66,7 +66,8 @@ HardwareAddress hardware(const std::string& text) {
     return address;
 }
 
-std::string choose(const std::string& adapter, int port) {
+/* Those of the adapter, or of that port of it if it is not 0, by name. */
+std::vector<std::string> interfaces_of(const std::string& adapter, int port) {
     std::error_code none;
     std::vector<std::string> names;
     for (const fs::directory_entry& entry : fs::directory_iterator(interfaces, none)) {
@@ -74,11 +75,28 @@ std::string choose(const std::string& adapter, int port) {
         if (is_ipoib(name) && belongs_to(name, adapter) && (port == 0 || port_of(name) == port))
             names.push_back(name);
     }
+    std::ranges::sort(names);
+    return names;
+}
+
+std::string choose(const std::string& adapter, int port) {
+    const std::vector<std::string> names = interfaces_of(adapter, port);
     if (names.empty())
-        throw DeviceError(adapter + (port ? " port " + std::to_string(port) : "") +
+        throw DeviceError("port " + std::to_string(port) + " of " + adapter +
                           " has no IPoIB interface; load ib_ipoib and give it an address, or name "
-                          "one with --interface");
-    return *std::ranges::min_element(names);
+                          "another port's with --interface");
+    return names[0];
+}
+
+void require_of(const std::string& adapter, const std::string& name) {
+    const std::vector<std::string> names = interfaces_of(adapter, 0);
+    if (std::ranges::count(names, name) > 0)
+        return;
+    std::string cure;
+    for (const std::string& each : names)
+        cure += (cure.empty() ? "; it has " : ", ") + each;
+    throw DeviceError(name + " is no IPoIB interface of " + adapter +
+                      (names.empty() ? ", which has none; load ib_ipoib" : cure));
 }
 
 /* The interface's first IPv4 address, with its mask and flags. */
@@ -135,11 +153,8 @@ int open_socket(const Interface& interface) {
 Interface find_interface(const std::string& name, const std::string& adapter, int port) {
     Interface found;
     found.name = name.empty() ? choose(adapter, port) : name;
+    require_of(adapter, found.name);
     found.index = static_cast<int>(if_nametoindex(found.name.c_str()));
-    if (found.index == 0)
-        throw DeviceError("there is no interface " + found.name);
-    if (!is_ipoib(found.name))
-        throw DeviceError(found.name + " is no IPoIB interface");
     read_address(found);
     found.port = port_of(found.name);
     // Bit 15 says full member, which an interface's own P_Key always has.

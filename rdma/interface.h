@@ -29,9 +29,8 @@ struct Interface {
     HardwareAddress broadcast{};
 };
 
-/// The interface of that name, or the first that belongs to the adapter, to that port of it if it
-/// is not 0. Throws DeviceError when there is none, when it is no IPoIB interface, or when it has
-/// no IPv4 address or is down.
+/// The adapter's interface of that name, or the first of that port of it if no name is given.
+/// Throws DeviceError when there is none, or when it has no IPv4 address or is down.
 Interface find_interface(const std::string& name, const std::string& adapter, int port);
 
 /// ARP packets of an interface, without the 4 bytes in front of them.

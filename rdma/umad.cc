@@ -9,6 +9,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "fabric/rmpp.h"
+
 namespace rdma {
 namespace {
 
@@ -28,12 +30,41 @@ class Frame {
     std::vector<std::uint8_t> bytes_;
 };
 
+/* A kernel sends what its SA answers by RMPP, also what fits into one datagram, and sends it again
+ * until that is acknowledged. The GSI service acknowledges segments of longer answers. */
+std::optional<fabric::Packet> acknowledge_whole(const fabric::Packet& answer) {
+    constexpr std::uint8_t whole = fabric::rmpp_active | fabric::rmpp_first | fabric::rmpp_last;
+    const auto header = fabric::decode<fabric::MadHeader>(answer.payload);
+    const auto rmpp = fabric::rmpp_header(answer.payload);
+    if (!header || header->method != fabric::method_get_multi_resp || !rmpp ||
+        rmpp->type != fabric::rmpp_data || (rmpp->flags & whole) != whole)
+        return std::nullopt;
+    fabric::Packet packet = answer;
+    packet.dlid = answer.slid;
+    packet.slid = 0;
+    packet.payload[3] = fabric::method_get_multi;
+    std::fill(packet.payload.begin() + fabric::rmpp_offset, packet.payload.end(), std::uint8_t{0});
+    encode(fabric::RmppHeader{1, fabric::rmpp_ack, fabric::rmpp_active, 0, 1, 1},
+           std::span(packet.payload).subspan(fabric::rmpp_offset));
+    return packet;
+}
+
+bool wants_answer(const fabric::Packet& packet) {
+    if (packet.dest_qp != fabric::gsi_qp)
+        return true;
+    const auto rmpp = fabric::rmpp_header(packet.payload);
+    return !rmpp || rmpp->type == fabric::rmpp_data;
+}
+
 class UmadPort final : public Transport {
   public:
     UmadPort(const std::string& adapter, int port) : id_(umad_open_port(adapter.c_str(), port)) {
+        // The library says EIO of whatever kept it from opening the file.
+        const int error = id_ == -EIO ? errno : -id_;
         const std::string where = "port " + std::to_string(port) + " of " + adapter;
         if (id_ < 0)
-            throw DeviceError(where + " cannot be opened: " + why(-id_) +
+            throw DeviceError(where +
+                              " cannot be opened: " + std::generic_category().message(error) +
                               "; it needs the rights to /dev/infiniband/umad*, as root has");
         smi_ = umad_register(id_, fabric::directed_route_class, agent_version_smi, 0, nullptr);
         gsi_ = umad_register(id_, fabric::sa_class, fabric::sa_class_version, 0, nullptr);
@@ -60,7 +91,8 @@ class UmadPort final : public Transport {
         // A request that nobody answers comes back as one that has timed out. A failed send is a
         // lost datagram.
         umad_send(id_, packet.dest_qp == fabric::gsi_qp ? gsi_ : smi_, frame.get(),
-                  static_cast<int>(fabric::mad_size), request_life_ms, 0);
+                  static_cast<int>(fabric::mad_size), wants_answer(packet) ? request_life_ms : 0,
+                  0);
     }
 
     std::optional<fabric::Packet> receive(std::chrono::milliseconds wait) override {
@@ -78,12 +110,12 @@ class UmadPort final : public Transport {
         packet.pkey = 0xFFFF;
         const auto size = std::min(static_cast<std::size_t>(length), fabric::mad_size);
         packet.payload.assign(frame.mad(), frame.mad() + size);
+        if (const auto acknowledgement = acknowledge_whole(packet))
+            send(*acknowledgement);
         return packet;
     }
 
   private:
-    static std::string why(int error) { return std::generic_category().message(error); }
-
     const int id_;
     int smi_ = -1;
     int gsi_ = -1;
@@ -115,7 +147,8 @@ Device::Roads open_ports(const std::string& name, int only_port) {
     }
     const std::unique_ptr<umad_ca_t, int (*)(umad_ca_t*)> release(&adapter, umad_release_ca);
     if (only_port > adapter.numports)
-        throw DeviceError(name + " has no port " + std::to_string(only_port));
+        throw DeviceError(name + " has no port " + std::to_string(only_port) + ", only " +
+                          std::to_string(adapter.numports));
     Device::Roads roads(static_cast<std::size_t>(adapter.numports));
     for (int number = 1; number <= adapter.numports; number++) {
         const umad_port_t* const port = adapter.ports[number];
