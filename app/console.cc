@@ -9,6 +9,7 @@
 #include "app/script_text.h"
 #include "app/suggest.h"
 #include "fabric/topology.h"
+#include "host/check.h"
 #include "tarv/tarv-api-control.h"
 
 namespace app {
@@ -150,6 +151,7 @@ void Console::resolve(const ScriptRequest& request) {
 }
 
 void Console::on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* context) {
+    host::must_hold_no_lock("a reply callback");
     auto& request = *static_cast<Request*>(context);
     request.console->look_ups_.replied(status);
     const std::string text = format_reply(request.number, status, record);

@@ -20,6 +20,8 @@ constexpr const char* level_key = "quorvane/modules/tarv/";
 Machine::Machine(Site site, const HostOptions& options, const host::Options& kernel,
                  host::ConsoleSink console, const fabric::FabricOptions& fabric)
     : options_(options), site_(std::move(site)), kernel_(kernel) {
+    if (options_.old_kernel)
+        host::set_largest_allocation(host::largest_allocation_of_old);
     make_surroundings(fabric);
     host::set_console(std::move(console));
     host::set_logger_level(options_.logger_level);

@@ -69,6 +69,9 @@ void add_host_options(CommandLine& line, HostOptions& options) {
     line.number("--logger-level", options.logger_level, 0, 5,
                 "The host's trace level, 0 to 5 (otherwise 5):\n"
                 "no module prints a line of a higher level");
+    line.flag("--old-kernel", options.old_kernel,
+              "Be a kernel that has memory in pieces of at most 128 KiB (otherwise 4 MiB):\n"
+              "a table of more than 1637 addresses cannot be read then");
     line.text("--adapter", options.adapter, "NAME[:PORT] | ibsim:NODE[,NODE]",
               "Be this host on its real fabric, through that adapter of its own or one\n"
               "port of it; or a node on a running ibsim, whose one-port nodes may be joined.\n"

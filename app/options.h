@@ -24,6 +24,7 @@ struct HostOptions {
     std::vector<std::string> parameters;  ///< of the module, NAME=VALUE
     int debug_level = 1;                  ///< the module's own trace level
     int logger_level = 5;                 ///< the host-wide trace level
+    bool old_kernel = false;              ///< 128 KiB of memory in one piece, and no more
     std::string capture;                  ///< file for the packets; empty: none
     std::string adapter;                  ///< of a real fabric, see rdma/open.h; empty: simulated
     std::string interface;                ///< IPoIB interface on it; empty: the adapter's first

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <utility>
 
+#include "host/check.h"
 #include "host/services.h"
 #include "platform/jiffies.h"
 
@@ -189,6 +190,7 @@ void Resolver::ask(std::size_t peer) {
 }
 
 void Resolver::on_reply(tarv_stat_t status, tarv_arp_data_t* record, void* context) {
+    host::must_hold_no_lock("a reply callback");
     auto& slot = *static_cast<Slot*>(context);
     slot.resolver->end(slot, status, record);
 }

@@ -222,10 +222,12 @@ int Gsi::post(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm) {
     owner.in_flight++;
     if (Witness* const sees = witness())
         sees->query(owner.port, slot.record);
-    works_.schedule(host::Context::gsi, 0,
-                    [this, handle, place = &slot, packet = std::move(packet)]() mutable {
-                        transmit(handle, place, std::move(packet));
-                    });
+    works_.schedule(
+        host::Context::gsi, 0,
+        [this, handle, place = &slot, packet = std::move(packet)]() mutable {
+            transmit(handle, place, std::move(packet));
+        },
+        owner.port);
     return 0;
 }
 

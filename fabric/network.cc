@@ -18,6 +18,11 @@ host::Context context_of(const Packet& packet) {
     return is_management(packet) ? host::Context::gsi : host::Context::driver;
 }
 
+/* What crosses one of our ports keeps its order. */
+unsigned lane_of(int port) {
+    return static_cast<unsigned>(port);
+}
+
 }  // namespace
 
 Network::Network(Works& works, Subnet& subnet, Tap& tap, int our_node, int our_ports,
@@ -59,22 +64,26 @@ void Network::send(int port, Packet packet) {
         return port_faults(port).pass([this, port, shared](unsigned long late) {
             if (late == 0)
                 return uplink_->send(port, *shared);
-            works_.schedule(host::Context::gsi, late,
-                            [this, port, shared] { uplink_->send(port, *shared); });
+            works_.schedule(
+                host::Context::gsi, late, [this, port, shared] { uplink_->send(port, *shared); },
+                lane_of(port));
         });
     unsigned long ticks = ticks_for(*shared, true);
-    port_faults(port).pass([this, shared, ticks](unsigned long late) {
-        works_.schedule(context_of(*shared), ticks + late, [this, shared] { arrive_far(*shared); });
+    port_faults(port).pass([this, port, shared, ticks](unsigned long late) {
+        works_.schedule(
+            context_of(*shared), ticks + late, [this, shared] { arrive_far(*shared); },
+            lane_of(port));
     });
 }
 
 void Network::arrive_by_uplink(int port, Packet packet) {
     Shared shared = std::make_shared<const Packet>(std::move(packet));
     port_faults(port).pass([this, port, shared](unsigned long late) {
-        works_.schedule(host::Context::gsi, late, [this, port, shared] {
+        const auto arrive = [this, port, shared] {
             look(Direction::in, port, *shared);
             receivers_.gsi(port, *shared);
-        });
+        };
+        works_.schedule(host::Context::gsi, late, arrive, lane_of(port));
     });
 }
 
@@ -104,8 +113,9 @@ void Network::send_to_us(PortId from, Packet packet, unsigned long late) {
     Shared shared = std::make_shared<const Packet>(std::move(packet));
     unsigned long ticks = ticks_for(*shared, false) + late;
     port_faults(port).pass([this, from, port, shared, ticks](unsigned long later) {
-        works_.schedule(context_of(*shared), ticks + later,
-                        [this, from, port, shared] { arrive_here(from, port, *shared); });
+        works_.schedule(
+            context_of(*shared), ticks + later,
+            [this, from, port, shared] { arrive_here(from, port, *shared); }, lane_of(port));
     });
 }
 

@@ -35,13 +35,15 @@ Works::~Works() {
     close();
 }
 
-void Works::schedule(host::Context context, unsigned long ticks, std::function<void()> work) {
-    host::Kernel::current().schedule(context, ticks, [gate = gate_, work = std::move(work)] {
+void Works::schedule(host::Context context, unsigned long ticks, std::function<void()> work,
+                     unsigned lane) {
+    auto run = [gate = gate_, work = std::move(work)] {
         if (!gate->enter())
             return;
         work();
         gate->leave();
-    });
+    };
+    host::Kernel::current().schedule(context, ticks, std::move(run), lane);
 }
 
 void Works::close() {

@@ -21,7 +21,8 @@ class Works {
     Works& operator=(const Works&) = delete;
 
     /// As Kernel::schedule: never inside this call, from any context, with locks held.
-    void schedule(host::Context context, unsigned long ticks, std::function<void()> work);
+    void schedule(host::Context context, unsigned long ticks, std::function<void()> work,
+                  unsigned lane = 0);
 
     /// Waits for what is running; nothing runs afterwards. Not from inside scheduled work.
     void close();

@@ -80,7 +80,8 @@ class Executor {
     virtual void advance(unsigned long ticks) = 0;
     virtual void settle() = 0;
     virtual unsigned long next_due() const = 0;
-    virtual void schedule(Context context, unsigned long ticks, std::function<void()> work) = 0;
+    virtual void schedule(Context context, unsigned long ticks, std::function<void()> work,
+                          unsigned lane) = 0;
 
     /// One turn for everybody else.
     virtual void yield() = 0;

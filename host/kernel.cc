@@ -99,11 +99,12 @@ unsigned long Kernel::next_due() const {
     return impl_->executor->next_due();
 }
 
-void Kernel::schedule(Context context, unsigned long ticks, std::function<void()> work) {
+void Kernel::schedule(Context context, unsigned long ticks, std::function<void()> work,
+                      unsigned lane) {
     enter("Kernel::schedule");
     if (!work)
         die("Kernel::schedule: there is nothing to run");
-    impl_->executor->schedule(context, ticks, std::move(work));
+    impl_->executor->schedule(context, ticks, std::move(work), lane);
 }
 
 std::vector<std::string> Kernel::remains() const {

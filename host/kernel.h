@@ -8,8 +8,8 @@
 // Virtual time: one thread, or one that passes the time while others only call. Ticks pass only in
 // advance(), and everything that falls due runs there, in the order of its due tick, then in the
 // order in which it was scheduled: one input, one transcript. Real time: 1000 ticks a second. Every
-// context but process has a thread of its own, so that timers, GSI completions, driver receives and
-// adapter events truly run at the same time.
+// context but process has threads of its own, so that timers, GSI completions, driver receives and
+// adapter events truly run at the same time. So do two timers, and completions of two ports.
 #pragma once
 
 #include <cstdint>
@@ -57,8 +57,10 @@ class Kernel {
     unsigned long next_due() const;
 
     /// Has `work` run in `context` when `ticks` ticks have passed (0: as soon as it can, but never
-    /// inside this call). From any context, with locks held.
-    void schedule(Context context, unsigned long ticks, std::function<void()> work);
+    /// inside this call). From any context, with locks held. Real time: what has the same `lane` in
+    /// a context comes one after the other, in order; completions of different lanes may overlap.
+    void schedule(Context context, unsigned long ticks, std::function<void()> work,
+                  unsigned lane = 0);
 
     /// Everything that a finished module should not have left: one line each, empty when clean.
     /// Memory, armed timers, /proc files, inter-module names, repository registrations, and

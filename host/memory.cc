@@ -61,6 +61,7 @@ class alignas(64) Shard {
 
 std::array<Shard, 64> shards;
 std::atomic<std::size_t> live_blocks, live_bytes, peak_bytes, allocations;
+std::atomic<std::size_t> most_in_one_piece;
 
 Shard& shard_of(const void* memory) {
     const auto address = reinterpret_cast<std::uintptr_t>(memory);
@@ -91,6 +92,8 @@ void count_allocation(std::size_t size) {
 }
 
 void* allocate(std::size_t size, gfp_t flags, const void* caller) {
+    if (size > most_in_one_piece.load(std::memory_order_relaxed))
+        return nullptr;
     void* memory = std::malloc(size);
     if (!memory)
         return nullptr;
@@ -120,6 +123,7 @@ void begin_memory() {
     for (Shard& shard : shards)
         shard.clear();
     live_blocks = live_bytes = peak_bytes = allocations = 0;
+    most_in_one_piece = largest_allocation;
 }
 
 // What was left has been reported to whoever asked; the next Kernel starts clean.
@@ -146,6 +150,11 @@ const Service memory_service = {begin_memory, end_memory, report_blocks};
 
 MemoryUse memory_use() {
     return {live_blocks, live_bytes, peak_bytes, allocations};
+}
+
+void set_largest_allocation(std::size_t bytes) {
+    enter("set_largest_allocation");
+    most_in_one_piece = bytes;
 }
 
 }  // namespace host

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// Real time: 1000 ticks a second, and a thread for every context, so that what runs at the same
-// time on a multiprocessor does so here. Work for the process context that nobody waits for has a
-// thread too.
+// Real time: 1000 ticks a second, and threads for every context, so that what runs at the same time
+// on a multiprocessor does so here. Timers and completions have several, as if each had its CPU: a
+// timer keeps to the thread on which it was armed first, a port's completions to that of their
+// lane. Work for the process context that nobody waits for has a thread too.
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <iterator>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -41,7 +44,7 @@ class Ticks {
     const SteadyClock::time_point start_;
 };
 
-/* One context's queue and the thread that serves it. */
+/* A queue of one context and the thread that serves it. */
 class Worker {
   public:
     Worker(Context context, const Ticks& ticks, std::atomic<unsigned long>& activity)
@@ -188,17 +191,21 @@ void Worker::serve() {
     finished_.notify_all();
 }
 
+/* How many threads a context has, in the order of Context. */
+constexpr std::array threads_of = {1, 1, 3, 2, 1};
+
 class RealExecutor final : public Executor {
   public:
     explicit RealExecutor(unsigned long first_jiffy) : ticks_(first_jiffy) {
         for (std::size_t i = 0; i < workers_.size(); ++i)
-            workers_[i] = std::make_unique<Worker>(static_cast<Context>(i), ticks_, activity_);
+            for (int thread = 0; thread < threads_of[i]; ++thread)
+                workers_[i].push_back(
+                    std::make_unique<Worker>(static_cast<Context>(i), ticks_, activity_));
     }
     ~RealExecutor() override { stop(); }
 
     void stop() override {
-        for (auto& worker : workers_)
-            worker->stop();
+        for_all([](Worker& worker) { worker.stop(); });
     }
     unsigned long now() const override { return ticks_.now(); }
     void advance(unsigned long ticks) override {
@@ -206,29 +213,60 @@ class RealExecutor final : public Executor {
     }
     void settle() override;
     unsigned long next_due() const override;
-    void schedule(Context context, unsigned long ticks, std::function<void()> work) override {
-        worker(context).add(ticks, std::move(work));
+    void schedule(Context context, unsigned long ticks, std::function<void()> work,
+                  unsigned lane) override {
+        const Workers& workers = workers_[static_cast<std::size_t>(context)];
+        workers[lane % workers.size()]->add(ticks, std::move(work));
     }
     void yield() override { std::this_thread::yield(); }
     bool run_others(const char*, const char*, unsigned long) override { return false; }
 
-    void add_timer(timer_list* timer) override { timers().arm(timer); }
-    bool stop_timer(timer_list* timer) override { return timers().disarm_and_wait(timer); }
-    bool timer_armed(const timer_list* timer) const override { return timers().armed(timer); }
-    const timer_list* timer_within(const void* memory, std::size_t size) const override {
-        return timers().timer_within(memory, size);
+    void add_timer(timer_list* timer) override { worker_of(timer).arm(timer); }
+    bool stop_timer(timer_list* timer) override { return worker_of(timer).disarm_and_wait(timer); }
+    bool timer_armed(const timer_list* timer) const override {
+        return std::ranges::any_of(timers(), [&](auto& worker) { return worker->armed(timer); });
     }
-    std::vector<ArmedTimer> armed_timers() const override { return timers().armed_timers(); }
+    const timer_list* timer_within(const void* memory, std::size_t size) const override;
+    std::vector<ArmedTimer> armed_timers() const override;
 
   private:
-    static constexpr std::size_t contexts = 5;
-    Worker& worker(Context context) const { return *workers_[static_cast<std::size_t>(context)]; }
-    Worker& timers() const { return worker(Context::timer); }
+    using Workers = std::vector<std::unique_ptr<Worker>>;
+
+    const Workers& timers() const { return workers_[static_cast<std::size_t>(Context::timer)]; }
+    Worker& worker_of(const timer_list* timer);
+    template <class Call>
+    void for_all(Call call) const {
+        for (const Workers& workers : workers_)
+            for (const auto& worker : workers)
+                call(*worker);
+    }
 
     const Ticks ticks_;
     std::atomic<unsigned long> activity_{0};  // entries queued and begun, ever
-    std::array<std::unique_ptr<Worker>, contexts> workers_;
+    std::array<Workers, threads_of.size()> workers_;
+    std::mutex places_mutex_;
+    std::map<const timer_list*, std::size_t> places_;  // which thread is a timer's
 };
+
+Worker& RealExecutor::worker_of(const timer_list* timer) {
+    const std::lock_guard guard(places_mutex_);
+    const auto place = places_.try_emplace(timer, places_.size() % timers().size()).first;
+    return *timers()[place->second];
+}
+
+const timer_list* RealExecutor::timer_within(const void* memory, std::size_t size) const {
+    for (const auto& worker : timers())
+        if (const timer_list* timer = worker->timer_within(memory, size))
+            return timer;
+    return nullptr;
+}
+
+std::vector<ArmedTimer> RealExecutor::armed_timers() const {
+    std::vector<ArmedTimer> all;
+    for (const auto& worker : timers())
+        std::ranges::copy(worker->armed_timers(), std::back_inserter(all));
+    return all;
+}
 
 // Work of one context makes work for another. All are idle at once only when nothing was queued or
 // begun while they were found idle one after the other.
@@ -238,15 +276,13 @@ void RealExecutor::settle() {
     unsigned long before = 0;
     do {
         before = activity_.load();
-        for (const auto& worker : workers_)
-            worker->wait_idle();
+        for_all([](Worker& worker) { worker.wait_idle(); });
     } while (activity_.load() != before);
 }
 
 unsigned long RealExecutor::next_due() const {
     unsigned long first = never;
-    for (const auto& worker : workers_)
-        first = std::min(first, worker->first_due());
+    for_all([&](const Worker& worker) { first = std::min(first, worker.first_due()); });
     return first;
 }
 

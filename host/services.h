@@ -21,6 +21,13 @@ struct MemoryUse {
 };
 MemoryUse memory_use();
 
+/// What a kernel has in one piece, and one of old.
+inline constexpr std::size_t largest_allocation = 4u << 20;
+inline constexpr std::size_t largest_allocation_of_old = 128u << 10;
+/// Under this Kernel kmalloc refuses more bytes than that; largest_allocation where nothing is
+/// said.
+void set_largest_allocation(std::size_t bytes);
+
 /// What a module registered under `name`, or null: the kernel's inter_module_get.
 const void* inter_module_get(const std::string& name);
 

@@ -24,7 +24,8 @@ class VirtualExecutor final : public Executor {
 
     void advance(unsigned long ticks) override;
     void settle() override { run_until(now_); }
-    void schedule(Context context, unsigned long ticks, std::function<void()> work) override {
+    void schedule(Context context, unsigned long ticks, std::function<void()> work,
+                  unsigned) override {
         queue_.add(now_ + ticks, {context, std::move(work), nullptr});
     }
     void yield() override;

@@ -5,7 +5,8 @@
 // Two kinds. What must come at once is small: an entry, a record, a request, never more than a
 // page. What may be waited for may be large: the table's text takes 80 bytes an entry, four
 // megabytes for 50,000 of them, which is more than many a kernel has in one run of pages. So a host
-// serves those from wherever it has memory, and is given them back where it may sleep as well.
+// serves those from wherever it has memory, or has none above a size of its own, and is given them
+// back where it may sleep as well.
 #pragma once
 
 #include "platform/types.h"

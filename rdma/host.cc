@@ -34,10 +34,11 @@ void Host::send(int port, fabric::Packet packet) {
 }
 
 void Host::arrived(int port, fabric::Packet packet) {
-    works_.schedule(host::Context::gsi, 0, [this, port, packet = std::move(packet)] {
+    auto take_in = [this, port, packet = std::move(packet)] {
         tap_.see({fabric::Direction::in, port, jiffies(), packet});
         gsi_.receive(port, packet);
-    });
+    };
+    works_.schedule(host::Context::gsi, 0, std::move(take_in), static_cast<unsigned>(port));
 }
 
 }  // namespace rdma

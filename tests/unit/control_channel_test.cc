@@ -130,7 +130,8 @@ class ControlRead : public ControlTest {
     /// Adds entries for 10.0.1.0 and so on.
     void fill(int entries) {
         for (int i = 0; i < entries; i++)
-            command("add 10.0.0.1 10.0.1." + std::to_string(i) + " " + std::to_string(i));
+            command("add 10.0.0.1 10.0." + std::to_string(1 + i / 256) + "." +
+                    std::to_string(i % 256) + " " + std::to_string(i));
     }
 };
 
@@ -206,6 +207,22 @@ TEST_F(ControlRead, IsEmptyWithoutMemoryForItsText) {
     EXPECT_EQ(console().back(),
               error("tarv_hash_print_to_string", "Can't allocate output buffer.", "tarv_arp_hash"));
     EXPECT_EQ(read_all(), header);
+}
+
+/* A table that has grown larger than what the kernel has in one piece. */
+TEST_F(ControlRead, IsEmptyAboveWhatTheKernelHasInOnePiece) {
+    constexpr int entries = 1637;  // and a line, of 80 bytes each
+    fill(entries);
+    host::set_largest_allocation(host::largest_allocation_of_old);
+    EXPECT_EQ(read_all().size(), 79u + entries * 78u);
+    command("add 10.0.0.1 10.0.0.2 5");
+    console();
+    EXPECT_EQ(read_all(), "");
+    EXPECT_THAT(console(),
+                testing::Contains(error("tarv_hash_print_to_string",
+                                        "Can't allocate output buffer.", "tarv_arp_hash")));
+    host::set_largest_allocation(host::largest_allocation);
+    EXPECT_EQ(read_all().size(), 79u + (entries + 1) * 78u);
 }
 
 }  // namespace

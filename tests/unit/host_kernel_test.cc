@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <latch>
 #include <mutex>
 #include <thread>
 
@@ -168,6 +169,40 @@ TEST_P(VirtualKernel, ReportsWhatAnArmedTimerAndAWatcherLeave) {
     del_timing_sync(&timer.timer);
     token.reset();
     EXPECT_THAT(kernel_.remains(), ElementsAre());
+}
+
+/* Two that wait for each other, on threads of their own. */
+TEST(RealKernel, TwoTimersAndTwoPortsCompletionsOverlap) {
+    Kernel kernel({.clock = Clock::real_time});
+    static std::latch both(2);
+    static timer_list timers[2];
+    for (timer_list& timer : timers) {
+        init_timing(&timer);
+        timer.function = [](unsigned long) { both.arrive_and_wait(); };
+        timer.expires = jiffies() + 1;
+        add_timing(&timer);
+    }
+    both.wait();
+    std::latch completions(2);
+    for (const unsigned port : {1, 2})
+        kernel.schedule(
+            Context::gsi, 0, [&] { completions.arrive_and_wait(); }, port);
+    completions.wait();
+    // Those of one port do not.
+    std::atomic<int> inside = 0, beside = 0;
+    for (int i = 0; i < 20; ++i)
+        kernel.schedule(
+            Context::gsi, 0,
+            [&] {
+                beside += inside++;
+                std::this_thread::yield();
+                --inside;
+            },
+            2);
+    kernel.settle();
+    EXPECT_EQ(beside, 0);
+    for (timer_list& timer : timers)
+        del_timing_sync(&timer);
 }
 
 TEST(RealKernel, ManyMoreReadersThanCpusKeepWritersOut) {

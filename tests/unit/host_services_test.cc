@@ -126,6 +126,13 @@ TEST_F(Services, TheRepositoryTellsOfChanges) {
     EXPECT_NE(rep_open_key(rep_get_root(), "a/b/", 0, &key), 0);
 }
 
+TEST_F(Services, MemoryComesInPiecesOfAtMostFourMebibytes) {
+    void* const most = kmalloc(4u << 20, GFP_KERNEL);
+    EXPECT_NE(most, nullptr);
+    kfree(most);
+    EXPECT_EQ(kmalloc((4u << 20) + 1, GFP_KERNEL), nullptr);
+}
+
 TEST(Faults, HitTheCallTheyWereSetForOnce) {
     const host::Kernel kernel;
     kfree(kmalloc(1, GFP_ATOMIC));
