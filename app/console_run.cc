@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "app/console.h"
@@ -91,8 +92,10 @@ int run(const ConsoleOptions& options) {
     machine.switch_on();
     Console console(machine, site, terminal);
     console_of_terminal = &console;
-    const Mount::Serving serving = mount.serve([&] { return metrics.text(console.look_ups()); });
+    std::optional<Mount::Serving> serving;
+    serving.emplace(mount, [&] { return metrics.text(console.look_ups()); });
     const bool all_well = converse(console, terminal, End(machine, ticks_of(options.seconds)));
+    serving.reset();  // an open file keeps the module where it is
     const Departure& departure = machine.stop();
     terminal.print(format_departure(departure));
     return departure.clean() && (all_well || terminal.interactive()) ? 0 : 1;

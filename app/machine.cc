@@ -84,6 +84,7 @@ int Machine::load(const std::vector<std::string>& parameters) try {
 Departure Machine::unload() {
     if (driver().attached())
         driver().detach();
+    uses_.clear();  // by nobody any more
     host::unload_module(tarv_module);
     loaded_ = false;
     return {kernel_.remains(), host::memory_use()};
@@ -116,11 +117,14 @@ const Departure& Machine::stop() {
     return departure_;
 }
 
-const void* Machine::find(const std::string& name) {
-    const void* const found = host::inter_module_get(name);
-    if (!found)
+const host::InterModuleUse& Machine::use(const std::string& name) {
+    const std::lock_guard guard(uses_mutex_);
+    host::InterModuleUse& use = uses_[name];
+    if (!use)
+        use = host::InterModuleUse(name);
+    if (!use)
         throw std::runtime_error("the module does not offer " + name);
-    return found;
+    return use;
 }
 
 }  // namespace app

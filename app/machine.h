@@ -13,7 +13,9 @@
 // IPoIB interface too, everything is real and there is no simulated fabric.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -84,16 +86,16 @@ class Machine {
     /// See fabric::Tap.
     void on_packet(fabric::Tap::Hook hook) { tap().on_packet(std::move(hook)); }
 
-    /// A function that the module offers to other modules, as inter_module_get() finds it. Throws
-    /// std::runtime_error when it does not.
+    /// A function that the module offers to other modules, as inter_module_get() finds it, to be
+    /// called until the unload. Throws std::runtime_error when it does not.
     template <class Function>
     Function* function(const std::string& name) {
-        return reinterpret_cast<Function*>(const_cast<void*>(find(name)));
+        return use(name).function<Function>();
     }
 
   private:
     void make_surroundings(fabric::FabricOptions options);
-    static const void* find(const std::string& name);
+    const host::InterModuleUse& use(const std::string& name);
 
     fabric::Driver& driver();
     fabric::Tap& tap();
@@ -104,6 +106,8 @@ class Machine {
     std::optional<fabric::Fabric> fabric_;  ///< this, or
     std::optional<rdma::Host> real_;        ///< that
     bool loaded_ = false;
+    std::mutex uses_mutex_;
+    std::map<std::string, host::InterModuleUse> uses_;  ///< of the loaded module's names
     Departure departure_;
 };
 

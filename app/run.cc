@@ -162,15 +162,16 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
     if (!options.resolve_all)
         metrics.emplace(machine);
     machine.switch_on();
-    const Mount::Serving serving =
-        mount.serve(metrics ? [&] { return metrics->text(); } : std::function<std::string()>());
+    std::optional<Resolver> resolver;
+    std::optional<Mount::Serving> serving;
+    serving.emplace(mount,
+                    metrics ? [&] { return metrics->text(); } : std::function<std::string()>());
     say((quiet ? "" : "\n") + format_machine(machine));
     if (skipped_lines > 0)
         say("Host list  " + std::to_string(skipped_lines) + " lines skipped, about none of them\n");
     if (detachment)
         detachment->ready(format_ready(options, detachment));
     sd_notify(0, "READY=1");  // says nothing where nobody has asked for it
-    std::optional<Resolver> resolver;
     if (options.resolve_all) {
         ResolveOptions how;
         how.limit = ticks_of(options.seconds);
@@ -182,6 +183,7 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
         stay(machine, mount, ticks_of(options.seconds));
         say("\n");
     }
+    serving.reset();  // an open file keeps the module where it is
     const Departure& departure = machine.stop();
     say(format_departure(departure));
     if (!resolver)

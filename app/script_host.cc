@@ -3,6 +3,7 @@
 
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -42,9 +43,10 @@ void ScriptHost::load_module(const std::vector<std::string>& parameters) {
 void ScriptHost::unload_module() {
     if (!loaded())
         return refuse("unload: no module is loaded");
+    // Who has a file open keeps the module where it is.
+    for (std::size_t reader = 0; reader < script_readers; ++reader)
+        close_reader(reader);
     const Departure departure = enter_unload();
-    for (ScriptReader& reader : readers_)
-        reader = {};
     report(departure.remains);
 }
 
@@ -84,10 +86,12 @@ tarv_stat_t ScriptHost::enter_detach() {
 /* A function that the module offers to others; null when it does not, which is said. */
 template <class Function>
 Function* ScriptHost::function(const std::string& verb, const std::string& name) {
-    const void* const found = host::inter_module_get(name);
-    if (!found)
+    try {
+        return machine_.function<Function>(name);
+    } catch (const std::runtime_error&) {
         refuse(verb + ": no module offers " + name);
-    return reinterpret_cast<Function*>(const_cast<void*>(found));
+        return nullptr;
+    }
 }
 
 void ScriptHost::resolve(const ScriptRequest& request) {

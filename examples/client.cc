@@ -64,10 +64,11 @@ int main() {
     const u32 our_ip = machine.fabric().our_host().ip;
 
     // The module is found by name, so that the client can be loaded without it.
-    const void* const found = host::inter_module_get("tarv_get_ib_data_fn");
-    if (!found)
+    // From here to the end of its use the module stays.
+    host::InterModuleUse use("tarv_get_ib_data_fn");
+    if (!use)
         return 1;
-    auto* const get_ib_data = reinterpret_cast<tarv_get_ib_data_fn_t*>(const_cast<void*>(found));
+    auto* const get_ib_data = use.function<tarv_get_ib_data_fn_t>();
 
     Peer peer = {.ip = *fabric::parse_ip("10.0.0.2")};
     resolve(get_ib_data, peer, our_ip);
@@ -84,5 +85,6 @@ int main() {
     good &= report("halted", nobody, tarv_stat_timeout);
     resolve(get_ib_data, peer, our_ip);
     good &= report("asked a halted module", peer, tarv_stat_error);
+    use.end();
     return good && machine.stop().remains.empty() ? 0 : 1;
 }

@@ -16,7 +16,8 @@ namespace {
 
 template <class Function>
 Function* module_function(const char* name) {
-    return reinterpret_cast<Function*>(const_cast<void*>(host::inter_module_get(name)));
+    // A real one would put the name when it is done with it, and so keep the module until then.
+    return host::InterModuleUse(name).function<Function>();
 }
 
 struct Driver {

@@ -4,17 +4,9 @@
 #include "fabric/waist.h"
 #include "fabric/witness.h"
 #include "host/check.h"
-#include "host/services.h"
 
 namespace fabric {
 namespace {
-
-/* A function that the module registered for others, or null. */
-template <class Function>
-Function* module_function(const char* name) {
-    const void* address = host::inter_module_get(name);
-    return reinterpret_cast<Function*>(const_cast<void*>(address));
-}
 
 tarv_stat_t send_arp_data(tarv_arp_data_t* record, void* context, int media_reset) {
     const host::DriverCall call("send_arp_data_fn");
@@ -55,7 +47,9 @@ tarv_arp_data_t make_arp_data(const ArpPacket& arp, int port) {
 }
 
 tarv_stat_t Driver::attach() {
-    auto* attach_fn = module_function<tarv_attach_fn_t>("tarv_attach_fn");
+    Uses uses = {host::InterModuleUse("tarv_attach_fn"), host::InterModuleUse("tarv_detach_fn"),
+                 host::InterModuleUse("tarv_process_arp_data_fn")};
+    auto* attach_fn = uses.attach.function<tarv_attach_fn_t>();
     if (attach_fn == nullptr)
         return tarv_stat_error;
     void* handle = nullptr;
@@ -63,6 +57,7 @@ tarv_stat_t Driver::attach() {
     if (status != tarv_stat_ok)
         return status;
     MutexLock lock(attachment_mutex_);
+    uses_ = std::move(uses);
     attached_ = true;
     handle_ = handle;
     return status;
@@ -77,8 +72,11 @@ tarv_stat_t Driver::detach() {
         while (intakes_ > 0)
             idle_.wait(attachment_mutex_);
     }
-    auto* detach_fn = module_function<tarv_detach_fn_t>("tarv_detach_fn");
-    return detach_fn == nullptr ? tarv_stat_error : detach_fn(handle);
+    const host::InterModuleUse use("tarv_detach_fn");
+    auto* detach_fn = use.function<tarv_detach_fn_t>();
+    const tarv_stat_t status = detach_fn == nullptr ? tarv_stat_error : detach_fn(handle);
+    uses_ = {};
+    return status;
 }
 
 bool Driver::attached() const {
@@ -100,10 +98,8 @@ Driver::Intake::~Intake() {
     driver_.idle_.notify_all();
 }
 
-void Driver::hand_in(tarv_arp_data_t record) {
-    auto* process = module_function<tarv_process_arp_data_fn_t>("tarv_process_arp_data_fn");
-    if (process == nullptr)
-        return;
+void Driver::hand_in(tarv_arp_data_t record) const {
+    auto* process = uses_.process.function<tarv_process_arp_data_fn_t>();
     Witness* const sees = witness();
     if (sees != nullptr)
         sees->before_arp(record);

@@ -12,6 +12,7 @@
 
 #include "fabric/mutex.h"
 #include "fabric/wire.h"
+#include "host/services.h"
 #include "tarv/tarv.h"
 
 namespace fabric {
@@ -55,10 +56,17 @@ class Driver {
         bool begun_;
     };
 
-    /// To the module, if it is there.
-    static void hand_in(tarv_arp_data_t record);
+    /// To the module, during an Intake that has begun.
+    void hand_in(tarv_arp_data_t record) const;
 
   private:
+    /// What it uses of the module for as long as it is attached.
+    struct Uses {
+        host::InterModuleUse attach, detach, process;
+    };
+
+    // Changes only while the driver is not attached and nothing is being handed in.
+    Uses uses_;
     mutable Mutex attachment_mutex_;
     std::condition_variable_any idle_;
     bool attached_ TA_GUARDED(attachment_mutex_) = false;

@@ -17,6 +17,7 @@ namespace host {
 constinit thread_local ThreadState this_thread;
 std::atomic<std::uint64_t> current_epoch{0};
 std::atomic<const ThreadState*> only_thread{nullptr};
+std::atomic<bool> files_keep_modules{true};
 
 void die(const char* format, ...) {
     // One buffer and one write, so that the messages of two dying threads do not mix.

@@ -15,6 +15,7 @@
 
 #include "host/check.h"
 
+struct module;
 struct timer_list;
 
 namespace host {
@@ -42,6 +43,9 @@ extern constinit thread_local ThreadState this_thread;
 extern std::atomic<std::uint64_t> current_epoch;
 /// The only thread that may use the kernel; null when every thread may.
 extern std::atomic<const ThreadState*> only_thread;
+
+/// Options::files_keep_modules of the current Kernel.
+extern std::atomic<bool> files_keep_modules;
 
 [[noreturn]] void die_at_the_door(const char* call);
 
@@ -72,6 +76,12 @@ std::string describe_address(const void* address);
 
 /// A timer that is armed, or whose function another thread runs, in these bytes; or null.
 const timer_list* active_timer_within(const void* memory, std::size_t size);
+
+/// A module is in use, and must not be unloaded, from a use_module() that gave true to the
+/// end_use_of_module() that follows. False when it is about to go. Nobody (null) can be used
+/// always.
+bool use_module(struct module* owner);
+void end_use_of_module(struct module* owner);
 
 /// A service's part in the life of a Kernel. begin() starts from nothing, end() gives back what is
 /// still there, remains() appends what a finished module should not have left.

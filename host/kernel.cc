@@ -48,6 +48,7 @@ Kernel::Kernel(const Options& options) : impl_(std::make_unique<Impl>()) {
     current_epoch = next_epoch();
     const bool one_thread = options.clock == Clock::virtual_time && !options.shared;
     only_thread = one_thread ? &this_thread : nullptr;
+    files_keep_modules = options.files_keep_modules;
     the_kernel = this;
     for (const Service* service : services)
         service->begin();

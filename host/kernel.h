@@ -28,6 +28,9 @@ enum class Context : std::uint8_t { process, event, timer, gsi, driver };
 struct Options {
     Clock clock = Clock::virtual_time;
     unsigned long first_jiffy = 1000;  ///< the tick counter's first value
+    /// An open file of /proc keeps the module that owns it, as in a kernel of old; otherwise the
+    /// file is taken away from under its users, as in one of today.
+    bool files_keep_modules = true;
     bool shared = false;  ///< virtual time: all threads may call, while one of them passes the time
 };
 

@@ -14,6 +14,8 @@
 
 struct module {
     const module_info_t* info;
+    unsigned users = 0;  ///< of its names and files
+    bool going = false;  ///< nobody may begin to use it
 };
 using LoadedModule = struct module;
 
@@ -22,11 +24,12 @@ namespace {
 
 struct Name {
     std::string name;
-    const LoadedModule* owner;
+    LoadedModule* owner;
     const void* data;
+    unsigned users = 0;
 };
 
-std::mutex names_mutex;
+std::mutex names_mutex;  // guards the names, and who uses a module
 std::vector<Name> names;
 std::vector<std::unique_ptr<LoadedModule>> loaded;
 
@@ -111,7 +114,50 @@ auto find_loaded(const module_info_t& info) {
     return std::ranges::find(loaded, &info, [](const auto& one) { return one->info; });
 }
 
+/* `owner` is one that is loaded, or nobody. */
+bool begin_use(LoadedModule* owner) {
+    if (owner && owner->going)
+        return false;
+    if (owner)
+        ++owner->users;
+    return true;
+}
+
+void end_use(const LoadedModule* owner) {
+    const auto found = std::ranges::find(loaded, owner, &std::unique_ptr<LoadedModule>::get);
+    if (found != loaded.end())
+        --(*found)->users;
+}
+
+/* From here on nobody begins to use the module, and nobody may be using it. */
+void begin_to_go(LoadedModule& going) {
+    const std::lock_guard guard(names_mutex);
+    going.going = true;
+    if (going.users == 0)
+        return;
+    std::string used;
+    unsigned files = going.users;
+    for (const Name& name : names)
+        if (name.owner == &going && name.users > 0) {
+            used += " " + name.name;
+            files -= name.users;
+        }
+    if (files > 0)
+        used += " " + std::to_string(files) + " open files";
+    die("unload_module: %s is in use:%s", going.info->name, used.c_str());
+}
+
 }  // namespace
+
+bool use_module(struct module* owner) {
+    const std::lock_guard guard(names_mutex);
+    return begin_use(owner);
+}
+
+void end_use_of_module(struct module* owner) {
+    const std::lock_guard guard(names_mutex);
+    end_use(owner);
+}
 
 const Service module_service = {forget_all, forget_all, report_names};
 
@@ -119,7 +165,20 @@ const void* inter_module_get(const std::string& name) {
     enter("inter_module_get");
     const std::lock_guard guard(names_mutex);
     const auto found = find_name(name);
-    return found == names.end() ? nullptr : found->data;
+    if (found == names.end() || !begin_use(found->owner))
+        return nullptr;
+    ++found->users;
+    return found->data;
+}
+
+void inter_module_put(const std::string& name) {
+    enter("inter_module_put");
+    const std::lock_guard guard(names_mutex);
+    const auto found = find_name(name);
+    if (found == names.end() || found->users == 0)
+        die("inter_module_put: nobody uses the name %s", name.c_str());
+    --found->users;
+    end_use(found->owner);
 }
 
 std::vector<std::string> inter_module_names() {
@@ -137,7 +196,7 @@ int load_module(const module_info_t& info, const std::vector<std::string>& param
     if (find_loaded(info) != loaded.end())
         die("load_module: %s is loaded already", info.name);
     apply_parameters(info, parameters);
-    loaded.push_back(std::make_unique<LoadedModule>(LoadedModule{&info}));
+    loaded.push_back(std::make_unique<LoadedModule>(LoadedModule{&info, 0, false}));
     const ContextScope scope(Context::process);
     const int result = info.init();
     must_return_lock_free("the init function of", reinterpret_cast<const void*>(info.init));
@@ -151,6 +210,7 @@ void unload_module(const module_info_t& info) {
     must_sleep("unload_module");
     if (find_loaded(info) == loaded.end())
         die("unload_module: %s is not loaded", info.name);
+    begin_to_go(**find_loaded(info));
     const ContextScope scope(Context::process);
     info.exit();
     must_return_lock_free("the exit function of", reinterpret_cast<const void*>(info.exit));
@@ -170,7 +230,7 @@ void inter_module_register(const char* name, struct module* owner, const void* u
     const std::lock_guard guard(host::names_mutex);
     if (host::find_name(name) != host::names.end())
         host::die("inter_module_register: the name %s is taken", name);
-    host::names.push_back({name, owner, userdata});
+    host::names.push_back({name, owner, userdata, 0});
 }
 
 void inter_module_unregister(const char* name) {

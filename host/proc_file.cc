@@ -102,7 +102,8 @@ Piece call_handler(ProcNode& node, long offset, std::size_t wanted) {
 struct ProcFile::Impl {
     std::string path;
     std::shared_ptr<ProcNode> node;
-    std::mutex mutex;  // one system call on this open file at a time
+    struct module* owner = nullptr;  // who is in use as long as the file is open
+    std::mutex mutex;                // one system call on this open file at a time
     long position = 0;
     std::string text;     // all that the handler has given, from which every read is served
     long next = 0;        // the offset of the handler's next call
@@ -163,13 +164,18 @@ ProcFile::ProcFile(const std::string& path) : impl_(nullptr) {
         fail(EISDIR, path);
     if ((node->mode & 0666) == 0)
         fail(EACCES, path);
+    struct module* const owner = files_keep_modules ? node->owner : nullptr;
+    if (!use_module(owner))
+        fail(ENOENT, path);
     impl_ = new Impl;
     impl_->path = path;
+    impl_->owner = owner;
     impl_->node = std::move(node);
 }
 
 ProcFile::~ProcFile() {
     impl_->finish_pass();
+    end_use_of_module(impl_->owner);
     delete impl_;
 }
 

@@ -131,7 +131,11 @@ tarv_stat_t Driver::deliver(tarv_arp_data_t packet) const {
 
 Arena::Arena(unsigned long speed)
     : site(site_of(fabric::make_fabric({.hosts = 24}))),
-      machine(site, {}, {host::Clock::real_time, first_jiffy(speed)}, {}, {.delays = {0, 0, 0}}) {
+      machine(site, {},
+              {.clock = host::Clock::real_time,
+               .first_jiffy = first_jiffy(speed),
+               .files_keep_modules = false},
+              {}, {.delays = {0, 0, 0}}) {
     set_clock_speed(speed);
     fabric.gsi().set_request_lifetime(10000 * speed);
     driver.on_send = lose;

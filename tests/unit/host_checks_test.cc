@@ -210,6 +210,29 @@ const Rule lock_rules[] = {
 INSTANTIATE_TEST_SUITE_P(Lock, BrokenRule, testing::ValuesIn(lock_rules),
                          [](const auto& rule) { return rule.param.name; });
 
+/* A module with a name for others and a file. */
+const module_info_t owner = {
+    .name = "owner",
+    .description = "",
+    .depends = "",
+    .vermagic = "",
+    .init =
+        [] {
+            inter_module_register("f", this_module(), &one);
+            create_proc_entry("f", 0, nullptr)->owner = this_module();
+            return 0;
+        },
+    .exit =
+        [] {
+            inter_module_unregister("f");
+            remove_proc_entry("f", nullptr);
+        },
+    .params = nullptr,
+    .param_count = 0,
+    .exports = nullptr,
+    .export_count = 0,
+};
+
 const Rule service_rules[] = {
     {"FreedTwice", "kfree: the memory at .* is freed twice",
      [] {
@@ -263,6 +286,24 @@ const Rule service_rules[] = {
      }},
     {"NameUnknown", "inter_module_unregister: nobody registered the name f",
      [] { inter_module_unregister("f"); }},
+    {"NameInUseAtTheUnload", "unload_module: owner is in use: f",
+     [] {
+         host::load_module(owner);
+         host::inter_module_get("f");
+         host::unload_module(owner);
+     }},
+    {"NamePutTwice", "inter_module_put: nobody uses the name f",
+     [] {
+         host::load_module(owner);
+         host::InterModuleUse use("f");
+         host::inter_module_put("f");
+     }},
+    {"FileOpenAtTheUnload", "unload_module: owner is in use: 1 open files",
+     [] {
+         host::load_module(owner);
+         const host::ProcFile file("f");
+         host::unload_module(owner);
+     }},
     {"ProcEntryMissing", "remove_proc_entry: there is no entry a/b",
      [] { remove_proc_entry("a/b", nullptr); }},
     {"ProcDirectoryNotEmpty", "remove_proc_entry: the directory a is not empty",
@@ -282,6 +323,18 @@ const Rule service_rules[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Service, BrokenRule, testing::ValuesIn(service_rules),
                          [](const auto& rule) { return rule.param.name; });
+
+TEST(Checks, AModuleThatNobodyUsesAnyMoreGoes) {
+    const Kernel kernel;
+    host::load_module(owner);
+    {
+        const host::InterModuleUse use("f"), second("f");
+        const host::ProcFile file("f");
+        EXPECT_EQ(use.data(), &one);
+    }
+    host::unload_module(owner);
+    EXPECT_FALSE(host::InterModuleUse("f"));
+}
 
 TEST(Checks, ALockMayBeMadeReadyAgainAndIsNamedWhileHeld) {
     for (int load = 0; load < 2; ++load) {

@@ -44,7 +44,7 @@ tarv_stat_t process(tarv_arp_data_t* record) {
 /* The names of a module, for as long as it is there. */
 class StandIn {
   public:
-    explicit StandIn(Fabric& fabric) {
+    explicit StandIn(Fabric& fabric) : fabric_(fabric) {
         given = {};
         add("tarv_attach_fn", attach);
         add("tarv_detach_fn", detach);
@@ -52,6 +52,8 @@ class StandIn {
         EXPECT_EQ(fabric.ipoib().attach(), tarv_stat_ok);
     }
     ~StandIn() {
+        if (fabric_.ipoib().attached())
+            fabric_.ipoib().detach();
         for (const char* name : names_)
             inter_module_unregister(name);
     }
@@ -62,6 +64,7 @@ class StandIn {
         inter_module_register(name, this_module(), reinterpret_cast<const void*>(function));
         names_.push_back(name);
     }
+    Fabric& fabric_;
     std::vector<const char*> names_;
 };
 

@@ -56,7 +56,7 @@ TEST_F(ModuleLoad, StandsAfterALoadAndIsGoneAfterAnUnload) {
     EXPECT_EQ(console(), banner + initialized + bound("1"));
     Symbols names;
     for (const std::string& name : host::inter_module_names())
-        names.emplace_back(name, host::inter_module_get(name));
+        names.emplace_back(name, host::InterModuleUse(name).data());
     EXPECT_EQ(names, (Symbols{{"tarv_get_ib_data_fn", address(tarv_get_ib_data)},
                               {"tarv_process_arp_data_fn", address(tarv_process_arp_data)},
                               {"tarv_detach_fn", address(tarv_detach)},
