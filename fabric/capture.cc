@@ -3,11 +3,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <system_error>
 #include <utility>
-
-#include "platform/jiffies.h"
 
 namespace fabric {
 namespace {
@@ -36,11 +35,6 @@ void append(Bytes& out, const T& header) {
     std::size_t at = out.size();
     out.resize(at + T::wire_size);
     encode(header, std::span(out).subspan(at));
-}
-
-void write_all(std::ostream& out, const Bytes& bytes) {
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
 }
 
 }  // namespace
@@ -86,6 +80,7 @@ CaptureFile::CaptureFile(const std::string& path)
     : CaptureFile(std::make_unique<std::ofstream>(path, std::ios::binary)) {
     if (!*out_)
         throw std::system_error(errno, std::generic_category(), path);
+    path_ = path;
 }
 
 CaptureFile::CaptureFile(std::unique_ptr<std::ostream> out) : out_(std::move(out)) {
@@ -96,7 +91,7 @@ CaptureFile::CaptureFile(std::unique_ptr<std::ostream> out) : out_(std::move(out
     append_le(header, 0, 8);      // time zone, accuracy
     append_le(header, 65535, 4);  // longest packet
     append_le(header, link_type_erf, 4);
-    write_all(*out_, header);
+    append_to_file(header);
 }
 
 CaptureFile::~CaptureFile() = default;
@@ -105,25 +100,42 @@ bool CaptureFile::whole() const {
     return out_->good();
 }
 
-void CaptureFile::write(const SeenPacket& seen) {
+/* A reader would stumble over half a packet. */
+void CaptureFile::append_to_file(const Bytes& bytes) {
+    if (!whole())
+        return;
+    out_->write(reinterpret_cast<const char*>(bytes.data()),
+                static_cast<std::streamsize>(bytes.size()));
+    out_->flush();
+    if (whole()) {
+        size_ += bytes.size();
+        return;
+    }
+    std::error_code no_file_to_shorten;
+    if (!path_.empty())
+        std::filesystem::resize_file(path_, size_, no_file_to_shorten);
+}
+
+void CaptureFile::write(const SeenPacket& seen, std::chrono::nanoseconds time) {
+    constexpr std::uint64_t second = 1000000000;
     Bytes link = encode_link(seen.packet);
     std::size_t length = erf_header_size + link.size();
-    std::uint64_t seconds = seen.jiffies / HZ;
-    std::uint64_t rest = seen.jiffies % HZ;
+    const auto since_1970 = static_cast<std::uint64_t>(time.count());
+    std::uint64_t seconds = since_1970 / second;
+    std::uint64_t rest = since_1970 % second;
     Bytes record;
     append_le(record, seconds, 4);
-    append_le(record, rest * (1000000 / HZ), 4);
+    append_le(record, rest / 1000, 4);
     append_le(record, length, 4);
     append_le(record, length, 4);
-    append_le(record, seconds << 32 | (rest << 32) / HZ, 8);  // binary fixed point
+    append_le(record, seconds << 32 | (rest << 32) / second, 8);  // binary fixed point
     record.push_back(erf_type_infiniband);
     record.push_back(static_cast<std::uint8_t>(erf_varying_length | ((seen.port - 1) & 3)));
     append_be16(record, length);
     append_be16(record, 0);  // packets lost before this one
     append_be16(record, link.size());
     record.insert(record.end(), link.begin(), link.end());
-    write_all(*out_, record);
-    out_->flush();
+    append_to_file(record);
 }
 
 void Tap::on_packet(Hook hook) {
@@ -156,7 +168,7 @@ void Tap::see(const SeenPacket& seen) {
         return;
     MutexLock lock(mutex_);
     if (file_)
-        file_->write(seen);
+        file_->write(seen, std::chrono::system_clock::now().time_since_epoch());
     if (hook_)
         hook_(seen);
 }

@@ -8,6 +8,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <memory>
@@ -28,19 +30,24 @@ struct SeenPacket {
 };
 
 /// Writes a classic capture file with the link type of ERF records, each of type 21 (InfiniBand)
-/// with all link headers. Time is counted in ticks from 0 on. Throws std::system_error when the
-/// file cannot be made.
+/// with all link headers. When a packet cannot be written, the file ends with the one before it.
+/// Throws std::system_error when the file cannot be made.
 class CaptureFile {
   public:
     explicit CaptureFile(const std::string& path);
     explicit CaptureFile(std::unique_ptr<std::ostream> out);
     ~CaptureFile();
-    void write(const SeenPacket& seen);
+    /// `time`: since 1970.
+    void write(const SeenPacket& seen, std::chrono::nanoseconds time);
     /// All that came could be written.
     bool whole() const;
 
   private:
+    void append_to_file(const Bytes& bytes);
+
     std::unique_ptr<std::ostream> out_;
+    std::string path_;        ///< empty where the caller gave the stream
+    std::uint64_t size_ = 0;  ///< of what stands whole in it
 };
 
 /// Where the hooks are. They are called one packet at a time, in the context that sends or receives

@@ -23,25 +23,11 @@
 #include <vector>
 
 #include "tests/support/program.h"
+#include "tests/support/tools.h"
 
 namespace support {
 
-/// Why OpenSM cannot be asked here; empty when it can.
-inline std::string no_opensm() {
-    for (const char* const program : {"opensm", "ibsim", "ibnetdiscover"})
-        if (std::system(("command -v " + std::string(program) + " >/dev/null").c_str()) != 0)
-            return std::string(program) +
-                   " is not installed (opensm, ibsim-utils, infiniband-diags)";
-    return {};
-}
-
-/// A test that needs OpenSM is skipped without it, and fails where nobody would notice that.
-#define SKIP_WITHOUT_OPENSM()                                                          \
-    if (const std::string reason = support::no_opensm(); !reason.empty()) {            \
-        if (const char* const ci = std::getenv("CI"); ci && std::string(ci) == "true") \
-            FAIL() << reason;                                                          \
-        GTEST_SKIP() << reason;                                                        \
-    }
+#define SKIP_WITHOUT_OPENSM() SKIP_WITHOUT_PROGRAMS("opensm", "ibsim", "ibnetdiscover")
 
 /// A child process. It dies with its parent.
 class Child {

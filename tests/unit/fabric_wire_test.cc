@@ -79,7 +79,7 @@ TEST(Wire, CaptureFilesHoldErfRecords) {
     CaptureFile file(std::move(out));
     Packet packet;
     packet.payload = {7};
-    file.write({Direction::out, 2, 1500, packet});
+    file.write({Direction::out, 2, 0, packet}, std::chrono::milliseconds(1500));
     std::string bytes = text.str();
     auto* raw = reinterpret_cast<const std::uint8_t*>(bytes.data());
     EXPECT_EQ(hex({raw, 64}),
