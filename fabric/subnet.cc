@@ -43,7 +43,7 @@ std::pair<int, int> end_ports_of(const Node& node) {
 
 bool reaches(Routing& routing, const Topology& topology, PortId from, int home) {
     if (home < 0)
-        return true;
+        return routing.reaches(from, from);
     const Node& host = topology.nodes[static_cast<std::size_t>(home)];
     for (int port = 1; port < static_cast<int>(host.ports.size()); port++)
         if (routing.reaches(from, {home, port}))
@@ -51,9 +51,12 @@ bool reaches(Routing& routing, const Topology& topology, PortId from, int home) 
     return false;
 }
 
-/* A switch before an adapter, and none that the host at home could not hear: such a manager would
- * look like one that hangs. */
+/* Where the dump was made is where managers sit; else a switch before an adapter. But none that the
+ * host at home could not hear: such a manager would look like one that hangs. */
 PortId choose_manager(const Topology& topology, Routing& routing, int home) {
+    const PortId origin{topology.origin, topology.origin_port};
+    if (origin.node >= 0 && reaches(routing, topology, origin, home))
+        return origin;
     std::optional<PortId> adapter;
     for (int i = 0; i < static_cast<int>(topology.nodes.size()); i++) {
         const Node& node = topology.nodes[static_cast<std::size_t>(i)];

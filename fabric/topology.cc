@@ -258,6 +258,7 @@ class Reader {
 
   private:
     void read_line(LineScanner& line);
+    void read_heading(LineScanner& line);
     void read_property(std::string_view key, LineScanner& line);
     void read_node(NodeKind kind, LineScanner& line);
     void take_guids(Node& node, LineScanner& line);
@@ -271,6 +272,7 @@ class Reader {
     void note_node_guid(int node, int line);
     void note_address(int node, int port, const Address& address, int line);
 
+    void find_origin();
     void check_whole(int last_line) const;
     void check_lids() const;
 
@@ -306,6 +308,7 @@ class Reader {
 
     Topology topology_;
     PendingGuids pending_;
+    std::uint64_t origin_guid_ = 0;  ///< of the port that the dump was made by; 0: not told
     std::array<int, max_ports + 1> listed_{};  ///< lines of the ports of the record being read
     std::vector<LinkLine> links_;
     std::unordered_map<std::string, int> ids_;
@@ -328,6 +331,7 @@ Topology Reader::read(std::istream& in) {
         connect(link);
     check_lids();
     fill_missing(topology_);
+    find_origin();
     return std::move(topology_);
 }
 
@@ -373,9 +377,18 @@ void refuse_report(std::string_view word, LineScanner& line) {
         line.fail(std::string("this is a list of ports, as ibnetdiscover -p prints it") + instead);
 }
 
+/// ibnetdiscover says where it ran in a comment, which is no more than that in other files.
+void Reader::read_heading(LineScanner& line) {
+    if (!line.take('#') || !line.take("Initiated from node ") || line.word().empty() ||
+        !line.take("port "))
+        return;
+    const std::string_view digits = line.word();
+    std::from_chars(digits.data(), digits.data() + digits.size(), origin_guid_, 16);
+}
+
 void Reader::read_line(LineScanner& line) {
     if (line.at_end())
-        return;
+        return read_heading(line);
     if (line.peek() == '[')
         return read_link(line);
     LineScanner start = line;
@@ -638,6 +651,20 @@ void Reader::check_whole(int last_line) const {
                     [](const Node& node) { return node.kind == NodeKind::adapter; });
     if (!has_adapter)
         fail(last_line, "the fabric has no adapter, expected at least one (Ca or Hca)");
+}
+
+void Reader::find_origin() {
+    for (std::size_t i = 0; origin_guid_ != 0 && i < topology_.nodes.size(); ++i) {
+        const std::vector<Port>& ports = topology_.nodes[i].ports;
+        const auto found = std::find_if(ports.begin(), ports.end(), [&](const Port& port) {
+            return port.guid == origin_guid_;
+        });
+        if (found == ports.end())
+            continue;
+        topology_.origin = static_cast<int>(i);
+        topology_.origin_port = static_cast<int>(found - ports.begin());
+        return;
+    }
 }
 
 /// A port answers to all LIDs that differ from its own in the last LMC bits.

@@ -49,6 +49,8 @@ struct Node {
 struct Topology {
     std::string file;
     std::vector<Node> nodes;  ///< in file order; missing GUIDs and rates have been filled in
+    int origin = -1;          ///< the node that ibnetdiscover ran on; -1: the file does not say
+    int origin_port = 0;      ///< by which it looked; that of the switch itself is 0
 };
 
 /// Reads a topology. Throws InputError for what is not understood, and for a fabric that can't be

@@ -188,19 +188,37 @@ TEST(SubnetManagerTest, KeepsGivenLidsAndGivesTheMissingOnes) {
     }
 }
 
-/* Where the manager sits, by which node is our host: never on an island that it is not on. */
-TEST(SubnetManagerTest, SitsWhereOurHostHearsIt) {
-    const Topology topology = read_fabric(
+/* Where the manager sits, by the port that the dump was made from and by which node is our host:
+ * never on an island that it is not on, nor at a port without a link. */
+TEST(SubnetManagerTest, SitsWhereTheDumpWasMadeOrElseWhereOurHostHearsIt) {
+    const std::string nodes =
         "Switch 4 \"Empty\"\nSwitch 4 \"Island\"\n[1] \"Robinson\"[1]\n"
         "Switch 4 \"Main\"\n[1] \"Us\"[2]\n"
         "Ca 1 \"Robinson\"\nCa 2 \"Us\"\nCa 1 \"Left\"\n[1] \"Right\"[1]\nCa 1 \"Right\"\n"
-        "Ca 1 \"Alone\"\n");
+        "Ca 1 \"Alone\"\n";
     enum Index { empty, island, mainland, robinson, us, left, right, alone };
-    const std::pair<int, int> places[] = {
-        {robinson, island}, {us, mainland}, {left, left}, {right, left}};
-    for (const auto& [home, place] : places)
-        EXPECT_EQ(Subnet(topology, {}, home).manager().at.node, place) << home;
-    EXPECT_THROW(Subnet(topology, {}, alone), InputError);
+    constexpr std::uint64_t our_ports[] = {0x100003, 0x100004}, right_port = 0x100008;
+    struct Case {
+        std::uint64_t origin;
+        int home, place;
+    };
+    for (const Case& c : {Case{0, robinson, island},
+                          {0, us, mainland},
+                          {0, left, left},
+                          {0, right, left},
+                          {our_ports[1], us, us},
+                          {our_ports[0], us, mainland},
+                          {our_ports[1], robinson, island},
+                          {0x200000, us, mainland},
+                          {0x200002, us, mainland},
+                          {right_port, left, right}}) {
+        const Topology topology = read_fabric(
+            host::kformat("#\n# Initiated from node 00000000000a0001 port %016lx\n", c.origin) +
+            nodes);
+        EXPECT_EQ(Subnet(topology, {}, c.home).manager().at.node, c.place)
+            << std::hex << c.origin << " " << c.home;
+        EXPECT_THROW(Subnet(topology, {}, alone), InputError);
+    }
 }
 
 }  // namespace
