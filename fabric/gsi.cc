@@ -215,7 +215,9 @@ int Gsi::post(gsi_class_handle_t handle, gsi_dtgrm_t* dtgrm) {
     forget_old();
     std::uint32_t transaction = next_transaction_++;
     Packet packet = make_packet(owner, slot, transaction);
-    requests_[transaction] = {handle, jiffies() + lifetime_, false, nullptr};
+    requests_[transaction] = {.owner = handle,
+                              .deadline = jiffies() + lifetime_,
+                              .turns_round = slot.record.rmpp_dir_switch_needed != 0};
     by_age_.push_back(transaction);
     slot.state = SlotState::posted;
     slot.checksum = slot.sum();
@@ -255,33 +257,50 @@ void Gsi::complete(gsi_class_handle_t handle, gsi_dtgrm_cb_t* callback, gsi_dtgr
     handle->completing--;
 }
 
-/* Takes in a segment of a longer answer. True when that completed it. */
-bool Gsi::reassemble(int port, const Packet& packet, const RmppHeader& header, Request& request,
-                     std::optional<Packet>& reply) {
-    if (header.type == rmpp_abort || header.type == rmpp_stop)
-        request.receiver.reset();
-    if (header.type != rmpp_data)
+/* True when a whole answer has come. */
+bool Gsi::take_in(const Bytes& mad, Request& request, std::optional<Bytes>& reply) {
+    constexpr std::uint8_t whole = rmpp_first | rmpp_last;
+    const std::optional<RmppHeader> rmpp = rmpp_header(mad);
+    if (!rmpp)
+        return true;
+    if (rmpp->type == rmpp_ack) {
+        if (request.turns_round)
+            reply = acknowledge(mad, 0, 1);
         return false;
+    }
+    if (rmpp->type != rmpp_data || (rmpp->flags & whole) != whole)
+        return reassemble(mad, *rmpp, request, reply);
+    reply = acknowledge(mad, 1, 1);
+    return true;
+}
+
+/* Takes in a segment of a longer answer. True when that completed it. */
+bool Gsi::reassemble(const Bytes& mad, const RmppHeader& header, Request& request,
+                     std::optional<Bytes>& reply) {
+    if (header.type != rmpp_data) {
+        request.receiver.reset();
+        return false;
+    }
     if (!request.receiver)
         request.receiver = std::make_unique<RmppReceiver>();
     bool before = request.receiver->complete();
-    std::optional<RmppHeader> answer = request.receiver->take(packet.payload, header);
-    if (answer) {
-        reply = packet;
-        reply->slid = adapter_.port(port).lid;
-        reply->dlid = packet.slid;
-        reply->payload.resize(mad_size);
-        std::fill(reply->payload.begin() + rmpp_offset, reply->payload.end(), std::uint8_t{0});
-        reply->payload[3] &= static_cast<std::uint8_t>(~response_bit);
-        encode(*answer, std::span(reply->payload).subspan(rmpp_offset));
-    }
+    reply = request.receiver->take(mad, header);
     return request.receiver->complete() && !before;
 }
 
-GsiSlot& Gsi::make_received(const Packet& packet, Request& request, bool in_segments) {
+void Gsi::reply_to(int port, const Packet& packet, Bytes mad) {
+    Packet reply = packet;
+    reply.slid = adapter_.port(port).lid;
+    reply.dlid = packet.slid;
+    reply.payload = std::move(mad);
+    wire_.send(port, std::move(reply));
+}
+
+GsiSlot& Gsi::make_received(const Packet& packet, Request& request) {
+    const bool in_segments = request.receiver && request.receiver->complete();
     GsiSlot& slot = take(*received_);
     slot.state = SlotState::received;
-    std::size_t size = packet.payload.size() - std::min(packet.payload.size(), sa_offset);
+    std::size_t size = sa_block_size(packet.payload);
     if (in_segments) {
         slot.block = request.receiver->take_block();
         size = slot.block->size();
@@ -307,10 +326,7 @@ void Gsi::receive(int port, const Packet& packet) {
     std::optional<MadHeader> header = decode<MadHeader>(packet.payload);
     if (!header || (header->method & response_bit) == 0)
         return;
-    std::optional<RmppHeader> rmpp = rmpp_header(packet.payload);
-    constexpr std::uint8_t whole = rmpp_first | rmpp_last;
-    bool in_segments = rmpp && (rmpp->type != rmpp_data || (rmpp->flags & whole) != whole);
-    std::optional<Packet> reply;
+    std::optional<Bytes> reply;
     gsi_class_handle_t owner = nullptr;
     gsi_dtgrm_t* dtgrm = nullptr;
     {
@@ -320,15 +336,20 @@ void Gsi::receive(int port, const Packet& packet) {
         if (found == requests_.end() || found->second.owner->port != port)
             return;
         Request& request = found->second;
-        if (!in_segments || reassemble(port, packet, *rmpp, request, reply)) {
+        const std::optional<RmppHeader> rmpp = rmpp_header(packet.payload);
+        if (rmpp && rmpp->type == rmpp_ack && !request.turns_round) {
+            requests_.erase(found);
+            return;
+        }
+        if (take_in(packet.payload, request, reply)) {
             request.answered = true;
             owner = request.owner;
             owner->completing++;
-            dtgrm = &make_received(packet, request, in_segments).record;
+            dtgrm = &make_received(packet, request).record;
         }
     }
     if (reply)
-        wire_.send(port, std::move(*reply));
+        reply_to(port, packet, std::move(*reply));
     if (dtgrm == nullptr)
         return;
     Witness* const sees = witness();

@@ -12,6 +12,10 @@
 // the GSI context. Inward, an answer is matched by its transaction ID, reassembled when it came in
 // several segments, turned back into host order and handed to the class's receive callback.
 //
+// RMPP is done as Linux does it: all that comes by it is acknowledged, and after the request's
+// acknowledgement the direction switches, where the datagram says that it has to. Where it does
+// not, the request is over with that, and what comes after it is nobody's.
+//
 // A request that nobody answers is forgotten in silence after a time; asking again is the module's
 // business. Answers of a transaction that was already answered are handed on too until then.
 //
@@ -96,8 +100,9 @@ class Gsi {
     struct Request {
         gsi_class_handle_t owner;
         unsigned long deadline;
+        bool turns_round = false;  ///< an answer is to come by RMPP too
         bool answered = false;
-        std::unique_ptr<RmppReceiver> receiver;
+        std::unique_ptr<RmppReceiver> receiver = nullptr;
     };
 
     GsiSlot& slot_of(const char* call, const gsi_dtgrm_t* dtgrm) TA_REQ(mutex_);
@@ -109,9 +114,11 @@ class Gsi {
     Packet make_packet(const gsi_class& owner, const GsiSlot& slot, std::uint32_t transaction)
         TA_REQ(mutex_);
     void transmit(gsi_class_handle_t handle, GsiSlot* slot, Packet packet);
-    bool reassemble(int port, const Packet& packet, const RmppHeader& header, Request& request,
-                    std::optional<Packet>& reply) TA_REQ(mutex_);
-    GsiSlot& make_received(const Packet& packet, Request& request, bool in_segments) TA_REQ(mutex_);
+    bool take_in(const Bytes& mad, Request& request, std::optional<Bytes>& reply) TA_REQ(mutex_);
+    bool reassemble(const Bytes& mad, const RmppHeader& header, Request& request,
+                    std::optional<Bytes>& reply) TA_REQ(mutex_);
+    void reply_to(int port, const Packet& packet, Bytes mad);
+    GsiSlot& make_received(const Packet& packet, Request& request) TA_REQ(mutex_);
     void complete(gsi_class_handle_t handle, gsi_dtgrm_cb_t* callback, gsi_dtgrm_t* dtgrm);
 
     Works& works_;

@@ -15,6 +15,27 @@ std::optional<RmppHeader> rmpp_header(const Bytes& mad) {
     return header;
 }
 
+std::size_t sa_block_size(const Bytes& mad) {
+    const std::size_t came = mad.size() - std::min(mad.size(), sa_offset);
+    const std::optional<RmppHeader> header = rmpp_header(mad);
+    if (!header || header->type != rmpp_data || header->length == 0)
+        return came;
+    return std::min<std::size_t>(came, header->length);
+}
+
+Bytes acknowledge(const Bytes& mad, std::uint32_t segment, std::uint32_t new_window_last) {
+    constexpr std::uint8_t response_bit = 0x80;
+    Bytes answer(mad.begin(),
+                 mad.begin() + static_cast<std::ptrdiff_t>(std::min(mad.size(), sa_data_offset)));
+    answer.resize(mad_size);
+    MadHeader header = *decode<MadHeader>(answer);
+    header.method ^= response_bit;
+    encode(header, answer);
+    encode(RmppHeader{1, rmpp_ack, rmpp_active, 0, segment, new_window_last},
+           std::span(answer).subspan(rmpp_offset));
+    return answer;
+}
+
 RmppSender::RmppSender(Bytes headers, Bytes data, std::size_t piece)
     : headers_(std::move(headers)),
       data_(std::move(data)),
@@ -57,7 +78,7 @@ bool RmppSender::acknowledge(std::uint32_t segment, std::uint32_t new_window_las
     return progress;
 }
 
-std::optional<RmppHeader> RmppReceiver::take(const Bytes& mad, const RmppHeader& header) {
+std::optional<Bytes> RmppReceiver::take(const Bytes& mad, const RmppHeader& header) {
     bool next = header.segment == received_ + 1 && !complete_;
     if (next) {
         if (header.segment == 1) {
@@ -65,23 +86,19 @@ std::optional<RmppHeader> RmppReceiver::take(const Bytes& mad, const RmppHeader&
             std::size_t end = std::min(mad.size(), sa_data_offset);
             block_.assign(mad.begin() + sa_offset, mad.begin() + static_cast<std::ptrdiff_t>(end));
         }
-        if (mad.size() > sa_data_offset)
-            block_.insert(block_.end(), mad.begin() + sa_data_offset, mad.end());
-        received_++;
         complete_ = (header.flags & rmpp_last) != 0;
+        const std::size_t size = complete_ ? sa_block_size(mad) : mad.size() - sa_offset;
+        if (size > sa_header_size)
+            block_.insert(block_.end(), mad.begin() + sa_data_offset,
+                          mad.begin() + static_cast<std::ptrdiff_t>(sa_offset + size));
+        received_++;
     }
     bool window_full = received_ == window_last_;
     if (next && !complete_ && !window_full)
         return std::nullopt;
     if (window_full && !complete_)
         window_last_ = received_ + window;
-    RmppHeader answer;
-    answer.version = 1;
-    answer.type = rmpp_ack;
-    answer.flags = rmpp_active;
-    answer.segment = received_;
-    answer.length = window_last_;
-    return answer;
+    return acknowledge(mad, received_, window_last_);
 }
 
 }  // namespace fabric

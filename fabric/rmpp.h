@@ -5,8 +5,13 @@
 // business of the SA and of the GSI service.
 //
 // Each segment is a MAD with all headers and a piece of the data; a MAD is as long as what it
-// holds. The first segment goes alone; its acknowledgement opens the window. A transfer of one
-// segment (FIRST and LAST at once) is not acknowledged: its requester repeats the whole question.
+// holds, and the PayloadLength of the last one ends the data. The first segment goes alone; its
+// acknowledgement opens the window. A transfer of one segment (FIRST and LAST at once) is
+// acknowledged too, but not sent again: its requester repeats the whole question before that.
+//
+// A question whose answer comes by RMPP too makes one exchange of both: when the question is
+// acknowledged its sender says that the direction switches, by acknowledging segment 0. The answer
+// need not wait for that.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +24,13 @@ namespace fabric {
 
 /// The RMPP header of a MAD; empty when the MAD has none.
 std::optional<RmppHeader> rmpp_header(const Bytes& mad);
+
+/// How many bytes of SA header and data a MAD holds: all that came, or what the PayloadLength of
+/// its RMPP header says of a first and only segment.
+std::size_t sa_block_size(const Bytes& mad);
+
+/// An acknowledgement of all segments up to `segment`, made of the headers of one that came.
+Bytes acknowledge(const Bytes& mad, std::uint32_t segment, std::uint32_t new_window_last);
 
 class RmppSender {
   public:
@@ -51,7 +63,7 @@ class RmppReceiver {
     static constexpr std::uint32_t window = 8;
 
     /// Takes in a DATA segment. The acknowledgement to send, or empty.
-    std::optional<RmppHeader> take(const Bytes& mad, const RmppHeader& header);
+    std::optional<Bytes> take(const Bytes& mad, const RmppHeader& header);
 
     bool complete() const { return complete_; }
     /// Once complete: the SA header of the first segment and the data of all. Leaves none behind.

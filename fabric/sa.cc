@@ -137,6 +137,8 @@ void Sa::receive(const Packet& packet) {
     std::optional<RmppHeader> rmpp = rmpp_header(packet.payload);
     if (rmpp && rmpp->type != rmpp_data)
         return acknowledged(packet, *header, *rmpp);
+    if (rmpp && is_whole_request(*rmpp))
+        transmit(envelope_to(packet), acknowledge(packet.payload, 1, 1), 0);
     if (!is_heard(packet.payload, *header))
         return;
     Query query;

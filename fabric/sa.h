@@ -8,9 +8,10 @@
 // preferred, from each LID of one to each of the other. As many records as the query asks for are
 // answered: all paths of the first pair, then those of the second, and so on. A selector takes a
 // path for one with a smaller MTU, a lower rate or a shorter life time, where that is what it asks
-// for. Up to three records fit one MAD; more go in several segments. A bad query comes back as it
-// was, with a status: 0x0200 no proper RMPP header, 0x0600 a required component is missing, 0x0500
-// a GID that no active port has, 0x000C another question than this SA answers.
+// for. Up to three records fit one MAD; more go in several segments. Whatever becomes of a query,
+// it is acknowledged, since a kernel does that below an SA. A bad query comes back as it was, with
+// a status: 0x0200 no proper RMPP header, 0x0600 a required component is missing, 0x0500 a GID that
+// no active port has, 0x000C another question than this SA answers.
 //
 // For tests the answers can be made wrong, for the next `count` or for all until clear():
 //
@@ -100,6 +101,7 @@ class Sa {
     };
     using Key = std::uint64_t;
 
+    static Packet envelope_to(const Packet& question);
     void edit(std::function<void(Answer&)> apply, unsigned count);
     void apply_edits(Answer& answer);
     std::uint16_t check(const Packet& packet, const MadHeader& header, Query& query) const;

@@ -17,8 +17,10 @@ std::uint64_t transfer_key(std::uint16_t lid, std::uint64_t transaction) {
     return std::uint64_t{lid} << 32 | (transaction & 0xFFFFFFFF);
 }
 
+}  // namespace
+
 /* Back to where the question came from, without a payload yet. */
-Packet envelope_to(const Packet& question) {
+Packet Sa::envelope_to(const Packet& question) {
     Packet envelope;
     envelope.slid = question.dlid;
     envelope.dlid = question.slid;
@@ -29,8 +31,6 @@ Packet envelope_to(const Packet& question) {
     envelope.src_qp = gsi_qp;
     return envelope;
 }
-
-}  // namespace
 
 void Sa::edit(std::function<void(Answer&)> apply, unsigned count) {
     MutexLock lock(mutex_);

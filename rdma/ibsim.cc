@@ -15,6 +15,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "fabric/rmpp.h"
+
 namespace rdma {
 namespace {
 
@@ -128,7 +130,11 @@ class IbsimPort final : public Transport {
             call({.client = client_, .type = disconnect_client});
     }
 
+    /* Nobody does RMPP on ibsim: OpenSM would take an acknowledgement for another question. */
     void send(const fabric::Packet& packet) override {
+        const auto rmpp = fabric::rmpp_header(packet.payload);
+        if (packet.dest_qp == fabric::gsi_qp && rmpp && rmpp->type != fabric::rmpp_data)
+            return;
         Datagram datagram;
         datagram.dlid = htons(packet.dlid);
         datagram.slid = htons(packet.slid);

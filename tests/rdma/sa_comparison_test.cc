@@ -334,7 +334,9 @@ class Simulated {
             fabric_.subnet().set_pkeys(fabric_.subnet().by_gid(fabric_testing::gid(guid))->at,
                                        pkeys);
         fabric_.on_packet([this](const fabric::SeenPacket& seen) {
-            if (seen.direction == fabric::Direction::in)
+            const auto rmpp = fabric::rmpp_header(seen.packet.payload);
+            const bool is_answer = !rmpp || rmpp->type == fabric::rmpp_data;
+            if (seen.direction == fabric::Direction::in && is_answer)
                 answer_ = seen.packet.payload;
         });
     }

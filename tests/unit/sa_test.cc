@@ -16,16 +16,31 @@ class SaTest : public FabricTest {
     GsiClient client;
 };
 
+/* Who says what of an exchange: way, method, attribute, and of RMPP type, flags, segment and length
+ * or window. */
+std::string gist(const SeenPacket& seen) {
+    const auto mad = *decode<MadHeader>(seen.packet.payload);
+    const auto rmpp = *decode<RmppHeader>(std::span(seen.packet.payload).subspan(rmpp_offset));
+    return host::kformat("%s %02x %02x %d %d %u %u", seen.direction == Direction::out ? ">" : "<",
+                         mad.method, mad.attribute, rmpp.type, rmpp.flags, rmpp.segment,
+                         rmpp.length);
+}
+
 TEST_F(SaTest, AnswersByteForByte) {
-    std::vector<Bytes> wire;
+    std::vector<std::string> exchange;
+    std::optional<Packet> answer;
     fabric.on_packet([&](const SeenPacket& seen) {
-        if (seen.direction == Direction::in)
-            wire.push_back(seen.packet.payload);
+        exchange.push_back(gist(seen));
+        if (exchange.back().starts_with("< 94 35"))
+            answer = seen.packet;
     });
     sa.set_service_level(5);
     client.ask(0x2001);
-    ASSERT_THAT(wire, SizeIs(1));
-    EXPECT_EQ(hex(wire[0]),
+    EXPECT_THAT(exchange,
+                testing::ElementsAre("> 14 3a 1 7 1 220", "< 94 3a 2 1 1 1", "> 14 3a 2 1 0 1",
+                                     "< 94 35 1 7 1 84", "> 14 35 2 1 1 1"));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(hex(answer->payload),
               // common header
               "01 03 02 94 00 00 00 00 00 00 00 00 00 00 00 01 00 35 00 00 ff ff ff ff "
               // RMPP: one segment of 84 bytes
@@ -37,9 +52,17 @@ TEST_F(SaTest, AnswersByteForByte) {
               "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 20 01 "
               "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 10 01 "
               "00 15 00 0b 00 00 00 00 00 80 ff ff 00 05 84 83 92 00 00 00 00 00 00 00");
-    ASSERT_THAT(client.answers, SizeIs(1));
-    EXPECT_EQ(client.answers[0].paysize, 84);
-    EXPECT_EQ(client.answers[0].attribute(), 0x3A);
+    // A wire carries whole MADs.
+    answer->payload.resize(mad_size);
+    {
+        host::ContextScope scope(host::Context::gsi);
+        fabric.gsi().receive(1, *answer);
+    }
+    ASSERT_THAT(client.answers, SizeIs(2));
+    for (const Received& received : client.answers) {
+        EXPECT_EQ(received.paysize, 84);
+        EXPECT_EQ(received.attribute(), 0x3A);
+    }
 }
 
 /* A query's sources and destination, and what comes back: status, or "SLID>DLID" a record. */
@@ -108,6 +131,10 @@ const RefusalCase refusal_cases[] = {
     {"another attribute", [](gsi_dtgrm_t* d, u8*) { d->mad[16] = 0x38; }, 0x000C},
     {"where no manager is", [](gsi_dtgrm_t* d, u8*) { d->rlid = 31; }, -1},
     {"to another queue pair", [](gsi_dtgrm_t* d, u8*) { d->rqp = 7; }, -1},
+    {"without a switch of direction", [](gsi_dtgrm_t* d, u8*) { d->rmpp_dir_switch_needed = 0; },
+     -1},
+    {"under the key that managers have", [](gsi_dtgrm_t*, u8* b) { b[7] = 1; }, 0},
+    {"under another key", [](gsi_dtgrm_t*, u8* b) { b[7] = 7; }, -1},
 };
 
 TEST_F(SaTest, RefusesWhatIsNoProperQuery) {
@@ -201,17 +228,17 @@ struct SegmentCase {
     std::size_t piece;    // 0: as the size demands
     unsigned long ticks;  // after which something is lost: 1 the first acknowledgement, 2 segment 2
     void (*lose)(Fabric&);
-    std::size_t packets;  // that arrive at our port
+    std::size_t packets;  // that arrive at our port, the question's acknowledgement included
     bool whole;
 };
 const SegmentCase segment_cases[] = {
-    {"two records, forced", 2, 64, 1, [](Fabric&) {}, 2, true},
-    {"one record, forced", 1, 64, 1, [](Fabric&) {}, 2, true},
-    {"six records", 6, 0, 1, [](Fabric&) {}, 2, true},
-    {"twenty segments", 20, 64, 1, [](Fabric&) {}, 20, true},
-    {"an acknowledgement lost", 20, 64, 1, [](Fabric& f) { f.port(1).drop_next(1); }, 21, true},
-    {"a segment lost", 20, 64, 2, [](Fabric& f) { f.port(1).drop_next(1); }, 27, true},
-    {"lost for good", 6, 0, 1, [](Fabric& f) { f.port(1).drop_all(); }, 1, false},
+    {"two records, forced", 2, 64, 1, [](Fabric&) {}, 3, true},
+    {"one record, forced", 1, 64, 1, [](Fabric&) {}, 3, true},
+    {"six records", 6, 0, 1, [](Fabric&) {}, 3, true},
+    {"twenty segments", 20, 64, 1, [](Fabric&) {}, 21, true},
+    {"an acknowledgement lost", 20, 64, 1, [](Fabric& f) { f.port(1).drop_next(2); }, 22, true},
+    {"a segment lost", 20, 64, 2, [](Fabric& f) { f.port(1).drop_next(1); }, 28, true},
+    {"lost for good", 6, 0, 1, [](Fabric& f) { f.port(1).drop_all(); }, 2, false},
 };
 
 TEST_F(SaTest, SendsLongAnswersInSegments) {
