@@ -29,7 +29,7 @@ struct Name {
     unsigned users = 0;
 };
 
-std::mutex names_mutex;  // guards the names, and who uses a module
+std::mutex names_mutex;  // guards all below
 std::vector<Name> names;
 std::vector<std::unique_ptr<LoadedModule>> loaded;
 
@@ -114,6 +114,18 @@ auto find_loaded(const module_info_t& info) {
     return std::ranges::find(loaded, &info, [](const auto& one) { return one->info; });
 }
 
+void begin_to_stand(const module_info_t& info) {
+    const std::lock_guard guard(names_mutex);
+    if (find_loaded(info) != loaded.end())
+        die("load_module: %s is loaded already", info.name);
+    loaded.push_back(std::make_unique<LoadedModule>(LoadedModule{&info, 0, false}));
+}
+
+void forget(const module_info_t& info) {
+    const std::lock_guard guard(names_mutex);
+    loaded.erase(find_loaded(info));
+}
+
 /* `owner` is one that is loaded, or nobody. */
 bool begin_use(LoadedModule* owner) {
     if (owner && owner->going)
@@ -130,8 +142,12 @@ void end_use(const LoadedModule* owner) {
 }
 
 /* From here on nobody begins to use the module, and nobody may be using it. */
-void begin_to_go(LoadedModule& going) {
+void begin_to_go(const module_info_t& info) {
     const std::lock_guard guard(names_mutex);
+    const auto found = find_loaded(info);
+    if (found == loaded.end())
+        die("unload_module: %s is not loaded", info.name);
+    LoadedModule& going = **found;
     going.going = true;
     if (going.users == 0)
         return;
@@ -144,7 +160,7 @@ void begin_to_go(LoadedModule& going) {
         }
     if (files > 0)
         used += " " + std::to_string(files) + " open files";
-    die("unload_module: %s is in use:%s", going.info->name, used.c_str());
+    die("unload_module: %s is in use:%s", info.name, used.c_str());
 }
 
 }  // namespace
@@ -193,34 +209,31 @@ std::vector<std::string> inter_module_names() {
 int load_module(const module_info_t& info, const std::vector<std::string>& parameters) {
     enter("load_module");
     must_sleep("load_module");
-    if (find_loaded(info) != loaded.end())
-        die("load_module: %s is loaded already", info.name);
     apply_parameters(info, parameters);
-    loaded.push_back(std::make_unique<LoadedModule>(LoadedModule{&info, 0, false}));
+    begin_to_stand(info);
     const ContextScope scope(Context::process);
     const int result = info.init();
     must_return_lock_free("the init function of", reinterpret_cast<const void*>(info.init));
     if (result != 0)
-        loaded.erase(find_loaded(info));
+        forget(info);
     return result;
 }
 
 void unload_module(const module_info_t& info) {
     enter("unload_module");
     must_sleep("unload_module");
-    if (find_loaded(info) == loaded.end())
-        die("unload_module: %s is not loaded", info.name);
-    begin_to_go(**find_loaded(info));
+    begin_to_go(info);
     const ContextScope scope(Context::process);
     info.exit();
     must_return_lock_free("the exit function of", reinterpret_cast<const void*>(info.exit));
-    loaded.erase(find_loaded(info));
+    forget(info);
 }
 
 }  // namespace host
 
 struct module* this_module() {
     host::enter("this_module");
+    const std::lock_guard guard(host::names_mutex);
     return host::loaded.empty() ? nullptr : host::loaded.back().get();
 }
 
