@@ -10,6 +10,7 @@
 #include <istream>
 #include <sstream>
 #include <unordered_map>
+#include <utility>
 
 #include "fabric/topology.h"
 
@@ -50,6 +51,12 @@ std::vector<Host> name_hosts(const Topology& topology) {
                          is_rail ? node.name.substr(word.size() + 1) : ""});
     }
     return hosts;
+}
+
+/// Which of two adapters of a host is the earlier rail: "HCA-1" before "HCA-2" before "HCA-10".
+/// Their order in the file says nothing, ibnetdiscover lists what it has found last first.
+bool is_earlier_rail(const Host& one, const Host& other) {
+    return std::pair(one.rail.size(), one.rail) < std::pair(other.rail.size(), other.rail);
 }
 
 /// Lines that stand in every machine's /etc/hosts and speak of no host of the fabric: loopback, and
@@ -155,6 +162,10 @@ class HostPicker {
         : file_(std::move(file)), hosts_(name_hosts(topology)), claims_(hosts_.size()) {
         for (std::size_t i = 0; i < hosts_.size(); ++i)
             rails_[hosts_[i].machine()].push_back(i);
+        for (auto& [machine, rails] : rails_)
+            std::stable_sort(rails.begin(), rails.end(), [&](std::size_t one, std::size_t other) {
+                return is_earlier_rail(hosts_[one], hosts_[other]);
+            });
         for (std::size_t i = 0; i < hosts_.size(); ++i) {
             rails_.try_emplace(hosts_[i].name, 1, i);
             rails_.try_emplace(topology.nodes[static_cast<std::size_t>(hosts_[i].node)].id, 1, i);
@@ -283,7 +294,13 @@ std::optional<std::size_t> choose_host(const Topology& topology, const std::vect
     if (by_name)
         return by_name;
     const auto by_id = index_of([&](const Host& host) { return node_of(host).id == name; });
-    return by_id ? by_id : index_of([&](const Host& host) { return host.machine() == name; });
+    if (by_id)
+        return by_id;
+    return index_of([&](const Host& host) {
+        return host.machine() == name && std::ranges::none_of(hosts, [&](const Host& other) {
+                   return other.machine() == name && is_earlier_rail(other, host);
+               });
+    });
 }
 
 std::string format_ip(std::uint32_t ip) {

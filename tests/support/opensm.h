@@ -168,7 +168,7 @@ class Ground {
 
     /// What ibnetdiscover prints, and a file with it.
     std::string picture(const std::string& arguments = {}) const {
-        const Result result = shell("SIM_HOST=" + any_node() + " LD_PRELOAD=" + preload() +
+        const Result result = shell("SIM_HOST='" + any_node() + "' LD_PRELOAD=" + preload() +
                                     " ibnetdiscover " + arguments);
         std::ofstream(picture_file()) << result.out;
         return result.out;

@@ -366,7 +366,7 @@ TEST(Hosts, TakeTheirAddressesFromAList) {
 
 TEST(Hosts, AreFoundInAListThatIsAboutMore) {
     const Topology topology = read(
-        "Ca 1 \"A\" # \"gpu01 mlx5_0\"\nCa 1 \"B\" # \"gpu01 mlx5_1\"\nCa 1 \"C\" # \"node02 "
+        "Ca 1 \"A\" # \"gpu01 mlx5_1\"\nCa 1 \"B\" # \"gpu01 mlx5_0\"\nCa 1 \"C\" # \"node02 "
         "HCA-1\"\n"
         "Ca 1 \"D\" # \"Switch 7 Aggregation Node\"\n");
     std::istringstream list(
@@ -376,12 +376,12 @@ TEST(Hosts, AreFoundInAListThatIsAboutMore) {
         "10.0.0.2 node02-ib0\n");
     std::size_t skipped = 0;
     const std::vector<Host> hosts = pick_hosts(list, "list", topology, skipped);
-    EXPECT_THAT(described(hosts), testing::ElementsAre("10.0.0.1 gpu01 mlx5_0",
-                                                       "10.0.1.1 gpu01 mlx5_1", "10.0.0.2 node02"));
+    EXPECT_THAT(described(hosts), testing::ElementsAre("10.0.1.1 gpu01 mlx5_1",
+                                                       "10.0.0.1 gpu01 mlx5_0", "10.0.0.2 node02"));
     EXPECT_EQ(skipped, 5u)
         << "broadcast, storage, gpu01 beside its rail, a third rail, another network";
-    EXPECT_EQ(choose_host(topology, hosts, "gpu01"), 0u);
-    EXPECT_EQ(hosts[1].rail, "mlx5_1");
+    EXPECT_EQ(choose_host(topology, hosts, "gpu01"), 1u);
+    EXPECT_EQ(hosts[0].rail, "mlx5_1");
     std::istringstream twice("10.0.0.1 gpu01\n10.0.0.1 node02\n");
     EXPECT_THROW(pick_hosts(twice, "list", topology, skipped), InputError);
 }
