@@ -27,7 +27,7 @@ Bytes acknowledge(const Bytes& mad, std::uint32_t segment, std::uint32_t new_win
     constexpr std::uint8_t response_bit = 0x80;
     Bytes answer(mad.begin(),
                  mad.begin() + static_cast<std::ptrdiff_t>(std::min(mad.size(), sa_data_offset)));
-    answer.resize(mad_size);
+    answer.resize(sa_data_offset);
     MadHeader header = *decode<MadHeader>(answer);
     header.method ^= response_bit;
     encode(header, answer);
