@@ -68,6 +68,28 @@ Follow what_follows(const std::string& word) {
     return {{}, syntax_end != help.npos && help.substr(0, syntax_end).find("ip") != help.npos};
 }
 
+/* A command whose arguments include addresses, with addresses in the place of hosts' names: the
+ * module knows none. Which arguments are addresses is said by the command's syntax. */
+std::string without_names(const std::string& line, const std::string& help, const Site& site) {
+    const std::vector<std::string> syntax = words_of(help.substr(0, help.find(" - ")));
+    std::vector<std::string> words = words_of(line);
+    bool named = false;
+    for (std::size_t i = 1; i < words.size() && i <= syntax.size(); ++i) {
+        const bool takes_address = syntax[i - 1] == "ip" || syntax[i - 1].ends_with("_ip");
+        const auto ip = takes_address && !fabric::parse_ip(words[i]) ? address_of(site, words[i])
+                                                                     : std::nullopt;
+        if (ip)
+            words[i] = fabric::format_ip(*ip);
+        named |= ip.has_value();
+    }
+    if (!named)
+        return line;
+    std::string result;
+    for (const std::string& word : words)
+        result += (result.empty() ? "" : " ") + word;
+    return result;
+}
+
 std::string format_reply(std::size_t number, tarv_stat_t status, const tarv_arp_data_t* record) {
     std::string text = "reply " + std::to_string(number) + ": " + status_name(status) + "\n";
     if (status == tarv_stat_ok)
@@ -80,7 +102,7 @@ std::string format_reply(std::size_t number, tarv_stat_t status, const tarv_arp_
 Console::Console(Machine& machine, const Site& site, Terminal& terminal)
     : machine_(machine), site_(site), terminal_(terminal) {
     for (const fabric::Host& host : site.hosts)
-        addresses_.insert(fabric::format_ip(host.ip));
+        addresses_.insert({fabric::format_ip(host.ip), host.machine()});
 }
 
 void Console::perform(const std::string& line) {
@@ -89,8 +111,8 @@ void Console::perform(const std::string& line) {
     if (words.empty() || words[0].starts_with('#'))
         return;
     remember_addresses(line);
-    if (find_command(words[0]))
-        machine_.command(line);
+    if (const tarv_proc_command_t* const command = find_command(words[0]))
+        machine_.command(without_names(line, command->help, site_));
     else if (const ConsoleVerb* const verb = find_verb(words[0]))
         perform_verb(*verb, line, *this);
     else

@@ -70,7 +70,7 @@ class Console {
     std::atomic<std::size_t> waiting_ = 0;
     LookUps look_ups_;
     int line_number_ = 0;
-    std::set<std::string> addresses_;  // of the fabric, and those that occurred in lines
+    std::set<std::string> addresses_;  // and names of the fabric, and what occurred in lines
     bool quit_ = false;
 };
 

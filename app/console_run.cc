@@ -15,6 +15,7 @@
 #include "app/mount.h"
 #include "app/report.h"
 #include "app/stop_signals.h"
+#include "app/table.h"
 #include "app/verbs.h"
 
 namespace app {
@@ -64,7 +65,7 @@ bool converse(Console& console, Terminal& terminal, const End& end) {
             console.perform(line);
         } catch (const std::exception& failed) {
             terminal.print("");
-            std::fprintf(stderr, "%s\n", failed.what());
+            std::fputs(wrap(failed.what() + std::string("\n"), terminal.width()).c_str(), stderr);
             all_well = false;
         }
         wait_for_effects(console, end, terminal.interactive() ? prompt_ticks : ~0ul);
@@ -97,7 +98,7 @@ int run(const ConsoleOptions& options) {
     const bool all_well = converse(console, terminal, End(machine, ticks_of(options.seconds)));
     serving.reset();  // an open file keeps the module where it is
     const Departure& departure = machine.stop();
-    terminal.print(format_departure(departure));
+    terminal.print(format_departure(departure, terminal.width()));
     return departure.clean() && (all_well || terminal.interactive()) ? 0 : 1;
 }
 

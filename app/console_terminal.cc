@@ -20,6 +20,8 @@
 #include <system_error>
 #include <utility>
 
+#include "app/table.h"
+
 namespace app {
 namespace {
 
@@ -89,6 +91,10 @@ Terminal::~Terminal() {
     close(posted_event_);
     if (interactive_)
         sigaction(SIGINT, &interrupt_before, nullptr);
+}
+
+std::size_t Terminal::width() const {
+    return terminal_width(STDOUT_FILENO);
 }
 
 void Terminal::post(const std::string& text) {

@@ -29,6 +29,8 @@ class Terminal {
     Terminal& operator=(const Terminal&) = delete;
 
     bool interactive() const { return interactive_; }
+    /// Columns for what is printed; 0 where there is no terminal, and room for all.
+    std::size_t width() const;
 
     /// Waits for a line. False when there are no more, or `stop` says so; it is asked again and
     /// again. Ctrl-C at the prompt drops what was typed.

@@ -58,7 +58,8 @@ void show_fabric(Console& console) {
         if (table.rows.size() < most_peers && fabric.peers().has(host.ip))
             table.rows.push_back({printable(host.name), fabric::format_ip(host.ip),
                                   "LID " + std::to_string(fabric.peers().station(host.ip).lid)});
-    std::string text = format_machine(console.machine()) + table.format(0);
+    const std::size_t width = console.terminal().width();
+    std::string text = format_machine(console.machine(), width) + table.format(width);
     if (table.rows.size() < fabric.peers().count())
         text += "and " + std::to_string(fabric.peers().count() - table.rows.size()) + " more\n";
     console.terminal().print(text);
@@ -86,13 +87,20 @@ std::string usage_of(const ConsoleVerb& verb) {
 
 void help(ScriptLine& line, ScriptReading&, Console& console) {
     line.end();
-    std::string text = "The host's own words:\n";
+    const std::size_t width = console.terminal().width();
+    constexpr std::size_t deep = 6;
+    const auto explain = [&](std::size_t indent, const std::string& what) {
+        return wrap(std::string(indent, ' ') + what + "\n", width, indent + 2);
+    };
+    std::string text =
+        wrap("The host's own words, where a host's name may stand for its address:\n", width);
     for (const ConsoleVerb& verb : console_verbs())
-        text += "  " + usage_of(verb) + "\n      " + verb.help + "\n";
-    text += "Faults of a PEER or a port:\n  " + list_faults(false) + "\nFaults of the SA:\n  " +
-            list_faults(true) + "\nWritten to the control file:\n";
+        text += explain(2, usage_of(verb)) + explain(deep, verb.help);
+    text += "Faults of a PEER or a port:\n" + explain(2, list_faults(false)) +
+            "Faults of the SA:\n" + explain(2, list_faults(true)) +
+            "Written to the control file:\n";
     for (const tarv_proc_command_t& row : tarv_proc_commands)
-        text += std::string("  ") + row.cmd_name + " " + row.help + "\n";
+        text += explain(2, row.cmd_name + std::string(" ") + row.help);
     console.terminal().print(text);
 }
 

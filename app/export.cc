@@ -179,7 +179,7 @@ std::string to_csv(Machine& machine, const std::vector<Peer>& peers) {
         cells.resize(8);
         if (peer.resolved) {
             cells[5] = std::to_string(lid_of(peer.record));
-            cells[6] = std::to_string(peer.record.qpn & 0xFFFFFF);
+            cells[6] = format_qpn(peer.record.qpn);
             cells[7] = format_gid(peer.record.gid);
         }
         for (const RecordPath& path : paths_of(peer)) {

@@ -14,7 +14,8 @@
 namespace app {
 
 /// A JSON text. Its member "version" changes when one that it has is taken away or gets another
-/// meaning. `peers` are those to be told; the rest is about all. With `ways` each path has its hops.
+/// meaning. `peers` are those to be told; the rest is about all. With `ways` each path has its
+/// hops.
 std::string to_json(Machine& machine, const Resolver& resolver, const std::vector<Peer>& peers,
                     const Departure& departure, Ways* ways = nullptr);
 

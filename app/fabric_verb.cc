@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
-// The verb "fabric": the fabric as a picture, for graphviz or drawn by it.
+// The verb "fabric": the fabric as a picture, drawn or for graphviz to draw.
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -17,23 +17,11 @@ struct FabricOptions {
     std::string form;
 };
 
-/* Graphviz writes to our standard output itself. */
-void draw(const std::string& dot) {
-    std::fflush(stdout);
-    FILE* const graphviz = popen("command -v dot >/dev/null && exec dot -Tsvg", "w");
-    const bool given = graphviz && std::fputs(dot.c_str(), graphviz) != EOF;
-    if (!graphviz || pclose(graphviz) != 0 || !given)
-        throw UsageError("svg: dot cannot draw it; it is in the package graphviz");
-}
-
 int show(const FabricOptions& options) {
     if (options.form != "dot" && options.form != "svg")
         throw UsageError("\"" + options.form + "\" is neither dot nor svg");
-    const std::string dot = to_dot(read_site(options.host));
-    if (options.form == "dot")
-        std::fputs(dot.c_str(), stdout);
-    else
-        draw(dot);
+    const Site site = read_site(options.host);
+    std::fputs((options.form == "dot" ? to_dot(site) : to_svg(site)).c_str(), stdout);
     return 0;
 }
 
@@ -42,7 +30,7 @@ int show(const FabricOptions& options) {
 Action declare_fabric(CommandLine& line) {
     const auto options = std::make_shared<FabricOptions>();
     line.word("FORM", options->form,
-              "dot: as text for graphviz; svg: as a picture, which graphviz draws");
+              "svg: as a picture; dot: as text for graphviz, to be drawn otherwise");
     add_site_options(line, options->host);
     return [options] { return show(*options); };
 }

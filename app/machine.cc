@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "app/script_text.h"
 #include "tarv/tarv-module.h"
 
 namespace app {
@@ -96,7 +97,7 @@ void Machine::start() {
                                  std::to_string(result));
     if (const tarv_stat_t result = attach(); result != tarv_stat_ok)
         throw std::runtime_error("the IPoIB driver could not be attached, status " +
-                                 std::to_string(result));
+                                 numbered_status(result));
     kernel_.settle();
 }
 

@@ -92,6 +92,15 @@ unsigned long ticks_of(double seconds) {
     return seconds > 0 ? static_cast<unsigned long>(std::llround(seconds * HZ)) : ~0ul;
 }
 
+std::optional<std::uint32_t> address_of(const Site& site, const std::string& word) {
+    if (const auto ip = fabric::parse_ip(word))
+        return ip;
+    for (const fabric::Host& host : site.hosts)
+        if (host.name == word || host.machine() == word)
+            return host.ip;
+    return std::nullopt;
+}
+
 std::vector<std::string> names_of(const Site& site) {
     std::vector<std::string> names;
     for (const fabric::Host& host : site.hosts)

@@ -53,6 +53,9 @@ struct Site {
     const fabric::Host& our_host() const { return hosts[us]; }
 };
 
+/// The address that a word is, or that the host of that name has; of several rails the first one's.
+std::optional<std::uint32_t> address_of(const Site& site, const std::string& word);
+
 /// What people call its hosts, in their order.
 std::vector<std::string> names_of(const Site& site);
 

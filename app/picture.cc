@@ -2,6 +2,8 @@
 #include "app/picture.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <functional>
 #include <map>
 #include <set>
 #include <utility>
@@ -30,8 +32,18 @@ class Picture {
         join();
     }
     std::string text() const;
+    std::string drawing() const;
 
   private:
+    /* Where a box is drawn. */
+    struct Place {
+        std::string label;
+        double x = 0, y = 0, width = 0;  // of its middle
+    };
+    std::map<int, Place> places() const;
+    void set_out(const std::vector<int>& row, std::map<int, Place>& places, double width) const;
+    bool is_slow(const Pair& ends, const Link& link) const;
+    const char* colour(int box) const;
     bool is_host(int node) const { return at(node).kind == fabric::NodeKind::adapter; }
     const fabric::Node& at(int node) const { return nodes_[static_cast<std::size_t>(node)]; }
     std::multiset<int> neighbours(int node) const;
@@ -131,31 +143,166 @@ std::string Picture::label(int box, const std::vector<int>& members) const {
     return host_name(box) + (host == site_.hosts.end() ? "" : "\n" + fabric::format_ip(host->ip));
 }
 
+const char* Picture::colour(int box) const {
+    return box == site_.our_host().node ? "gold" : is_host(box) ? "white" : "lightgrey";
+}
+
+bool Picture::is_slow(const Pair& ends, const Link& link) const {
+    const std::uint8_t fastest = fastest_.at(levels_of(ends.first, ends.second));
+    return fabric::rate_bandwidth(link.rate) < fabric::rate_bandwidth(fastest);
+}
+
 std::string Picture::text() const {
     std::string dot = "graph " + quoted(printable(site_.topology.file)) +
                       " {\n  ranksep=1.5;\n"
                       "  node [shape=box, fontname=\"sans-serif\", fontsize=10];\n"
                       "  edge [fontname=\"sans-serif\", fontsize=8];\n";
     for (const auto& [box, members] : boxes_) {
-        const std::string style = box == site_.our_host().node ? ", style=filled, fillcolor=gold"
-                                  : is_host(box)               ? ""
-                                                 : ", style=filled, fillcolor=lightgrey";
-        dot +=
-            "  n" + std::to_string(box) + " [label=" + quoted(label(box, members)) + style + "];\n";
+        const std::string fill = colour(box);
+        dot += "  n" + std::to_string(box) + " [label=" + quoted(label(box, members)) +
+               (fill == "white" ? "" : ", style=filled, fillcolor=" + fill) + "];\n";
     }
     for (const auto& [ends, link] : links_) {
-        const std::uint8_t fastest = fastest_.at(levels_of(ends.first, ends.second));
-        const bool slow = fabric::rate_bandwidth(link.rate) < fabric::rate_bandwidth(fastest);
         dot += "  n" + std::to_string(ends.first) + " -- n" + std::to_string(ends.second) +
                " [tooltip=" + quoted(format_rate(link.rate)) +
                (link.count > 1 ? ", penwidth=2, label=" + quoted(std::to_string(link.count) + "x")
                                : "") +
-               (slow ? ", color=red" : "") + "];\n";
+               (is_slow(ends, link) ? ", color=red" : "") + "];\n";
     }
     return dot + "}\n";
 }
 
+// The drawing's measures, in its own units.
+constexpr double least_row_height = 130, widest = 6 /* times its height */, box_height = 34,
+                 gap = 12, letter = 6.5;
+
+double width_of(const std::string& label) {
+    std::size_t longest = 0;
+    for (std::size_t at = 0; at <= label.size();) {
+        const std::size_t end = std::min(label.find('\n', at), label.size());
+        longest = std::max(longest, display_width(label.substr(at, end - at)));
+        at = end + 1;
+    }
+    return 2 * gap + letter * static_cast<double>(longest);
+}
+
+/* Side by side over the whole width. */
+void Picture::set_out(const std::vector<int>& row, std::map<int, Place>& places,
+                      double width) const {
+    double taken = 0;
+    for (const int box : row)
+        taken += places.at(box).width;
+    const double between = (width - taken) / static_cast<double>(row.size() + 1);
+    double x = 0;
+    for (const int box : row) {
+        Place& place = places.at(box);
+        place.x = x + between + place.width / 2;
+        x += between + place.width;
+    }
+}
+
+/* The highest level stands above. Below it each row is in the order of what it is linked to, which
+ * leaves few crossings. */
+std::map<int, Picture::Place> Picture::places() const {
+    std::map<int, Place> places;
+    std::map<int, std::vector<int>, std::greater<>> rows;
+    std::map<int, double> taken;
+    for (const auto& [box, members] : boxes_) {
+        const int level = std::max(levels_[static_cast<std::size_t>(box)], is_host(box) ? 0 : 1);
+        const std::string name = label(box, members);
+        places[box] = {name, 0, 0, width_of(name)};
+        rows[level].push_back(box);
+        taken[level] += places[box].width + gap;
+    }
+    double width = 0, y = box_height;
+    for (const auto& [level, row_width] : taken)
+        width = std::max(width, row_width + gap);
+    const double row_height =
+        std::max(least_row_height, width / widest / static_cast<double>(rows.size()));
+    for (auto& [level, row] : rows) {
+        std::map<int, std::pair<double, int>> above;  // sum of the places and how many
+        for (const auto& [ends, link] : links_)
+            if (places.at(ends.first).y > 0) {
+                above[ends.second].first += places.at(ends.first).x;
+                ++above[ends.second].second;
+            }
+        std::ranges::stable_sort(row, {}, [&](int box) {
+            const auto found = above.find(box);
+            return found == above.end() ? 0 : found->second.first / found->second.second;
+        });
+        set_out(row, places, width);
+        for (const int box : row)
+            places.at(box).y = y;
+        y += row_height;
+    }
+    return places;
+}
+
+std::string escaped(const std::string& text) {
+    std::string result;
+    for (const char c : text)
+        result += c == '<' ? "&lt;" : c == '&' ? "&amp;" : std::string{c};
+    return result;
+}
+
+std::string number(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    return text;
+}
+
+std::string text_at(double x, double y, const std::string& text, const char* attributes = "") {
+    return "<text" + std::string(attributes) + " x='" + number(x) + "' y='" + number(y) + "'>" +
+           escaped(text) + "</text>";
+}
+
+std::string Picture::drawing() const {
+    const std::map<int, Place> places = this->places();
+    double width = 0, height = 0;
+    std::string lines, boxes;
+    for (const auto& [box, place] : places) {
+        width = std::max(width, place.x + place.width / 2 + gap);
+        height = std::max(height, place.y + box_height);
+        boxes += "<rect x='" + number(place.x - place.width / 2) + "' y='" +
+                 number(place.y - box_height / 2) + "' width='" + number(place.width) +
+                 "' height='" + number(box_height) + "' fill='" + colour(box) + "'/>";
+        const std::size_t end = place.label.find('\n');
+        boxes += text_at(place.x, place.y + (end == std::string::npos ? 4 : -3),
+                         place.label.substr(0, end));
+        if (end != std::string::npos)
+            boxes += text_at(place.x, place.y + 11, place.label.substr(end + 1));
+        boxes += "\n";
+    }
+    for (const auto& [ends, link] : links_) {
+        const Place &upper = places.at(ends.first), &lower = places.at(ends.second);
+        // Between two of one row it goes around what stands in between.
+        const double bend = upper.y == lower.y ? least_row_height : 0;
+        const double y = (upper.y + lower.y) / 2 - bend;
+        lines += "<path d='M" + number(upper.x) + " " + number(upper.y) + " Q" +
+                 number((upper.x + lower.x) / 2) + " " + number(y) + " " + number(lower.x) + " " +
+                 number(lower.y) + "'" + (is_slow(ends, link) ? " class='slow'" : "") +
+                 (link.count > 1 ? " stroke-width='2'" : "") + "><title>" + format_rate(link.rate) +
+                 "</title></path>";
+        if (link.count > 1)
+            lines += text_at(lower.x + (upper.x - lower.x) * 0.3,
+                             lower.y + (upper.y - lower.y) * 0.3 - bend / 2,
+                             std::to_string(link.count) + "x", " class='n'");
+        lines += "\n";
+    }
+    const std::string size = "width='" + number(width) + "' height='" + number(height) + "'";
+    return "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 " + number(width) + " " +
+           number(height) + "' " + size +
+           ">\n<style>text{font:10px sans-serif;text-anchor:middle}rect,path{stroke:#333}"
+           "path{fill:none}.slow{stroke:red}.n{paint-order:stroke;stroke:white;stroke-width:3px}</"
+           "style>\n<rect " +
+           size + " fill='white' style='stroke:none'/>\n" + lines + boxes + "</svg>\n";
+}
+
 }  // namespace
+
+std::string to_svg(const Site& site) {
+    return Picture(site).drawing();
+}
 
 std::string to_dot(const Site& site) {
     return Picture(site).text();

@@ -14,4 +14,7 @@ namespace app {
 /// the hosts that are linked to the same switches are one box; this host always has its own.
 std::string to_dot(const Site& site);
 
+/// The same drawn, as SVG: a row for each level, the hosts below.
+std::string to_svg(const Site& site);
+
 }  // namespace app

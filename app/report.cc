@@ -56,12 +56,8 @@ std::string property_cell(const tarv_arp_data_t& record, Format format) {
 Row peer_row(const fabric::Host& host, const Peer& peer,
              const std::vector<fabric::EndPort>& ports) {
     const tarv_arp_data_t& record = peer.record;
-    Row row = {fabric::format_ip(host.ip),
-               printable(host.machine()),
-               printable(host.rail),
-               std::to_string(lid_of(record)),
-               text("0x%06x", record.qpn & 0xFFFFFF),
-               format_gid(record.gid)};
+    Row row = {fabric::format_ip(host.ip),     printable(host.machine()), printable(host.rail),
+               std::to_string(lid_of(record)), format_qpn(record.qpn),    format_gid(record.gid)};
     for (const fabric::EndPort& port : ports)
         row.push_back(path_cell(record, port.gid));
     row.push_back(property_cell(record, [](const auto& path) { return format_rate(path.rate); }));
@@ -152,6 +148,10 @@ std::string format_gid(const gx_gid_t& gid) {
     return inet_ntop(AF_INET6, bytes.data(), buffer, sizeof buffer);
 }
 
+std::string format_qpn(std::uint32_t qpn) {
+    return text("0x%06x", qpn & 0xFFFFFF);
+}
+
 std::string format_rate(std::uint8_t code) {
     const int bandwidth = fabric::rate_bandwidth(code);
     if (bandwidth == 0)
@@ -193,14 +193,14 @@ std::string format_surroundings(const Site& site) {
            (switches == 1 ? " switch" : " switches");
 }
 
-std::string format_machine(Machine& machine) {
+std::string format_machine(Machine& machine, std::size_t width) {
     const fabric::Host& host = machine.site().our_host();
     std::string result = format_surroundings(machine.site());
     result += "\nThis host  " + printable(host.name) + ", " + fabric::format_ip(host.ip);
     for (const fabric::EndPort& port : our_ports(machine))
         result +=
             text(", port %d LID %u", port.at.port, unsigned{port.lid}) + (port.up ? "" : " (down)");
-    return result + "\n";
+    return wrap(result + "\n", width, std::string("This host  ").size());
 }
 
 std::string format_peers(Machine& machine, const std::vector<Peer>& peers, std::size_t width,
@@ -239,8 +239,8 @@ std::string format_records(Machine& machine, const std::vector<Peer>& peers) {
         const fabric::Host& host = machine.site().hosts[peer.host];
         const tarv_arp_data_t& record = peer.record;
         result += fabric::format_ip(host.ip) + "  " + printable(host.name) + "\n";
-        result += text("  GID %s, QPN 0x%06x, flags 0x%02x, LID %u, through port %u\n",
-                       format_gid(record.gid).c_str(), record.qpn & 0xFFFFFF,
+        result += text("  GID %s, QPN %s, flags 0x%02x, LID %u, through port %u\n",
+                       format_gid(record.gid).c_str(), format_qpn(record.qpn).c_str(),
                        unsigned{record.cap_flg}, lid_of(record), record.local_port_num);
         for (const auto& [kind, path] : paths_of(record))
             result +=
@@ -299,14 +299,15 @@ std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& 
     return table.format(width);
 }
 
-std::string format_departure(const Departure& departure) {
+std::string format_departure(const Departure& departure, std::size_t width) {
     std::string result =
         departure.capture_whole ? "" : "The capture is not whole: its file could not be written.\n";
     if (departure.remains.empty())
-        return result +
-               "Unloaded; nothing remains: " + count(departure.memory.allocations, "allocation") +
-               " made and freed, " + format_bytes(departure.memory.peak_bytes) +
-               " at most;\nno timer armed, no datagram out, no name registered.\n";
+        return wrap(result + "Unloaded; nothing remains: " +
+                        count(departure.memory.allocations, "allocation") + " made and freed, " +
+                        format_bytes(departure.memory.peak_bytes) +
+                        " at most;\nno timer armed, no datagram out, no name registered.\n",
+                    width);
     result += "Unloaded, but not all is gone:\n";
     for (const std::string& line : departure.remains)
         result += "  " + line + "\n";

@@ -12,8 +12,10 @@
 
 namespace app {
 
+// A `width` other than 0 is that of the terminal that it has to fit.
+
 /// The fabric and our place in it; a few lines.
-std::string format_machine(Machine& machine);
+std::string format_machine(Machine& machine, std::size_t width = 0);
 
 /// Our ports that are linked, in their order.
 std::vector<fabric::EndPort> our_ports(Machine& machine);
@@ -22,8 +24,6 @@ std::vector<fabric::EndPort> our_ports(Machine& machine);
 /// "host", "lid" or "latency", the slowest first (empty: as they are).
 std::vector<Peer> choose_peers(Machine& machine, std::vector<Peer> peers, const std::string& only,
                                const std::string& sort);
-
-// A `width` other than 0 is that of the terminal that it has to fit.
 
 /// One line for each resolved peer; of more than `most` the first and the last few, and how many
 /// were left out in between.
@@ -42,7 +42,7 @@ std::string format_counts(const ResolveCounts& counts, const std::vector<Peer>& 
                           std::size_t width = 0);
 
 /// That nothing remains, in one line with the totals, or what does, one line each.
-std::string format_departure(const Departure& departure);
+std::string format_departure(const Departure& departure, std::size_t width = 0);
 
 struct RecordPath {
     const char* kind;  ///< "primary" or "secondary"
@@ -56,6 +56,7 @@ std::vector<RecordPath> paths_of(const tarv_arp_data_t& record);
 unsigned lid_of(const tarv_arp_data_t& record);
 
 std::string format_gid(const gx_gid_t& gid);      ///< as an IPv6 address in its short form
+std::string format_qpn(std::uint32_t qpn);        ///< its 24 bits, in base 16 as everywhere
 std::string format_rate(std::uint8_t code);       ///< "40 Gb/s"; "-" for a code that means none
 std::string format_mtu(std::uint8_t code);        ///< "2048"; "-" for a code that means none
 std::string format_bytes(std::size_t bytes);      ///< "512 bytes", "61 KiB"

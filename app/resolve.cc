@@ -6,6 +6,7 @@
 #include <numeric>
 #include <utility>
 
+#include "app/script_text.h"
 #include "host/check.h"
 #include "host/services.h"
 #include "platform/jiffies.h"
@@ -246,7 +247,7 @@ std::string Resolver::explain(std::size_t peer) const {
     if (slot.called_off || !peers_[peer].asked)
         return given_up_;
     if (slot.status != tarv_stat_timeout)
-        return "refused by the module, status " + std::to_string(slot.status);
+        return "refused by the module, " + numbered_status(slot.status);
     if (!given_up_.empty())
         return "time-out";
     // Without a callback only the cache is asked.

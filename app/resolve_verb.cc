@@ -50,18 +50,14 @@ std::optional<std::uint32_t> look_up(const std::string& name) {
 /* The place in the site's list of what was called by name or address. One that is not in it is
  * added to it. */
 std::size_t find_host(Site& site, const std::string& word) {
-    std::optional<std::uint32_t> ip = fabric::parse_ip(word);
-    const auto named = [&](const fabric::Host& host) {
-        return ip ? host.ip == *ip : host.name == word || host.machine() == word;
-    };
-    auto found = std::ranges::find_if(site.hosts, named);
-    if (found == site.hosts.end() && !ip) {
+    std::optional<std::uint32_t> ip = address_of(site, word);
+    if (!ip) {
         ip = look_up(word);
         if (!ip)
             throw UsageError("\"" + word + "\" is no address, and no host is known by that name" +
                              suggest(word, names_of(site)));
-        found = std::ranges::find_if(site.hosts, named);
     }
+    auto found = std::ranges::find(site.hosts, *ip, &fabric::Host::ip);
     if (found == site.hosts.end())
         found = site.hosts.insert(found, {-1, word, *ip});
     return static_cast<std::size_t>(found - site.hosts.begin());

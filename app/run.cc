@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -114,12 +113,41 @@ std::string format_result(const RunOptions& options, Machine& machine, const Res
     return text + "\n";
 }
 
-void save_plot(const std::string& file, const Resolver& resolver) {
-    std::ofstream out(file);
-    out << plot_latencies(latencies_of(resolver.peers())) << std::flush;
-    if (!out)
-        throw std::runtime_error("--plot: " + file + ": " + std::generic_category().message(errno));
-}
+/* The file for --plot, made before anything has started: who waits for a long run is not told at
+ * its end that there is no such directory. */
+class Plot {
+  public:
+    explicit Plot(const std::string& name)
+        : name_(name), file_(name.empty() ? nullptr : std::fopen(name.c_str(), "we")) {
+        if (!file_ && !name.empty())
+            throw UsageError("--plot: " + name + ": " + std::generic_category().message(errno));
+    }
+    ~Plot() {
+        if (file_)
+            std::fclose(file_);
+    }
+    Plot(const Plot&) = delete;
+    Plot& operator=(const Plot&) = delete;
+
+    /* False, and it has been told, when it could not be written. */
+    bool save(const Resolver& resolver) {
+        if (!file_)
+            return true;
+        const std::string picture = plot_latencies(latencies_of(resolver.peers()));
+        const bool given = std::fwrite(picture.data(), 1, picture.size(), file_) == picture.size();
+        int error = given ? 0 : errno;
+        if (std::fclose(std::exchange(file_, nullptr)) != 0 && error == 0)
+            error = errno;
+        if (error != 0)
+            std::fprintf(stderr, "tarv-host: --plot: %s: %s\n", name_.c_str(),
+                         std::generic_category().message(error).c_str());
+        return error == 0;
+    }
+
+  private:
+    const std::string name_;
+    FILE* file_;
+};
 
 void stay(Machine& machine, const Mount& mount, unsigned long limit) {
     const unsigned long start = machine.kernel().jiffies();
@@ -141,6 +169,7 @@ std::string format_ready(const RunOptions& options, const Detachment* detachment
 int run_host(const RunOptions& options, Site site, Output& output, Detachment* detachment) {
     if (options.hops)
         require_topology(site);
+    Plot plot(options.plot);
     const std::size_t skipped_lines = site.skipped_lines;
     Kmsg kmsg;
     Mount mount(options.mount, kmsg);
@@ -166,7 +195,8 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
     std::optional<Mount::Serving> serving;
     serving.emplace(mount,
                     metrics ? [&] { return metrics->text(); } : std::function<std::string()>());
-    say((quiet ? "" : "\n") + format_machine(machine));
+    const std::size_t width = detachment ? 0 : terminal_width(STDOUT_FILENO);
+    say((quiet ? "" : "\n") + format_machine(machine, width));
     if (skipped_lines > 0)
         say("Host list  " + std::to_string(skipped_lines) + " lines skipped, about none of them\n");
     if (detachment)
@@ -179,13 +209,13 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
         resolve(resolver.emplace(machine, peers_of(machine), how));
         say(format_result(options, machine, *resolver));
     } else {
-        say("\n" + format_ready(options, nullptr));
+        say("\n" + wrap(format_ready(options, nullptr), width));
         stay(machine, mount, ticks_of(options.seconds));
         say("\n");
     }
     serving.reset();  // an open file keeps the module where it is
     const Departure& departure = machine.stop();
-    say(format_departure(departure));
+    say(format_departure(departure, width));
     if (!resolver)
         return departure.clean() ? 0 : 1;
     const auto peers = choose_peers(machine, resolver->peers(), options.only, options.sort);
@@ -197,10 +227,9 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
     }
     if (options.csv)
         output.say(to_csv(machine, peers));
-    if (!options.plot.empty())
-        save_plot(options.plot, *resolver);
+    const bool plotted = plot.save(*resolver);
     const bool resolved = std::ranges::all_of(resolver->peers(), &Peer::resolved);
-    return departure.clean() && resolved ? 0 : 1;
+    return departure.clean() && resolved && plotted ? 0 : 1;
 }
 
 void check(const RunOptions& options) {

@@ -40,6 +40,8 @@ struct ScriptReading {
     unsigned long first_jiffy = 1000;
     bool time_began = false;  ///< neither the site nor the tick counter can be changed any more
 
+    /// An address, or that of the host whose name stands there; network order.
+    std::uint32_t ip(ScriptLine& line) const;
     /// The number of our adapter's ports.
     std::uint64_t ports() const;
     /// A port of ours, from 1.

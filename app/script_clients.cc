@@ -119,11 +119,11 @@ tarv_arp_data_t make_record(fabric::Fabric& fabric, const ArpWords& words, std::
 ScriptRequest read_request(ScriptLine& line, const ScriptReading& reading,
                            bool (*more)(ScriptLine&, ScriptRequest&)) {
     ScriptRequest request;
-    request.ip = line.ip("IP");
+    request.ip = reading.ip(line);
     request.from = reading.site->our_host().ip;
     while (!line.at_end()) {
         if (line.take("from"))
-            request.from = line.ip("IP");
+            request.from = reading.ip(line);
         else if (line.take("paths"))
             request.paths = read_paths(line);
         else if (line.take("invalidate"))
@@ -156,8 +156,8 @@ ScriptAction read_arp(ScriptLine& line, ScriptReading& reading) {
         line.fail("request or reply is missing");
     if (!line.take("from"))
         line.fail("from is missing");
-    const std::uint32_t from = line.ip("IP");
-    const std::uint32_t to = line.take("to") ? line.ip("IP") : reading.site->our_host().ip;
+    const std::uint32_t from = reading.ip(line);
+    const std::uint32_t to = line.take("to") ? reading.ip(line) : reading.site->our_host().ip;
     while (!line.at_end())
         read_arp_word(line, words);
     return [words, from, to](ScriptHost& host, const std::string&) {

@@ -114,8 +114,8 @@ const tarv_arp_data_t* cached(std::uint32_t ip) {
     return nullptr;
 }
 
-ScriptAction read_expect_entry(ScriptLine& line) {
-    const std::uint32_t ip = line.ip("IP");
+ScriptAction read_expect_entry(ScriptLine& line, const ScriptReading& reading) {
+    const std::uint32_t ip = reading.ip(line);
     std::vector<CheckField> checks;
     do
         checks.push_back(read_field(line));
@@ -145,7 +145,7 @@ ScriptAction read_expect_nobody(ScriptLine& line) {
 
 }  // namespace
 
-ScriptAction read_expect(ScriptLine& line, ScriptReading&) {
+ScriptAction read_expect(ScriptLine& line, ScriptReading& reading) {
     if (line.take("no")) {
         if (!line.take("line"))
             line.fail("line is missing");
@@ -156,7 +156,7 @@ ScriptAction read_expect(ScriptLine& line, ScriptReading&) {
     if (line.take("reply"))
         return read_expect_reply(line);
     if (line.take("entry"))
-        return read_expect_entry(line);
+        return read_expect_entry(line, reading);
     if (line.take("nobody"))
         return read_expect_nobody(line);
     line.fail("\"" + line.word("line, no line, reply, entry or nobody") + "\" cannot be expected");

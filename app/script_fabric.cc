@@ -79,11 +79,11 @@ fabric::Faults& faults_of(fabric::Fabric& fabric, const Target& target) {
 
 std::uint32_t read_peer_ip(ScriptLine& line, const ScriptReading& reading, const char* what) {
     const std::string name = line.word(what);
-    const auto ip = fabric::parse_ip(name);
+    const auto ip = address_of(*reading.site, name);
     for (const fabric::Host& host : reading.site->hosts)
-        if ((ip ? host.ip == *ip : host.name == name) && host.ip != reading.site->our_host().ip)
+        if (ip && host.ip == *ip && host.ip != reading.site->our_host().ip)
             return host.ip;
-    line.fail("there is no peer \"" + name + "\"");
+    line.fail("there is no peer \"" + name + "\"" + suggest(name, names_of(*reading.site)));
 }
 
 Target read_target(ScriptLine& line, const ScriptReading& reading) {

@@ -56,6 +56,11 @@ std::string status_name(tarv_stat_t status) {
     return std::to_string(status);
 }
 
+std::string numbered_status(tarv_stat_t status) {
+    const std::string number = std::to_string(status), name = status_name(status);
+    return name == number ? number : number + " " + name;
+}
+
 std::optional<tarv_stat_t> parse_status(const std::string& name) {
     for (const StatusName& row : status_names)
         if (row.name == name)
@@ -66,7 +71,7 @@ std::optional<tarv_stat_t> parse_status(const std::string& name) {
 std::string list_statuses() {
     std::string list;
     for (const StatusName& row : status_names)
-        list += (list.empty() ? "" : ", ") + std::to_string(row.status) + " " + row.name;
+        list += (list.empty() ? "" : ", ") + numbered_status(row.status);
     return list;
 }
 

@@ -12,6 +12,8 @@ namespace app {
 
 /// ok, pending, timeout, error, not_found; another value as its number.
 std::string status_name(tarv_stat_t status);
+/// "-253 pending".
+std::string numbered_status(tarv_stat_t status);
 std::optional<tarv_stat_t> parse_status(const std::string& name);
 /// All of them, with the numbers that stand for them in the module's own lines.
 std::string list_statuses();

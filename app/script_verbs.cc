@@ -8,6 +8,7 @@
 #include <limits>
 #include <utility>
 
+#include "app/suggest.h"
 #include "host/console.h"
 #include "host/faults.h"
 #include "tarv/tarv-module.h"
@@ -197,6 +198,15 @@ std::function<void()> read_level_action(ScriptLine& line) {
 std::uint64_t ScriptReading::ports() const {
     const auto node = static_cast<std::size_t>(site->our_host().node);
     return site->topology.nodes[node].ports.size() - 1;
+}
+
+std::uint32_t ScriptReading::ip(ScriptLine& line) const {
+    const std::string word = line.word("IP");
+    const auto ip = address_of(*site, word);
+    if (!ip)
+        line.fail("\"" + word + "\" is no IPv4 address and no host, where IP should stand" +
+                  suggest(word, names_of(*site)));
+    return *ip;
 }
 
 int ScriptReading::port(ScriptLine& line) const {

@@ -89,6 +89,8 @@ INSTANTIATE_TEST_SUITE_P(
          "tarv-host: --as: .*\"zeta\"; did you mean \"beta\"."},
         {"UnknownParameter", "run --param x=1", "tarv-host: --param: .*\"x=1\".*"},
         {"ParameterWithoutValue", "run --param arp_cache_timeout_sec", "tarv-host: --param: .*"},
+        {"PlotNowhere", "run --resolve-all --plot /no/dir/file",
+         "tarv-host: --plot: /no/dir/file: No such file or directory"},
         {"CaptureNowhere", "run --capture /no/dir/file", "tarv-host: --capture: /no/dir/file: .*"},
     }),
     [](const auto& row) { return row.param.name; });
@@ -123,6 +125,9 @@ TEST(Run, TellsWhatItCouldNotWrite) {
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err, "tarv-host: standard output: No space left on device\n");
     EXPECT_EQ(shell(TARV_HOST " --help >/dev/full").status, 1);
+    const Result plot = shell(TARV_HOST " run --resolve-all -q --plot /dev/full");
+    EXPECT_EQ(plot.status, 1);
+    EXPECT_EQ(plot.err, "tarv-host: --plot: /dev/full: No space left on device\n");
     const Result half = tarv_host("run --resolve-all -q --capture /dev/full");
     EXPECT_EQ(half.status, 1);
     EXPECT_THAT(half.out, HasSubstr("\nThe capture is not whole: "));
@@ -258,6 +263,21 @@ TEST(Program, DrawsAFabric) {
     const std::string large = app::to_dot(site_of(fabric::make_fabric({.hosts = 1000})));
     EXPECT_THAT(large, AllOf(HasSubstr(" hosts\\nnode"), HasSubstr("\"node1\\n10.0.0.1\"")));
     EXPECT_LT(std::ranges::count(large, '\n'), 1500);
+    // Drawn or for graphviz, it is the same.
+    const auto times = [](const std::string& text, const std::string& word) {
+        int found = 0;
+        for (std::size_t at = 0; (at = text.find(word, at)) != text.npos; ++at)
+            ++found;
+        return found;
+    };
+    app::Site site = small_site();
+    site.hosts[1].name = "b<&ta";
+    const std::string dot = app::to_dot(site), svg = app::to_svg(site);
+    EXPECT_THAT(svg, AllOf(HasSubstr(">b&lt;&amp;ta</text>"), Not(HasSubstr("nan"))));
+    EXPECT_EQ(times(svg, "<path "), times(dot, " -- "));
+    EXPECT_EQ(times(svg, "class='slow'"), times(dot, "color=red"));
+    EXPECT_EQ(times(svg, "fill='gold'"), 1);
+    EXPECT_GT(times(svg, "class='slow'"), 0);
 }
 
 TEST(Report, NamesWhatAModuleLeavesBehind) {

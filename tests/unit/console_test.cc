@@ -64,6 +64,16 @@ fly)");
     EXPECT_THAT(session.out, EndsWith(gone));
 }
 
+TEST(Console, KnowsHostsByTheirNames) {
+    const support::Result session = converse(
+        "add node01 node02 5\ncat control\nresolve node03 from node01\nremove  node02 \n"
+        "add 10.0.0.1 node99 7\ncat control\nfabric node04 clear");
+    EXPECT_EQ(session.status, 0);
+    EXPECT_THAT(session.out, HasSubstr("\n10.0.0.2         0x1 "));
+    EXPECT_THAT(session.out, HasSubstr("resolve 1: pending\nreply 1: ok\nip 10.0.0.3 "));
+    EXPECT_EQ(session.out.find("\n10.0.0.2 "), session.out.rfind("\n10.0.0.2 "));
+}
+
 TEST(Console, ShowsTheKernelLogAsItIsTold) {
     const support::Result session =
         converse("dmesg -C\ndmesg -D\nshow 10.1.1.1\ndmesg -E\nshow 10.2.2.2\ndmesg");
@@ -109,14 +119,17 @@ INSTANTIATE_TEST_SUITE_P(
         {"NoFile", "cat", "control or version is missing (usage: cat control|version)"},
         {"SurplusWord", "quit now", "\"now\" is one word too many (usage: quit)"},
         {"Option", "dmesg -x", "\"-x\" is one word too many (usage: dmesg [-C|-D|-E])"},
-        {"Address", "resolve node02",
-         "\"node02\" is no IPv4 address, where IP should stand (usage: resolve IP [from IP] "
+        {"Address", "resolve nod02",
+         "\"nod02\" is no IPv4 address and no host, where IP should stand; did you mean "
+         "\"node02\"? "
+         "(usage: resolve IP [from IP] "
          "[paths none|primary|both] [invalidate] [no-callback])"},
         {"Port", "event lid port 3 to 9",
          "a port is 3, and 2 at most (usage: event "
          "link_up|link_down|lid|mtu|sm_change|NUMBER port N [to VALUE])"},
         {"Peer", "fabric node99 drop",
-         "there is no peer \"node99\" (usage: fabric show | PEER|sa|port N FAULT ...)"},
+         "there is no peer \"node99\"; did you mean \"node09\"? (usage: fabric show | PEER|sa|port "
+         "N FAULT ...)"},
         {"Level", "level module 6", "a level is 6, and 5 at most (usage: level module|logger N)"},
     }),
     [](const auto& row) { return row.param.name; });
@@ -155,6 +168,8 @@ TEST_F(Completion, OffersAddressesWhereOneCanStand) {
     EXPECT_THAT(offered("resolve ", "10.0.0.10"), ElementsAre("10.0.0.10"));
     EXPECT_THAT(offered("resolve 10.0.0.2 ", "p"), ElementsAre("paths", "primary"));
     EXPECT_THAT(offered("fabric ", "10.0.0.16"), ElementsAre("10.0.0.16"));
+    EXPECT_THAT(offered("remove ", "node1"),
+                ElementsAre("node10", "node11", "node12", "node13", "node14", "node15", "node16"));
     EXPECT_THAT(offered("set_retry_cnt ", "10"), ElementsAre());
 }
 
