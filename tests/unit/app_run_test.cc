@@ -124,7 +124,12 @@ TEST(Run, TellsWhatItCouldNotWrite) {
     const Result full = shell(TARV_HOST " run --resolve-all -q >/dev/full");
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err, "tarv-host: standard output: No space left on device\n");
-    EXPECT_EQ(shell(TARV_HOST " --help >/dev/full").status, 1);
+    for (const char* verb :
+         {"--help", "script --help", "fabric svg", "console -q </dev/null", "resolve node02"}) {
+        const Result other = shell(std::string(TARV_HOST " ") + verb + " >/dev/full");
+        EXPECT_EQ(other.status, 1) << verb;
+        EXPECT_THAT(other.err, HasSubstr("tarv-host: standard output: ")) << verb;
+    }
     const Result plot = shell(TARV_HOST " run --resolve-all -q --plot /dev/full");
     EXPECT_EQ(plot.status, 1);
     EXPECT_EQ(plot.err, "tarv-host: --plot: /dev/full: No space left on device\n");

@@ -43,7 +43,8 @@ within() {
 contains() { grep -qsF -- "$2" "$1"; }
 
 start() {
-    "$program" run --mount "$directory" "$@" >"$work/log" 2>&1 &
+    # Who is started in the background by a script would ignore this one.
+    env --default-signal=QUIT "$program" run --mount "$directory" "$@" >"$work/log" 2>&1 &
     host=$!
     within ready
 }
@@ -292,7 +293,7 @@ unloads_and_unmounts() {
 unmounts_when_killed() {
     local status signal
     ulimit -c 0
-    for signal in HUP ILL TRAP ABRT BUS FPE USR1 SEGV USR2 ALRM STKFLT XCPU XFSZ VTALRM PROF IO \
+    for signal in HUP QUIT ILL TRAP ABRT BUS FPE USR1 SEGV USR2 ALRM STKFLT XCPU XFSZ VTALRM PROF IO \
         PWR SYS RTMIN RTMAX; do
         start
         stop "$signal"
