@@ -198,10 +198,11 @@ static std::string read_file(const char* name) {
     proc_dir_entry& file = files.at(name);
     std::string text;
     char page[PAGE_SIZE];
+    constexpr int room = sizeof page;
     off_t offset = 0;
     for (int end = 0; end == 0;) {
         char* start = nullptr;
-        const int got = file.read_proc(page, &start, offset, int{sizeof page}, &end, file.data);
+        const auto got = file.read_proc(page, &start, offset, room, &end, file.data);
         if (got <= 0)
             break;
         const bool is_number = start && start < page;  // by which the offset goes on
