@@ -58,7 +58,7 @@ int run(int argc, char** argv, void (*register_rows)(), void (*finish)()) {
     benchmark::AddCustomContext("entry_bytes", std::to_string(sizeof(tarv_hash_entry_t)));
     benchmark::AddCustomContext("record_bytes", std::to_string(sizeof(tarv_arp_data_t)));
     benchmark::AddCustomContext("host", host_name);
-    const World world;
+    const Host host;
     register_rows();
     benchmark::RunSpecifiedBenchmarks();
     if (finish)

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // What the benchmarks have in common: the peers of one InfiniBand subnet, orders in which nobody
-// can guess the next one, the kernel that the module stands on, and the start of a program.
+// can guess the next one, the host that the module stands on, and the start of a program.
 //
-// There are two of these kernels, and a program is linked with one of them: the plain host, which
-// is for comparing with others, since its calls cost what a kernel's do; and the strict one, which
+// There are two of these hosts, and a program is linked with one of them: the plain one, which is
+// for comparing with others, since its calls cost what a kernel's do; and the strict one, which
 // checks every call. Time is virtual on both, so that `jiffies` costs a load, as in a kernel, and
 // not a question to the system's clock.
 #pragma once
@@ -79,20 +79,20 @@ benchmark::internal::Benchmark* row(const std::string& operation, const std::str
         ->Threads(threads);
 }
 
-/// The kernel that the program is linked with, while one of these exists.
-struct World {
-    World();
-    ~World();
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
+/// The host that the program is linked with, while one of these exists.
+struct Host {
+    Host();
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
 };
 extern const char* const host_name;
 
 /// Time passes, and timers that fall due run. For one thread; others may call the module meanwhile.
 void pass_ticks(unsigned long ticks);
 
-/// What a program's main() does: makes the kernel, has the rows registered, runs them, and calls
-/// `finish` while the kernel still exists.
+/// What a program's main() does: makes the host, has the rows registered, runs them, and calls
+/// `finish` while the host still exists.
 int run(int argc, char** argv, void (*register_rows)(), void (*finish)() = nullptr);
 
 }  // namespace bench

@@ -57,8 +57,8 @@ namespace bench {
 
 const char* const host_name = "plain";
 
-World::World() = default;
-World::~World() = default;
+Host::Host() = default;
+Host::~Host() = default;
 
 void pass_ticks(unsigned long ticks) {
     const unsigned long last = now + ticks;
