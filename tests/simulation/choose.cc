@@ -374,8 +374,8 @@ constexpr Kind kinds[] = {
 /* A large world's addresses are clustered: neighbours of the hosts, the same host of other subnets,
  * one bucket's, nonsense. */
 std::vector<std::string> other_addresses(Random& random, bool large) {
-    std::vector<std::string> others = {"10.0.0.150", "10.0.0.151", "10.0.0.152", "192.168.9.162",
-                                       "192.168.9.163"};
+    std::vector<std::string> others = {"10.0.0.150",  "10.0.0.151",    "10.0.0.152",
+                                       "192.168.0.2", "192.168.9.162", "192.168.9.163"};
     if (!large)
         return others;
     const auto subnet = std::to_string(1 + random.below(200));

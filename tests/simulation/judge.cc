@@ -34,7 +34,7 @@ std::string name_of(const Reply& reply) {
 }  // namespace
 
 Judge::Judge(const app::Site& site, unsigned long first_jiffy)
-    : ScriptHost(site, first_jiffy, nowhere(), nowhere()) {
+    : ScriptHost(site, first_jiffy, nowhere(), nowhere()), first_jiffy_(first_jiffy) {
     the_judge = this;
     fabric::set_witness(this);
     counts_.note(Count::worlds);

@@ -140,6 +140,7 @@ class Judge : public app::ScriptHost, private fabric::Witness {
         unsigned long last_run;
     };
 
+    const unsigned long first_jiffy_;
     Model model_{fabric()};
     State found_;  ///< the module's, at the last look
     bool unloading_ = false;

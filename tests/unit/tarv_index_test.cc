@@ -47,6 +47,24 @@ struct Order {
     }
 };
 
+/// As many as there are heads: nobody is linked to anybody else.
+TEST(Indexes, GiveEveryRemainderAHeadOfItsOwn) {
+    index_of<Item, &Item::next, bits> plain = {};
+    groups_of<Item, &Item::group, Key, bits> groups = {};
+    ordered_of<Item, &Item::order, Order, bits> ordered = {};
+    std::vector<Item> items(1u << bits);
+    for (Item& item : items) {
+        item.key = static_cast<u32>(&item - items.data());
+        plain.enter(&item, item.key);
+        groups.enter(&item);
+        ordered.enter(&item);
+    }
+    for (const Item& item : items) {
+        EXPECT_TRUE(!item.next && !item.group.next) << item.key;
+        EXPECT_TRUE(!item.order.before && !item.order.after) << item.key;
+    }
+}
+
 /// Many of one key, the worst order of entering; so many steps to any of them.
 TEST(Indexes, KeepTheirTreesLow) {
     tarv_index_set(1);
