@@ -105,9 +105,10 @@ void pending_link(tarv_list_t& list, Places& places, tarv_list_entry_t* entry) {
 }
 
 /* Stamps the request and puts it at the head of the list. Stamps are given under the lock: a later
- * one is never older. */
+ * one is never older. From then on others may take it, unless its maker says that he is busy. */
 template <class Places>
 void pending_push(tarv_list_t& list, Places& places, tarv_list_entry_t* entry) {
+    KASSERT(!entry->maker || tarv_get_request_static_flag(entry));
     entry->timestamp = pending_stamp();
     pending_by_age(places.by_age).push_back(entry);
     pending_link(list, places, entry);

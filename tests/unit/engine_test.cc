@@ -2,6 +2,7 @@
 //
 // The engine: its start and stop, and the adapter's events in between.
 #include "platform/module.h"
+#include "tarv/tarv-sa-private.h"
 #include "tests/support/module_test.h"
 
 namespace {
@@ -71,14 +72,18 @@ TEST_F(EngineTest, NamesAreWithdrawnInTheirOrder) {
             std::string("nobody registered the name ") + order[i] + " ");
 }
 
-/* A path that is not valid any more still names the port that it came from. */
-TEST_F(EngineTest, ALinkDownPurgesWhoHasAPathFromThere) {
-    know(2, TARV_MASK_PRIMARY_PATH);
-    know(3, TARV_MASK_SECONDARY_PATH);
-    fabric.set_link(2, false);
-    kernel.settle();
-    EXPECT_TRUE(knows(host_ip(2)));
-    EXPECT_FALSE(knows(host_ip(3)));
+/* Whoever breaks a rule of locks is told their names. */
+TEST_F(EngineTest, LocksBearTheirOwnNames) {
+    for (const auto& [lock, name] : {std::pair{&driver_lock, "driver_lock"},
+                                     {&static_path_lock, "static_path_lock"},
+                                     {&tarv_rl_lock, "tarv_rl_lock"},
+                                     {&tarv_sa_rl_lock, "tarv_sa_rl_lock"},
+                                     {&tarv_sa_lock, "tarv_sa_lock"}}) {
+        const spin_guard guard(*lock);
+        EXPECT_EQ(host::held_locks(), name);
+    }
+    const read_guard guard(tarv_lock);
+    EXPECT_EQ(host::held_locks(), "tarv_lock");
 }
 
 struct Refused {

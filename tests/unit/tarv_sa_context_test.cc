@@ -46,6 +46,8 @@ using Open = std::vector<std::size_t>;
 TEST_F(SaContext, ShowsNoPortsBeforeTheFirstSetUp) {
     EXPECT_EQ(shown(),
               (Lines{"err: param: 0, port: 0, get: 0, dgram: 0, gsi err: 0, 0", "port num: 0"}));
+    EXPECT_EQ(tarv_sa_set_local_gids(nullptr, nullptr), tarv_stat_ok);
+    EXPECT_EQ(tarv_sa_set_local_pkeys(1, 2), tarv_stat_ok);
     tarv_sa_cleanup();
 }
 
