@@ -9,28 +9,18 @@
 
 namespace {
 
-/* A port as a file can tell it: of those without a link it says nothing. */
-bool same(const fabric::Port& one, const fabric::Port& other) {
-    return one.linked == other.linked &&
-           (!one.linked ||
-            (one.remote_node == other.remote_node && one.remote_port == other.remote_port &&
-             one.guid == other.guid && one.lid == other.lid && one.rate == other.rate));
-}
-
-bool same(const fabric::Node& one, const fabric::Node& other) {
-    return one.kind == other.kind && one.guid == other.guid &&
-           std::ranges::equal(one.ports, other.ports,
-                              [](const auto& a, const auto& b) { return same(a, b); });
+/* As far as a file tells it: of ports without a link it says nothing. */
+std::string written(const fabric::Topology& topology) {
+    std::ostringstream out;
+    fabric::write_topology(out, topology);
+    return out.str();
 }
 
 void check_round_trip(const fabric::Topology& topology) {
-    std::ostringstream out;
-    fabric::write_topology(out, topology);
-    std::istringstream in(out.str());
-    const fabric::Topology again = fabric::read_topology(in, "again");
-    fuzz::require(std::ranges::equal(topology.nodes, again.nodes,
-                                     [](const auto& a, const auto& b) { return same(a, b); }),
-                  "what was written does not read the same:\n" + out.str());
+    const std::string text = written(topology);
+    std::istringstream in(text);
+    fuzz::require(written(fabric::read_topology(in, "again")) == text,
+                  "what was written does not read the same:\n" + text);
 }
 
 void build(const fabric::Topology& topology, const std::vector<fabric::Host>& hosts) {

@@ -88,6 +88,12 @@ class Arena {
     static bool command(const std::string& text);
     static std::string read(const std::string& path, std::size_t size);
 
+    /// The driver hears the peer in that generation.
+    void hear(unsigned peer, unsigned generation,
+              tarv_arp_op_t operation = TARV_ARP_OP_REPLY) const {
+        driver.deliver(identities.heard(peer, generation, operation));
+    }
+
     /// An event of the adapter comes to the module, on this thread.
     static void event(gx_async_record_t type, int port);
 

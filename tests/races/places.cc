@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 
 namespace stress {
 namespace {
@@ -10,8 +11,6 @@ namespace {
 constexpr Place all_places[] = {
     {"take_during_release", "a request is taken while its maker, done sending, lets go of it", 1,
      drive_take_during_release},
-    {"reply_beside_send", "the ARP reply comes on another thread while the driver sends", 1,
-     drive_reply_beside_send},
     {"driver_change", "the driver is exchanged while it is called", 1, drive_driver_change},
     {"time_out_of_arp", "the ARP time-out pass and the completion reach for one request", 1,
      drive_time_out_of_arp},
@@ -52,6 +51,17 @@ void drive_place(Arena& arena, const Place& place, unsigned rounds) {
 }
 
 }  // namespace
+
+Visitor meet_at(const void* lock, Meeting& meeting, bool late) {
+    return [lock, &meeting, late, met = std::make_shared<bool>(false)](const void* object) {
+        if (object != lock || *met)
+            return;
+        *met = true;
+        meeting.arrive();
+        if (late)
+            std::this_thread::yield();
+    };
+}
 
 std::span<const Place> places() {
     return all_places;

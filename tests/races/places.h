@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "tests/races/arena.h"
+#include "tests/races/doors.h"
 #include "tests/races/report.h"
 
 namespace stress {
@@ -47,6 +48,10 @@ class Meeting {
     std::atomic<unsigned> arrived_ = 0;
 };
 
+/// Holds a thread at the first time that it comes to the lock, until the other has come too. Who is
+/// `late` then lets the other go first; that should differ from round to round.
+Visitor meet_at(const void* lock, Meeting& meeting, bool late = false);
+
 /// Each round: `before` on this thread, then `mine` on it and `other` on a thread of its own at the
 /// same time, then `after` on this thread.
 template <class Before, class Mine, class Other, class After>
@@ -72,7 +77,6 @@ void in_step(unsigned rounds, Before before, Mine mine, Other other, After after
 
 // The places, by the subject of their files.
 Tally drive_take_during_release(Arena& arena, unsigned rounds);
-Tally drive_reply_beside_send(Arena& arena, unsigned rounds);
 Tally drive_driver_change(Arena& arena, unsigned rounds);
 Tally drive_time_out_of_arp(Arena& arena, unsigned rounds);
 Tally drive_time_out_of_paths(Arena& arena, unsigned rounds);

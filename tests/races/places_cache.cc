@@ -6,7 +6,6 @@
 #include "platform/atomic.h"
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-arp-hash.h"
-#include "tests/races/doors.h"
 #include "tests/races/places.h"
 
 namespace stress {
@@ -70,8 +69,7 @@ Tally drive_enter_together(Arena& arena, unsigned rounds) {
     bool here = false;
     const auto hear = [&](unsigned round, unsigned generation, Visitor visitor) {
         const AtMyDoor door(Door::lock, std::move(visitor));
-        arena.driver.deliver(
-            arena.identities.heard(round % peer_count, generation, TARV_ARP_OP_REPLY));
+        arena.hear(round % peer_count, generation);
     };
     const auto come = [&] { meeting.arrive(); };
     in_step(

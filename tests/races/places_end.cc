@@ -10,7 +10,6 @@
 #include "platform/jiffies.h"
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-arp-hash.h"
-#include "tests/races/doors.h"
 #include "tests/races/places.h"
 
 namespace stress {
@@ -24,10 +23,6 @@ void fire_after(timer_list& timer, Prepare prepare) {
     prepare();
     timer.expires = jiffies();
     add_timing(&timer);
-}
-
-void hear(const Arena& arena, unsigned peer, unsigned generation) {
-    arena.driver.deliver(arena.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
 }
 
 /* A callback that is inside the module until somebody lets it go; unless it runs on the thread that
@@ -68,7 +63,7 @@ void by_arp_timer(Arena& arena, Inside& inside, unsigned round) {
 }
 
 void ask_for_paths(Arena& arena, Inside& inside, unsigned round) {
-    hear(arena, round % peer_count, round);
+    arena.hear(round % peer_count, round);
     Request& request = new_request();
     if (request.ask(arena.client, round % peer_count, tarv_paths_both, false, &inside.on_reply) !=
         tarv_stat_pending)
@@ -160,8 +155,8 @@ constexpr QueryMaker query_makers[] = {
     {host::Context::gsi, Door::class_still_busy, [](const void*) { return true; },
      [](Arena& arena, const OnReply& ask_again, unsigned round) {
          const unsigned generation = round | 1;
-         hear(arena, 0, generation + 1);
-         hear(arena, 1, generation);
+         arena.hear(0, generation + 1);
+         arena.hear(1, generation);
          new_request().ask(arena.client, 1, tarv_paths_both, false, &ask_again);
      }},
 };
@@ -323,7 +318,7 @@ Tally drive_halt_during_query(Arena& arena, unsigned rounds) {
             rounds,
             [&](unsigned round) {
                 arena.wait_for_ports();
-                hear(arena, round % peer_count, round);
+                arena.hear(round % peer_count, round);
                 request = &new_request();
                 if (round % 2 == 1)
                     ask(round);

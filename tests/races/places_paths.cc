@@ -10,7 +10,6 @@
 #include "host/kernel.h"
 #include "tarv/tarv-api.h"
 #include "tarv/tarv-sa-private.h"
-#include "tests/races/doors.h"
 #include "tests/races/places.h"
 
 namespace stress {
@@ -19,7 +18,7 @@ namespace {
 /* The cache knows the peer and no path to it. */
 void know(const Arena& arena, unsigned peer, unsigned generation) {
     Arena::command("remove " + text_of(address_of(peer)) + "\n");
-    arena.driver.deliver(arena.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
+    arena.hear(peer, generation);
 }
 
 /* What the cache has as the peer's static path. */
@@ -58,7 +57,7 @@ void check_static_path(const Arena& arena, unsigned round, bool command_may_be_l
     const unsigned got = Identities::static_path_number(cached_path(arena, peer));
     if (round > 0 && got != number_of(round) && got != number_of(round - 1))
         violation("torn record: a static path is of command %u in round %u", got, round);
-    arena.driver.deliver(arena.identities.heard(peer, round, TARV_ARP_OP_REQUEST));
+    arena.hear(peer, round, TARV_ARP_OP_REQUEST);
     const ib_path_record_v2_t path = cached_path(arena, peer);
     if (Identities::static_path_number(path) != number_of(round))
         violation("lost command: the static path is of command %u after command %u",
@@ -67,16 +66,6 @@ void check_static_path(const Arena& arena, unsigned round, bool command_may_be_l
     if (path.pkey != key_of(round) && !(command_may_be_last && is_commands))
         violation("torn record: a static path has P_Key 0x%x instead of 0x%x", path.pkey,
                   key_of(round));
-}
-
-/* Holds a thread once, when it comes to the lock. */
-Visitor meet_once_at(const void* lock, Meeting& meeting) {
-    return [lock, &meeting, met = std::make_shared<bool>(false)](const void* object) {
-        if (object != lock || *met)
-            return;
-        *met = true;
-        meeting.arrive();
-    };
 }
 
 }  // namespace
@@ -109,7 +98,7 @@ Tally drive_static_path(Arena& arena, unsigned rounds) {
     const auto race = [&](unsigned round, const auto& work) {
         const AtMyDoor door(
             Door::lock,
-            meet_once_at(kind_of(round) == at_the_lock ? &static_path_lock : nullptr, locks));
+            meet_at(kind_of(round) == at_the_lock ? &static_path_lock : nullptr, locks));
         if (under_way.fetch_add(1, std::memory_order_relaxed) == 1)
             both.store(true, std::memory_order_relaxed);
         work();
@@ -131,10 +120,7 @@ Tally drive_static_path(Arena& arena, unsigned rounds) {
                 set.arrive();
         },
         [&](unsigned round) {
-            race(round, [&] {
-                arena.driver.deliver(
-                    arena.identities.heard(round % peer_count, round, TARV_ARP_OP_REQUEST));
-            });
+            race(round, [&] { arena.hear(round % peer_count, round, TARV_ARP_OP_REQUEST); });
         },
         [&](unsigned round) {
             tally.met += both;
@@ -186,7 +172,7 @@ Tally drive_context_torn_down(Arena& arena, unsigned rounds) {
             has_met = true;
             built.arrive();
             if (going_in(round) == Going::at_once)
-                at_lock = meet_once_at(&tarv_sa_lock, locks);
+                at_lock = meet_at(&tarv_sa_lock, locks);
             else
                 gone.arrive();
         });
@@ -205,7 +191,7 @@ Tally drive_context_torn_down(Arena& arena, unsigned rounds) {
         if (!has_met)
             return;
         const bool at_once = going_in(round) == Going::at_once;
-        const AtMyDoor lock(Door::lock, meet_once_at(at_once ? &tarv_sa_lock : nullptr, locks));
+        const AtMyDoor lock(Door::lock, meet_at(at_once ? &tarv_sa_lock : nullptr, locks));
         Arena::event(gx_async_r_port_link_down, port_of(round));
         if (going_in(round) == Going::down_and_up)
             Arena::event(gx_async_r_port_link_up, port_of(round));
@@ -294,7 +280,7 @@ Tally drive_event_during_query(Arena& arena, unsigned rounds) {
     std::atomic<bool> arrived = false;
     std::atomic<unsigned> going_on = 0;  // rounds whose answer may go on
     const DriverDoes does(arena, [&](const tarv_arp_data_t& request) {
-        arena.driver.deliver(arena.identities.heard(request.dst_ip >> 24, now, TARV_ARP_OP_REPLY));
+        arena.hear(request.dst_ip >> 24, now);
         return tarv_stat_ok;
     });
     arena.wait_for_ports();

@@ -9,7 +9,6 @@
 #include "host/check.h"
 #include "platform/atomic.h"
 #include "tarv/tarv-api.h"
-#include "tests/races/doors.h"
 #include "tests/races/places.h"
 
 namespace stress {
@@ -17,17 +16,6 @@ namespace {
 
 tarv_paths_t paths_of(unsigned round) {
     return static_cast<tarv_paths_t>(round / 2 % 3);
-}
-
-/* The peer answers. */
-void hear(const Arena& arena, unsigned peer, unsigned generation) {
-    arena.driver.deliver(arena.identities.heard(peer, generation, TARV_ARP_OP_REPLY));
-}
-
-/* The answer came inside the send: whatever the driver says of the send, it is the request's. */
-void must_be_pending(const Request& request) {
-    if (request.status() != tarv_stat_pending)
-        violation("a request that was taken while it was sent got status %d", request.status());
 }
 
 }  // namespace
@@ -71,47 +59,11 @@ Tally drive_take_during_release(Arena& arena, unsigned rounds) {
         },
         [&](unsigned round) {
             sent.arrive();
-            hear(arena, round % peer_count, round);
+            arena.hear(round % peer_count, round);
             tally.met += making;
             taken = true;
         },
         [](unsigned) {});
-    return tally;
-}
-
-Tally drive_reply_beside_send(Arena& arena, unsigned rounds) {
-    Tally tally;
-    Meeting sending;
-    Meeting heard;
-    unsigned now = 0;
-    bool has_sent = false;
-    const DriverDoes does(arena, on_this_thread([&](const tarv_arp_data_t&) {
-                              has_sent = true;
-                              sending.arrive();
-                              heard.arrive();
-                              return now % 5 == 4 ? tarv_stat_error : tarv_stat_ok;
-                          }));
-    in_step(
-        rounds,
-        [&](unsigned round) {
-            now = round;
-            has_sent = false;
-        },
-        [&](unsigned round) {
-            Request& request = new_request();
-            request.ask(arena.client, round % peer_count, paths_of(round), true);
-            must_be_pending(request);
-            if (has_sent)
-                return;
-            sending.arrive();
-            heard.arrive();
-        },
-        [&](unsigned round) {
-            sending.arrive();
-            hear(arena, round % peer_count, round);
-            heard.arrive();
-        },
-        [&](unsigned) { tally.met += has_sent; });
     return tally;
 }
 
@@ -217,18 +169,14 @@ Tally drive_driver_change(Arena& arena, unsigned rounds) {
                 lock == &tarv_rl_lock ? hold() : lock_of_driver.arrive();
             });
             if (calling_in(round) == Calling::info)
-                hear(arena, round % peer_count, round);
+                arena.hear(round % peer_count, round);
             else
                 new_request().ask(arena.client, round % peer_count, tarv_paths_none, true);
         },
         [&](unsigned round) {
             bool waits = calling_in(round) == Calling::at_once;
-            const AtMyDoor lock(Door::lock, [&, met = false](const void* object) mutable {
-                if (calling_in(round) != Calling::at_once || object != &driver_lock || met)
-                    return;
-                met = true;
-                lock_of_driver.arrive();
-            });
+            const AtMyDoor lock(Door::lock,
+                                meet_at(waits ? &driver_lock : nullptr, lock_of_driver));
             const AtMyDoor door(Door::idle, [&](const void*) {
                 if (!std::exchange(waits, true))
                     leaving.arrive();
@@ -244,7 +192,7 @@ Tally drive_driver_change(Arena& arena, unsigned rounds) {
         // Among many identical requests nothing would be sent.
         [&](unsigned round) {
             calling = Calling::at_once;
-            hear(arena, round % peer_count, round);
+            arena.hear(round % peer_count, round);
         });
     detach_numbered(rounds);
     arena.driver.attach();
@@ -252,19 +200,6 @@ Tally drive_driver_change(Arena& arena, unsigned rounds) {
 }
 
 namespace {
-
-/* Holds a thread at the first time that it comes to the lock, until the other has come too; who of
- * them then goes first differs from round to round. */
-Visitor meet_at(const void* lock, Meeting& meeting, bool late) {
-    return [lock, &meeting, late, met = std::make_shared<bool>(false)](const void* object) {
-        if (object != lock || *met)
-            return;
-        *met = true;
-        meeting.arrive();
-        if (late)
-            std::this_thread::yield();
-    };
-}
 
 /* In every third round the request has no retry left: the time-out pass ends it. */
 void allow_retries(unsigned round) {
@@ -332,7 +267,7 @@ Tally drive_time_out_of_arp(Arena& arena, unsigned rounds) {
          [](Arena& a, unsigned round, Request& request) {
              request.ask(a.client, round % peer_count, tarv_paths_none, true);
          },
-         [](const Arena& a, unsigned round) { hear(a, round % peer_count, round); }});
+         [](const Arena& a, unsigned round) { a.hear(round % peer_count, round); }});
 }
 
 /* The SA is silent; its answers are made here. */
@@ -344,7 +279,7 @@ Tally drive_time_out_of_paths(Arena& arena, unsigned rounds) {
         {tarv_sa_req_timer, tarv_sa_req_timer_handler, &tarv_sa_rl_lock, 3000,
          [](Arena& a, unsigned round, Request& request) {
              Arena::command("remove " + text_of(address_of(round % peer_count)) + "\n");
-             hear(a, round % peer_count, round);
+             a.hear(round % peer_count, round);
              request.ask(a.client, round % peer_count, tarv_paths_both, false);
              if (request.status() != tarv_stat_pending)
                  violation("a query could not be sent: status %d", request.status());

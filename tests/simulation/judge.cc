@@ -4,6 +4,7 @@
 #include "tests/simulation/judge.h"
 
 #include <algorithm>
+#include <cstring>
 #include <ostream>
 
 #include "host/check.h"
@@ -314,10 +315,21 @@ void Judge::before_event(const gx_event_record_t& event) {
 
 void Judge::arp_request(const tarv_arp_data_t& record, int media_reset) {
     counts_.note(Count::media_resets, media_reset != 0);
+    tarv_arp_data_t asked{};
+    asked.mask = TARV_MASK_SRC_IP | TARV_MASK_DST_IP | TARV_MASK_ARP_OP;
+    asked.arp_operation = TARV_ARP_OP_REQUEST;
+    asked.src_ip = record.src_ip;
+    asked.dst_ip = record.dst_ip;
+    asked.context = record.context;
+    if (std::memcmp(&asked, &record, sizeof asked) != 0)
+        violate("packet_wrong", "an ARP request holds more than its five fields");
     if (windows_.empty())
         return violate("packet_needless", "an ARP request was sent out of nothing");
-    windows_.back().sent.push_back(
-        {.ip = record.dst_ip, .from = record.src_ip, .media_reset = media_reset, .gids = {}});
+    windows_.back().sent.push_back({.ip = record.dst_ip,
+                                    .from = record.src_ip,
+                                    .context = record.context,
+                                    .media_reset = media_reset,
+                                    .gids = {}});
 }
 
 /* The GIDs stand behind the SA's header of 20 bytes and the query's of 24. */

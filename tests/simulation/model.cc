@@ -133,6 +133,7 @@ tarv_stat_t Model::ask_arp(const Question& question, int retries) {
     }
     sent_.push_back({.ip = question.ip,
                      .from = question.from,
+                     .context = question.context,
                      .media_reset = now_.is.media_reset ? 1 : 0,
                      .gids = {}});
     bool sent = false;

@@ -116,8 +116,9 @@ std::optional<Difference> compare(const State& expected, const State& found);
 
 /// What the module sends: an ARP request to the driver, or a query to the SA.
 struct Sent {
-    std::uint32_t ip = 0;    ///< that an ARP request is for; 0: it is a query
-    std::uint32_t from = 0;  ///< in whose name
+    std::uint32_t ip = 0;     ///< that an ARP request is for; 0: it is a query
+    std::uint32_t from = 0;   ///< in whose name
+    void* context = nullptr;  ///< of the client
     int media_reset = 0;
     int port = 0;  ///< of a query, as all that follows
     std::uint16_t sm_lid = 0;

@@ -73,6 +73,9 @@ std::optional<Difference> read_requests(const tarv_list_t& list, State::Requests
         if (atomic_read(&entry.static_flag) != 0)
             return Difference{"busy_for_ever", std::string("a request on ") + name +
                                                    " is marked busy, but its maker is gone"};
+        if (&list == &sa_requests &&
+            entry.needed_paths_mask != (entry.requested_paths == tarv_paths_both ? 3 : 1))
+            return Difference{"request_broken", "a request for paths does not say what it needs"};
         found.push_back({entry.req_ip, entry.src_ip, entry.requested_paths, entry.context,
                          entry.reply_cb != nullptr, entry.n_retries, entry.timestamp, entry.dgid});
     }

@@ -242,21 +242,6 @@ TEST(Resolver, LearnsAThousandHostsWithOneQuestionEach) {
     EXPECT_THAT(machine.stop().remains, IsEmpty());
 }
 
-/* What an administrator does with it: 1000 hosts from a file, looked through with jq. */
-TEST(Program, TellsJqOfAThousandHosts) {
-    if (shell("command -v jq").status != 0)
-        GTEST_SKIP() << "there is no jq";
-    std::ofstream file(temporary("thousand"));
-    fabric::write_topology(file, fabric::make_fabric({.hosts = 1000}));
-    file.close();
-    const Result result = shell(
-        TARV_HOST " run --resolve-all --json --fabric " + temporary("thousand") +
-        " | jq -c '[.version, (.peers | length), .unresolved, ([.peers[].gid] | unique | "
-        "length), ([.peers[] | select(.paths | length == 2)] | length), (.remains | length)]'");
-    EXPECT_EQ(result.out, "[1,999,0,999,999,0]\n");
-    EXPECT_THAT(result.err, IsEmpty());
-}
-
 /* One box a switch and one for this host; the others stand in one box for each pair of switches. */
 TEST(Program, DrawsAFabric) {
     const Result small = tarv_host("fabric dot --fabric FABRIC --hosts HOSTS --as beta");

@@ -72,6 +72,16 @@ TEST_F(EngineTest, NamesAreWithdrawnInTheirOrder) {
             std::string("nobody registered the name ") + order[i] + " ");
 }
 
+/* A path that is not valid any more still names the port that it came from. */
+TEST_F(EngineTest, ALinkDownPurgesWhoHasAPathFromThere) {
+    know(2, TARV_MASK_PRIMARY_PATH);
+    know(3, TARV_MASK_SECONDARY_PATH);
+    fabric.set_link(2, false);
+    kernel.settle();
+    EXPECT_TRUE(knows(host_ip(2)));
+    EXPECT_FALSE(knows(host_ip(3)));
+}
+
 /* Whoever breaks a rule of locks is told their names. */
 TEST_F(EngineTest, LocksBearTheirOwnNames) {
     for (const auto& [lock, name] : {std::pair{&driver_lock, "driver_lock"},

@@ -81,74 +81,46 @@ TEST_F(GsiTest, ReportsWhatIsLeftOpen) {
     EXPECT_THAT(kernel.remains(), IsEmpty());
 }
 
+gsi_dtgrm_t* given_back(GsiClient& client) {
+    gsi_dtgrm_t* dtgrm = client.get();
+    gsi_dtgrm_pool_put(dtgrm);
+    return dtgrm;
+}
+gsi_dtgrm_t* posted(GsiClient& client) {
+    gsi_dtgrm_t* dtgrm = client.query({gid(0x1001)}, gid(0x2001));
+    gsi_post_send_dtgrm(client.handle, dtgrm);
+    return dtgrm;
+}
+
 /* What stops the program, and how it is named. */
 struct DeathCase {
     const char* name;
     void (*act)(GsiClient&);
     const char* message;
 };
+// clang-format off
 const DeathCase death_cases[] = {
-    {"given back twice",
-     [](GsiClient& c) {
-         gsi_dtgrm_t* dtgrm = c.get();
-         gsi_dtgrm_pool_put(dtgrm);
-         gsi_dtgrm_pool_put(dtgrm);
-     },
+    {"given back twice", [](GsiClient& c) { gsi_dtgrm_pool_put(given_back(c)); },
      "gsi_dtgrm_pool_put: the datagram .* of pool \"test\" was given back already"},
-    {"given back in flight",
-     [](GsiClient& c) {
-         gsi_dtgrm_t* dtgrm = c.query({gid(0x1001)}, gid(0x2001));
-         gsi_post_send_dtgrm(c.handle, dtgrm);
-         gsi_dtgrm_pool_put(dtgrm);
-     },
+    {"given back in flight", [](GsiClient& c) { gsi_dtgrm_pool_put(posted(c)); },
      "gsi_dtgrm_pool_put: .* is still in flight"},
-    {"posted twice",
-     [](GsiClient& c) {
-         gsi_dtgrm_t* dtgrm = c.query({gid(0x1001)}, gid(0x2001));
-         gsi_post_send_dtgrm(c.handle, dtgrm);
-         gsi_post_send_dtgrm(c.handle, dtgrm);
-     },
+    {"posted twice", [](GsiClient& c) { gsi_post_send_dtgrm(c.handle, posted(c)); },
      "gsi_post_send_dtgrm: .* was posted already"},
-    {"posted on a closed class",
-     [](GsiClient& c) {
-         gsi_dtgrm_t* dtgrm = c.query({gid(0x1001)}, gid(0x2001));
-         gsi_deregister_class(c.handle);
-         gsi_post_send_dtgrm(c.handle, dtgrm);
-     },
+    {"posted on a closed class", [](GsiClient& c) { gsi_deregister_class(c.handle); posted(c); },
      "gsi_post_send_dtgrm: the class of port 1 is deregistered"},
-    {"touched after it was given back",
-     [](GsiClient& c) {
-         gsi_dtgrm_t* dtgrm = c.get();
-         gsi_dtgrm_pool_put(dtgrm);
-         dtgrm->mad[100] = 1;
-         c.get();
-     },
+    {"touched after it was given back", [](GsiClient& c) { given_back(c)->mad[100] = 1; c.get(); },
      "gsi_dtgrm_pool_get: .* was written to after it was given back"},
     {"touched in flight",
      [](GsiClient& c) {
-         gsi_dtgrm_t* dtgrm = c.query({gid(0x1001)}, gid(0x2001));
-         gsi_post_send_dtgrm(c.handle, dtgrm);
-         static_cast<u8*>(dtgrm->rmpp_payload)[219] = 1;
+         static_cast<u8*>(posted(c)->rmpp_payload)[219] = 1;
          host::Kernel::current().advance(1);
      },
      "gsi_post_send_dtgrm: .* was written to while it was in flight"},
-    {"lost",
-     [](GsiClient& c) {
-         c.get();
-         c.close();
-     },
+    {"lost", [](GsiClient& c) { c.get(); c.close(); },
      "gsi_dtgrm_pool_destroy: 1 datagram.s. of pool \"test\" were not given back"},
-    {"class closed twice",
-     [](GsiClient& c) {
-         gsi_deregister_class(c.handle);
-         gsi_deregister_class(c.handle);
-     },
+    {"class closed twice", [](GsiClient& c) { gsi_deregister_class(c.handle); gsi_deregister_class(c.handle); },
      "gsi_deregister_class: the class of port 1 is deregistered"},
-    {"size of what was not received",
-     [](GsiClient& c) {
-         int size;
-         gsi_dtgrm_get_rmpp_buf(c.get(), &size);
-     },
+    {"size of what was not received", [](GsiClient& c) { int size; gsi_dtgrm_get_rmpp_buf(c.get(), &size); },
      "gsi_dtgrm_get_rmpp_buf: .* was not received"},
     {"pool made where nobody may sleep",
      [](GsiClient& c) {
@@ -157,6 +129,7 @@ const DeathCase death_cases[] = {
      },
      "gsi_dtgrm_pool_create_named"},
 };
+// clang-format on
 
 TEST(GsiDeathTest, StopsAtWhatBreaksTheRules) {
     for (const DeathCase& c : death_cases) {

@@ -78,44 +78,27 @@ TEST_P(BrokenRule, EndsTheProgram) {
         GetParam().message);
 }
 
+// clang-format off
 const Rule context_rules[] = {
-    {"AllocationInTimer", "kmalloc\\(GFP_KERNEL\\): may sleep.*timer context",
-     [] { in_timer([] { kmalloc(8, GFP_KERNEL); }); }},
-    {"AllocationUnderLock", "kmalloc\\(GFP_KERNEL\\): may sleep.*lock one held",
-     [] { under_lock([] { kmalloc(8, GFP_KERNEL); }); }},
-    {"LargeAllocationAtOnce", "kmalloc\\(GFP_ATOMIC\\): 4097 bytes are more than a page",
-     [] { kmalloc(4097, GFP_ATOMIC); }},
+    {"AllocationInTimer", "kmalloc\\(GFP_KERNEL\\): may sleep.*timer context", [] { in_timer([] { kmalloc(8, GFP_KERNEL); }); }},
+    {"AllocationUnderLock", "kmalloc\\(GFP_KERNEL\\): may sleep.*lock one held", [] { under_lock([] { kmalloc(8, GFP_KERNEL); }); }},
+    {"LargeAllocationAtOnce", "kmalloc\\(GFP_ATOMIC\\): 4097 bytes are more than a page", [] { kmalloc(4097, GFP_ATOMIC); }},
     {"LargeMemoryFreedInTimer", "kfree of more than a page: may sleep.*timer context",
      [] {
          static void* const memory = kmalloc(4097, GFP_KERNEL);
          in_timer([] { kfree(memory); });
      }},
     {"ScheduleInTimer", "schedule: may sleep.*timer", [] { in_timer([] { ::schedule(); }); }},
-    {"ScheduleUnderLock", "schedule: may sleep.*lock one",
-     [] { under_lock([] { ::schedule(); }); }},
-    {"DownInReceive", "down: may sleep.*gsi context",
-     [] {
-         const ContextScope scope(Context::gsi);
-         down(&sem);
-     }},
-    {"DownUnderLock", "down: may sleep.*lock one", [] { under_lock([] { down(&sem); }); }},
-    {"CopyFromUserUnderLock", "copy_from_user: may sleep",
-     [] {
-         under_lock([] {
-             char to = 0;
-             copy_from_user(&to, "x", 1);
-         });
-     }},
+    {"DownInReceive", "down: may sleep.*gsi context", [] { const ContextScope scope(Context::gsi); down(&sem); }},
+    {"CopyFromUserUnderLock", "copy_from_user: may sleep", [] { under_lock([] { char to = 0; copy_from_user(&to, "x", 1); }); }},
     {"ProcEntryInDriver", "create_proc_entry: may sleep.*driver",
      [] {
          const ContextScope scope(Context::driver);
          create_proc_entry("x", 0, nullptr);
      }},
     {"RepositoryInTimer", "rep_get_root: may sleep", [] { in_timer([] { rep_get_root(); }); }},
-    {"AdvanceInTimer", "advance: may sleep",
-     [] { in_timer([] { Kernel::current().advance(1); }); }},
-    {"ProcessInsideTimer", "process context cannot begin inside timer",
-     [] { in_timer([] { const ContextScope scope(Context::process); }); }},
+    {"AdvanceInTimer", "advance: may sleep", [] { in_timer([] { Kernel::current().advance(1); }); }},
+    {"ProcessInsideTimer", "process context cannot begin inside timer", [] { in_timer([] { const ContextScope scope(Context::process); }); }},
     {"NestedReceiveIsAtomic", "kmalloc.*driver context",
      [] {
          Kernel::current().schedule(Context::event, 0, [] {
@@ -124,46 +107,29 @@ const Rule context_rules[] = {
          });
          Kernel::current().settle();
      }},
-    {"CallOutUnderLock", "send_arp: called with the lock one held",
-     [] { under_lock([] { host::must_hold_no_lock("send_arp"); }); }},
-    {"SecondThread", "jiffies: called from a second thread",
-     [] { std::thread([] { ::jiffies(); }).join(); }},
+    {"CallOutUnderLock", "send_arp: called with the lock one held", [] { under_lock([] { host::must_hold_no_lock("send_arp"); }); }},
+    {"SecondThread", "jiffies: called from a second thread", [] { std::thread([] { ::jiffies(); }).join(); }},
     {"SecondKernel", "a second one is made", [] { const Kernel another; }},
     {"AssertionFails",
      "host: bug at host_checks_test.cc line [0-9]+: spin_is_held\\(&two\\) does not hold "
      "\\[process context, holding one\\]",
      [] { under_lock([] { KASSERT(spin_is_held(&two)); }); }},
 };
+// clang-format on
 INSTANTIATE_TEST_SUITE_P(Context, BrokenRule, testing::ValuesIn(context_rules),
                          [](const auto& rule) { return rule.param.name; });
 
+// clang-format off
 const Rule lock_rules[] = {
-    {"TwoTogether", "lock two is taken while one is held",
-     [] { under_lock([] { const spin_guard second(two); }); }},
-    {"ReaderUnderSpinLock", "lock rw is taken while one is held",
-     [] { under_lock([] { const read_guard second(rw); }); }},
+    {"TwoTogether", "lock two is taken while one is held", [] { under_lock([] { const spin_guard second(two); }); }},
+    {"ReaderUnderSpinLock", "lock rw is taken while one is held", [] { under_lock([] { const read_guard second(rw); }); }},
     {"TakenTwice", "lock one is taken twice", [] { under_lock([] { spin_lock_irqsave(&one); }); }},
-    {"ReadTwice", "lock rw is taken twice",
-     [] {
-         const read_guard guard(rw);
-         read_lock_irqsave(&rw);
-     }},
+    {"ReadTwice", "lock rw is taken twice", [] { const read_guard guard(rw); read_lock_irqsave(&rw); }},
     {"NeverReady", "lock at .* was never initialised", [] { spin_lock_irqsave(&never_ready); }},
-    {"ReadyUnderAnEarlierKernelOnly", "lock at .* was never initialised",
-     [] {
-         Kernel::current().~Kernel();
-         new Kernel;
-         spin_lock_irqsave(&one);
-     }},
-    {"MadeReadyWhileHeld", "lock one is made ready while it is held",
-     [] { under_lock([] { spin_lock_init(&one, "one"); }); }},
-    {"MadeReadyWhileRead", "lock rw is made ready while it is held",
-     [] {
-         const read_guard guard(rw);
-         rwlock_init(&rw, "rw");
-     }},
-    {"ReleasedUnheld", "lock one is released by a thread that does not hold it",
-     [] { spin_unlock_irqrestore(&one, 0); }},
+    {"ReadyUnderAnEarlierKernelOnly", "lock at .* was never initialised", [] { Kernel::current().~Kernel(); new Kernel; spin_lock_irqsave(&one); }},
+    {"MadeReadyWhileHeld", "lock one is made ready while it is held", [] { under_lock([] { spin_lock_init(&one, "one"); }); }},
+    {"MadeReadyWhileRead", "lock rw is made ready while it is held", [] { const read_guard guard(rw); rwlock_init(&rw, "rw"); }},
+    {"ReleasedUnheld", "lock one is released by a thread that does not hold it", [] { spin_unlock_irqrestore(&one, 0); }},
     {"ReleasedByAnother", "lock one is released by a thread that does not hold it",
      [] {
          const unsigned long flags = spin_lock_irqsave(&one);
@@ -192,21 +158,12 @@ const Rule lock_rules[] = {
          Kernel::current().settle();
      },
      Clock::real_time},
-    {"SemaphoreNeverReady", "down: the semaphore at .* was never initialised",
-     [] { down(&sem_never_ready); }},
-    {"SemaphoreMadeReadyWhileHeld", "semaphore sem is made ready while it is held",
-     [] {
-         down(&sem);
-         sema_init(&sem, 1, "sem");
-     }},
-    {"SemaphoreGivenBackTwice", "semaphore sem is given back more often than taken",
-     [] { up(&sem); }},
-    {"SemaphoreWaitsForItself", "down: waits for sem, which nobody is left to give",
-     [] {
-         down(&sem);
-         down(&sem);
-     }},
+    {"SemaphoreNeverReady", "down: the semaphore at .* was never initialised", [] { down(&sem_never_ready); }},
+    {"SemaphoreMadeReadyWhileHeld", "semaphore sem is made ready while it is held", [] { down(&sem); sema_init(&sem, 1, "sem"); }},
+    {"SemaphoreGivenBackTwice", "semaphore sem is given back more often than taken", [] { up(&sem); }},
+    {"SemaphoreWaitsForItself", "down: waits for sem, which nobody is left to give", [] { down(&sem); down(&sem); }},
 };
+// clang-format on
 INSTANTIATE_TEST_SUITE_P(Lock, BrokenRule, testing::ValuesIn(lock_rules),
                          [](const auto& rule) { return rule.param.name; });
 
@@ -233,20 +190,11 @@ const module_info_t owner = {
     .export_count = 0,
 };
 
+// clang-format off
 const Rule service_rules[] = {
-    {"FreedTwice", "kfree: the memory at .* is freed twice",
-     [] {
-         void* const memory = kmalloc(24, GFP_ATOMIC);
-         kfree(memory);
-         kfree(memory);
-     }},
-    {"FreedInTheMiddle", "kfree: the memory at .* is not from kmalloc",
-     [] { kfree(static_cast<char*>(kmalloc(24, GFP_ATOMIC)) + 8); }},
-    {"FreedFromTheStack", "kfree: the memory at .* is not from kmalloc",
-     [] {
-         const int local = 0;
-         kfree(&local);
-     }},
+    {"FreedTwice", "kfree: the memory at .* is freed twice", [] { void* const memory = kmalloc(24, GFP_ATOMIC); kfree(memory); kfree(memory); }},
+    {"FreedInTheMiddle", "kfree: the memory at .* is not from kmalloc", [] { kfree(static_cast<char*>(kmalloc(24, GFP_ATOMIC)) + 8); }},
+    {"FreedFromTheStack", "kfree: the memory at .* is not from kmalloc", [] { const int local = 0; kfree(&local); }},
     {"FreedWithArmedTimer", "kfree: the memory at .* holds the timer at .*, which is armed",
      [] {
          void* const memory = kmalloc(sizeof(timer_list) + 64, GFP_KERNEL);
@@ -254,21 +202,9 @@ const Rule service_rules[] = {
                      [](unsigned long) {});
          kfree(memory);
      }},
-    {"TimerNeverReady", "add_timing: the timer at .* was never initialised",
-     [] {
-         static timer_list fresh{};
-         add_timing(&fresh);
-     }},
-    {"TimerAddedWhilePending", "add_timing: the timer at .* is pending",
-     [] {
-         start_timer(&timer, [](unsigned long) {});
-         add_timing(&timer);
-     }},
-    {"TimerMadeReadyWhilePending", "init_timing: the timer at .* is pending",
-     [] {
-         start_timer(&timer, [](unsigned long) {});
-         init_timing(&timer);
-     }},
+    {"TimerNeverReady", "add_timing: the timer at .* was never initialised", [] { static timer_list fresh{}; add_timing(&fresh); }},
+    {"TimerAddedWhilePending", "add_timing: the timer at .* is pending", [] { start_timer(&timer, [](unsigned long) {}); add_timing(&timer); }},
+    {"TimerMadeReadyWhilePending", "init_timing: the timer at .* is pending", [] { start_timer(&timer, [](unsigned long) {}); init_timing(&timer); }},
     {"TimerStopsItself", "del_timing_sync: called from the timer's own function",
      [] {
          start_timer(&timer, [](unsigned long) { del_timing_sync(&timer); });
@@ -321,6 +257,7 @@ const Rule service_rules[] = {
          rep_close_key(key);
      }},
 };
+// clang-format on
 INSTANTIATE_TEST_SUITE_P(Service, BrokenRule, testing::ValuesIn(service_rules),
                          [](const auto& rule) { return rule.param.name; });
 

@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 #
 # mount_test.sh TARV-HOST: a mounted host as a shell sees it, with nothing but echo, cat and their
-# like. Exit status 77 where nothing can be mounted. Nothing here waits for a length of time: it
-# waits until something is so, for 20 seconds at most.
+# like; what the documents show of one is tried by tests/sessions. Exit status 77 where nothing can
+# be mounted. Nothing here waits for a length of time: it waits until something is so, for 20 seconds
+# at most.
 set -u
 program=$1
 work=$(mktemp -d)
@@ -57,7 +58,7 @@ stop() {
     host=
 }
 
-# table FILE: addresses and hardware addresses, of the kernel's table and of this one alike.
+# table FILE: its addresses, hardware addresses and devices.
 table() { awk 'FNR > 1 { print $1, $4, $6 }' "$1"; }
 
 skip_where_nothing_can_be_mounted() {
@@ -98,20 +99,13 @@ tree_is_that_of_proc() {
     ! mkdir "$directory/new" 2>/dev/null || fail "a directory was made"
 }
 
-entries_are_added_shown_and_removed() {
+writes_are_taken_whatever_they_say() {
     echo add 10.0.0.1 10.9.0.2 4660 >"$control" || fail "add"
     echo addibarp 10.0.0.1 10.9.0.3 0xfe800000000000000002c90300001234 7 >>"$control" || fail "addibarp"
-    equal "$(table "$control" | sort)" "10.9.0.2 00:AA:00:00:12:34 ipoib
-10.9.0.3 00:AA:00:00:00:07 ipoib"
-    equal "$(sed -n '2s/$/|/p' "$control" | wc -c)" 79
-    echo show 10.9.0.3 >"$control"
-    contains "$kmsg" "GID (128 bits): 0xFE800000000000000002C90300001234" || fail "show"
-    echo dump >"$control"
-    contains "$kmsg" "We have 0 pending gsi datagrams." || fail "dump"
     printf 'remove 10.9.0.3' >"$control"
     equal "$(table "$control")" "10.9.0.2 00:AA:00:00:12:34 ipoib"
-    echo fly 10.9.0.3 >"$control" || fail "a write is taken whatever it says"
-    contains "$kmsg" "<4>[" && contains "$kmsg" "pqn /proc: unknown command: 'fly' '10.9.0.3'" || fail "fly"
+    echo fly 10.9.0.3 >"$control" || fail "fly"
+    contains "$kmsg" "pqn /proc: unknown command: 'fly' '10.9.0.3'" || fail "fly"
 }
 
 # metric NAME: its value, which may have labels.
@@ -165,13 +159,6 @@ top.close()
 print(top.exitstatus, top.signalstatus, before)
 END
 )" "0 None False"
-}
-
-table_is_read_as_the_kernels() {
-    [ -r /proc/net/arp ] || return
-    equal "$(head -n 1 "$control" | tr -s ' ')" "$(head -n 1 /proc/net/arp | tr -s ' ')"
-    equal "$(table /proc/net/arp | wc -lw | tr -s ' ')" \
-        "$(tail -n +2 /proc/net/arp | awk '{ n += 3 } END { print "", NR, n + 0 }')"
 }
 
 interrupted_readers_leave_nothing_held() {
@@ -311,11 +298,8 @@ unmounted() { ! mounted; }
 
 a_detached_host_is_there_when_it_says_so() {
     local out
-    out=$("$program" run --mount "$directory" --detach --log "$work/log")
-    equal "$? $(sed 's/process [1-9][0-9]*/process N/' <<<"$out")" \
-        "0 Mounted on $directory as process N, with its lines in $work/log;
-end it with fusermount3 -u $directory."
-    equal "$(cut -d' ' -f1,2 "$version")" "tarv 1.21"
+    "$program" run --mount "$directory" --detach --log "$work/log" >/dev/null
+    equal "$?/$(cut -d' ' -f1,2 "$version")" "0/tarv 1.21"
     fusermount3 -u "$directory" || fail "fusermount3"
     within contains "$work/log" "Unloaded; nothing remains"
     out=$("$program" run --mount "$work/none" --detach --log "$work/log" 2>&1)
@@ -349,10 +333,9 @@ skip_where_nothing_can_be_mounted
 refusals_start_nothing
 start
 tree_is_that_of_proc
-entries_are_added_shown_and_removed
+writes_are_taken_whatever_they_say
 metrics_follow_what_happens
 top_shows_the_host
-table_is_read_as_the_kernels
 interrupted_readers_leave_nothing_held
 lines_are_read_one_by_one
 one_write_is_one_command

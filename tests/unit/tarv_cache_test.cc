@@ -65,26 +65,6 @@ TEST_F(Cache, LogsWhatItFinds) {
     EXPECT_EQ(console(), Lines{});
 }
 
-/* So many that some of them share a head of the index. */
-TEST_F(Cache, FindsEachOfManyGids) {
-    const auto gid_of = [](u32 n) {
-        gx_gid_t many = gid(0);
-        const u64 scattered = (n + 1ull) * (n + 1ull) * 0x9E3779B97F4A7C15ull;
-        __builtin_memcpy(many.raw, &scattered, sizeof scattered);
-        return many;
-    };
-    for (u32 n = 0; n < 5000; n++) {
-        tarv_arp_data_t data = record(n + 1, 0);
-        data.gid = gid_of(n);
-        add(data);
-    }
-    for (u32 n = 0; n < 5000; n++) {
-        gx_gid_t wanted = gid_of(n);
-        ASSERT_EQ(tarv_hash_seq_cache_lookup(&wanted, &copied.arp_data), tarv_stat_ok);
-        ASSERT_EQ(copied.arp_data.dst_ip, n + 1);
-    }
-}
-
 TEST_F(Cache, TracesALookupByGid) {
     const tarv_hash_entry_t* old = add(record(ip_in_bucket(1, 0), 0));
     const tarv_hash_entry_t* young = add(record(ip_in_bucket(1, 1), 0));
