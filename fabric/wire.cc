@@ -137,24 +137,20 @@ struct Format<SaHeader> {
     };
 };
 
+/* What is asked of a path, and what it has, from that byte on. */
+#define PATH_TERMS(byte)                                                                           \
+    FIELD(raw_traffic, byte, 0, 1), FIELD(flow_label, byte, 4, 20), FIELD(hop_limit, byte, 24, 8), \
+        WHOLE(traffic_class, byte + 4), FIELD(reversible, byte + 5, 0, 1),                         \
+        FIELD(numb_path, byte + 5, 1, 7), WHOLE(pkey, byte + 6), FIELD(sl, byte + 8, 12, 4),       \
+        FIELD(mtu_selector, byte + 10, 0, 2), FIELD(mtu, byte + 10, 2, 6),                         \
+        FIELD(rate_selector, byte + 11, 0, 2), FIELD(rate, byte + 11, 2, 6),                       \
+        FIELD(life_time_selector, byte + 12, 0, 2), FIELD(life_time, byte + 12, 2, 6)
+
 template <>
 struct Format<MultiPathRecord> {
     using T = MultiPathRecord;
     static constexpr Row<T> rows[] = {
-        FIELD(raw_traffic, 0, 0, 1),
-        FIELD(flow_label, 0, 4, 20),
-        FIELD(hop_limit, 0, 24, 8),
-        WHOLE(traffic_class, 4),
-        FIELD(reversible, 5, 0, 1),
-        FIELD(numb_path, 5, 1, 7),
-        WHOLE(pkey, 6),
-        FIELD(sl, 8, 12, 4),
-        FIELD(mtu_selector, 10, 0, 2),
-        FIELD(mtu, 10, 2, 6),
-        FIELD(rate_selector, 11, 0, 2),
-        FIELD(rate, 11, 2, 6),
-        FIELD(life_time_selector, 12, 0, 2),
-        FIELD(life_time, 12, 2, 6),
+        PATH_TERMS(0),
         FIELD(independence, 14, 0, 2),
         WHOLE(sgid_count, 15),
         WHOLE(dgid_count, 16),
@@ -165,25 +161,8 @@ template <>
 struct Format<PathRecord> {
     using T = PathRecord;
     static constexpr Row<T> rows[] = {
-        GID(dgid, 8),
-        GID(sgid, 24),
-        WHOLE(dlid, 40),
-        WHOLE(slid, 42),
-        FIELD(raw_traffic, 44, 0, 1),
-        FIELD(flow_label, 44, 4, 20),
-        FIELD(hop_limit, 44, 24, 8),
-        WHOLE(traffic_class, 48),
-        FIELD(reversible, 49, 0, 1),
-        FIELD(numb_path, 49, 1, 7),
-        WHOLE(pkey, 50),
-        FIELD(sl, 52, 12, 4),
-        FIELD(mtu_selector, 54, 0, 2),
-        FIELD(mtu, 54, 2, 6),
-        FIELD(rate_selector, 55, 0, 2),
-        FIELD(rate, 55, 2, 6),
-        FIELD(life_time_selector, 56, 0, 2),
-        FIELD(life_time, 56, 2, 6),
-        WHOLE(preference, 57),
+        GID(dgid, 8),    GID(sgid, 24),  WHOLE(dlid, 40),
+        WHOLE(slid, 42), PATH_TERMS(44), WHOLE(preference, 57),
     };
 };
 
@@ -263,6 +242,7 @@ struct Format<PortInfo> {
 #undef WHOLE
 #undef GID
 #undef ADDRESS
+#undef PATH_TERMS
 
 /* A table is sound when its rows stand in wire order, do not overlap and end inside the format. */
 template <class T>
