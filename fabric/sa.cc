@@ -120,11 +120,6 @@ void Sa::speak(SaDialect dialect) {
     dialect_ = dialect;
 }
 
-void Sa::set_service_level(std::uint8_t sl) {
-    MutexLock lock(mutex_);
-    sl_ = sl;
-}
-
 unsigned long Sa::queries() const {
     MutexLock lock(mutex_);
     return queries_;
@@ -266,10 +261,6 @@ std::optional<PathRecord> Sa::one_way(const Query& query, const EndPort& from, c
     record.mtu = way->mtu;
     record.rate = way->rate;
     record.life_time = way->hops == 0 ? std::uint8_t{0} : packet_life_time;
-    {
-        MutexLock lock(mutex_);
-        record.sl = sl_;
-    }
     return suit(query.components, query.record, record) ? std::optional(record) : std::nullopt;
 }
 

@@ -50,7 +50,6 @@ class Sa {
     static constexpr unsigned always = ~0u;
 
     void speak(SaDialect dialect);
-    void set_service_level(std::uint8_t sl);  ///< of all paths; 0 by default
 
     /// Faults of whole answers. An answer of several segments is lost, late or held back as one.
     Faults& faults() { return faults_; }
@@ -125,7 +124,6 @@ class Sa {
     Faults faults_;
     mutable Mutex mutex_;
     SaDialect dialect_ TA_GUARDED(mutex_) = SaDialect::current;
-    std::uint8_t sl_ TA_GUARDED(mutex_) = 0;
     std::vector<Edit> edits_ TA_GUARDED(mutex_);
     std::unordered_map<Key, Transfer> transfers_ TA_GUARDED(mutex_);
     unsigned long queries_ TA_GUARDED(mutex_) = 0;
