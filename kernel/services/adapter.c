@@ -292,12 +292,16 @@ static void report_events(struct work_struct *work)
 	mutex_unlock(&events_mutex);
 }
 
+/* An adapter may add to the bits meanwhile. Who forgets them has the ports' states reported
+ * afterwards. */
 static void forget_news(void)
 {
 	int i;
 
-	for (i = 0; i < ADAPTER_MAX_PORTS; i++)
-		news[i] = (struct port_news){};
+	for (i = 0; i < ADAPTER_MAX_PORTS; i++) {
+		WRITE_ONCE(news[i].bits, 0);
+		news[i].reported_up = false;
+	}
 }
 
 gx_return_t plat_gx_set_sleepable_async_event_cb(gx_hca_h_t hca, gx_request_event_record_t request,
