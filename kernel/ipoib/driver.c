@@ -251,10 +251,15 @@ static void answer_ourselves(__be32 ip, __be32 from, const struct net_device *de
 	hand_in(&record);
 }
 
-/* A request without an address to answer to would be one that nobody learns from. */
+/*
+ * A request tells everybody who hears it that its sender has our hardware address. So it is sent
+ * from an address of ours, also where the module names another: for who is to be invalidated it
+ * names the peer itself, and for some none.
+ */
 static tarv_stat_t send_through(const struct way *way, __be32 ip, __be32 from)
 {
-	from = from ?: way->from;
+	if (inet_addr_type(&init_net, from) != RTN_LOCAL)
+		from = way->from;
 	if (!netif_running(way->dev))
 		return tarv_stat_error;
 	if (way->is_local) {
