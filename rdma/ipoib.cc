@@ -49,7 +49,9 @@ tarv_stat_t Ipoib::interface_info(std::uint32_t ip, gx_p_key_t* pkey, int* loopb
     return tarv_stat_ok;
 }
 
-/* There is no medium to reset that the kernel's own driver would not look after. */
+/* There is no medium to reset that the kernel's own driver would not look after. A request tells
+ * all who hear it that its sender has our hardware address, so it is sent in our name also where
+ * the module names another: who is invalidated is named as the source himself. */
 tarv_stat_t Ipoib::send_request(const tarv_arp_data_t& record, int) {
     const HardwareParts us = parts_of(interface_.address);
     ArpPacket arp;
@@ -57,7 +59,7 @@ tarv_stat_t Ipoib::send_request(const tarv_arp_data_t& record, int) {
     arp.sender_flags = us.flags;
     arp.sender_qpn = us.qpn;
     arp.sender_gid = us.gid;
-    arp.sender_ip = record.src_ip;
+    arp.sender_ip = interface_.ip;
     arp.target_ip = record.dst_ip;
     fabric::Bytes bytes(ArpPacket::wire_size);
     encode(arp, bytes);

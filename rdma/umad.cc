@@ -30,25 +30,6 @@ class Frame {
     std::vector<std::uint8_t> bytes_;
 };
 
-/* A kernel sends what its SA answers by RMPP, also what fits into one datagram, and sends it again
- * until that is acknowledged. The GSI service acknowledges segments of longer answers. */
-std::optional<fabric::Packet> acknowledge_whole(const fabric::Packet& answer) {
-    constexpr std::uint8_t whole = fabric::rmpp_active | fabric::rmpp_first | fabric::rmpp_last;
-    const auto header = fabric::decode<fabric::MadHeader>(answer.payload);
-    const auto rmpp = fabric::rmpp_header(answer.payload);
-    if (!header || header->method != fabric::method_get_multi_resp || !rmpp ||
-        rmpp->type != fabric::rmpp_data || (rmpp->flags & whole) != whole)
-        return std::nullopt;
-    fabric::Packet packet = answer;
-    packet.dlid = answer.slid;
-    packet.slid = 0;
-    packet.payload[3] = fabric::method_get_multi;
-    std::fill(packet.payload.begin() + fabric::rmpp_offset, packet.payload.end(), std::uint8_t{0});
-    encode(fabric::RmppHeader{1, fabric::rmpp_ack, fabric::rmpp_active, 0, 1, 1},
-           std::span(packet.payload).subspan(fabric::rmpp_offset));
-    return packet;
-}
-
 bool wants_answer(const fabric::Packet& packet) {
     if (packet.dest_qp != fabric::gsi_qp)
         return true;
@@ -110,8 +91,6 @@ class UmadPort final : public Transport {
         packet.pkey = 0xFFFF;
         const auto size = std::min(static_cast<std::size_t>(length), fabric::mad_size);
         packet.payload.assign(frame.mad(), frame.mad() + size);
-        if (const auto acknowledgement = acknowledge_whole(packet))
-            send(*acknowledgement);
         return packet;
     }
 
