@@ -71,7 +71,7 @@ Topology read_topology(const std::string& path);
 void fill_missing(Topology& topology);
 
 /// Writes a topology in the form that `ibnetdiscover` prints. Reading it back gives the same nodes,
-/// links, LIDs and rates, and the same GUIDs of all nodes and linked ports.
+/// links, LIDs and rates, the same GUIDs of all nodes and linked ports, and the same origin.
 void write_topology(std::ostream& out, const Topology& topology);
 
 /// What make_fabric() builds: hosts below leaf switches, leaf switches below spines, and where one

@@ -32,6 +32,7 @@ class Writer {
     void write() {
         const std::ios_base::fmtflags before = out_.flags(std::ios_base::dec);
         out_ << "#\n# Topology file: " << topology_.nodes.size() << " nodes\n#\n";
+        write_origin();
         for (const Node& node : topology_.nodes) {
             write_node(node);
             for (std::size_t number = 1; number < node.ports.size(); ++number) {
@@ -43,6 +44,15 @@ class Writer {
     }
 
   private:
+    void write_origin() {
+        if (topology_.origin < 0)
+            return;
+        const Node& node = topology_.nodes[static_cast<std::size_t>(topology_.origin)];
+        out_ << std::hex << "# Initiated from node " << node.guid << " port "
+             << node.ports[static_cast<std::size_t>(topology_.origin_port)].guid << "\n"
+             << std::dec;
+    }
+
     void write_node(const Node& node) {
         const bool is_switch = node.kind == NodeKind::switch_node;
         const KindText text = kind_text(node.kind);

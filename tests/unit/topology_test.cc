@@ -271,6 +271,8 @@ bool same_port(const Port& one, const Port& other) {
 }
 
 void expect_same(const Topology& one, const Topology& other) {
+    EXPECT_EQ(one.origin, other.origin);
+    EXPECT_EQ(one.origin_port, other.origin_port);
     ASSERT_EQ(one.nodes.size(), other.nodes.size());
     for (std::size_t i = 0; i < one.nodes.size(); ++i) {
         const Node& node = one.nodes[i];
@@ -286,9 +288,11 @@ void expect_same(const Topology& one, const Topology& other) {
 
 TEST(Saving, ReadsBackAsItWas) {
     const Topology mixed = read(
+        "# Initiated from node 0000000000000077 port 0000000000000079\n"
         "rtguid=0x77\nRt 2 \"R\" # \"router #1\"\n[2] \"S\"[3] # lid 8 lmc 1 \"s\" 1xSDR\n"
         "Ca 1 \"A\"\n[1] \"B\"[1] # lid 4 lmc 0 \"b\" lid 5 mtu 4096\nCa 1 \"B\"\n"
         "switchguid=0xf0(f1)\nSwitch 4 \"S\" # \"s\" base port 0 lid 2 lmc 0\n");
+    EXPECT_EQ(mixed.origin_port, 2);
     for (const Topology& topology : {mixed, make_fabric({.hosts = 1000})}) {
         std::stringstream text;
         text << std::hex;  // the stream's own settings must not show in the file
