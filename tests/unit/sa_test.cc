@@ -35,7 +35,6 @@ TEST_F(SaTest, AnswersByteForByte) {
         if (exchange.back().starts_with("< 94 35"))
             answer = seen.packet;
     });
-    sa.set_service_level(5);
     client.ask(0x2001);
     EXPECT_THAT(exchange,
                 testing::ElementsAre("> 14 3a 1 7 1 220", "< 94 3a 2 1 1 1", "> 14 3a 2 1 0 1",
@@ -52,7 +51,7 @@ TEST_F(SaTest, AnswersByteForByte) {
               "00 00 00 00 00 00 00 00 "
               "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 20 01 "
               "fe 80 00 00 00 00 00 00 00 00 00 00 00 00 10 01 "
-              "00 15 00 0b 00 00 00 00 00 80 ff ff 00 05 84 83 92 00 00 00 00 00 00 00");
+              "00 15 00 0b 00 00 00 00 00 80 ff ff 00 00 84 83 92 00 00 00 00 00 00 00");
     // A wire carries whole MADs.
     answer->payload.resize(mad_size);
     {
