@@ -37,6 +37,14 @@ void append(Bytes& out, const T& header) {
     encode(header, std::span(out).subspan(at));
 }
 
+/* A disk that is full shows later, when something is written. */
+std::unique_ptr<std::ostream> open_file(const std::string& path) {
+    auto file = std::make_unique<std::ofstream>(path, std::ios::binary);
+    if (!file->is_open())
+        throw std::system_error(errno, std::generic_category(), path);
+    return file;
+}
+
 }  // namespace
 
 Bytes encode_link(const Packet& packet) {
@@ -76,10 +84,7 @@ Bytes encode_link(const Packet& packet) {
     return out;
 }
 
-CaptureFile::CaptureFile(const std::string& path)
-    : CaptureFile(std::make_unique<std::ofstream>(path, std::ios::binary)) {
-    if (!*out_)
-        throw std::system_error(errno, std::generic_category(), path);
+CaptureFile::CaptureFile(const std::string& path) : CaptureFile(open_file(path)) {
     path_ = path;
 }
 
