@@ -22,14 +22,10 @@ std::uint32_t transaction_of(const fabric::MadHeader& header) {
     return static_cast<std::uint32_t>(header.transaction);
 }
 
-/* The destination that a path query asks for; empty when the MAD is none, or an acknowledgement
- * inside somebody else's answer. */
+/* The destination that a path query asks for; empty when the MAD is none. */
 std::optional<fabric::Gid> query_destination(const fabric::MadHeader& header,
                                              const fabric::Bytes& mad) {
     if (header.method != fabric::method_get_multi || mad.size() < fabric::sa_data_offset)
-        return {};
-    const auto rmpp = fabric::rmpp_header(mad);
-    if (rmpp && rmpp->type != 0 && rmpp->type != fabric::rmpp_data)
         return {};
     const auto data = std::span(mad).subspan(fabric::sa_data_offset);
     const auto query = fabric::decode<fabric::MultiPathRecord>(data);
@@ -67,7 +63,8 @@ void Traffic::see_arp(const fabric::SeenPacket& seen) {
 
 void Traffic::see_mad(const fabric::SeenPacket& seen) {
     const auto header = fabric::decode<fabric::MadHeader>(seen.packet.payload);
-    if (!header || header->management_class != fabric::sa_class)
+    if (!header || header->management_class != fabric::sa_class ||
+        fabric::is_rmpp_control(seen.packet.payload))
         return;
     if (seen.direction == fabric::Direction::out) {
         if (const auto destination = query_destination(*header, seen.packet.payload)) {

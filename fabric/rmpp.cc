@@ -15,6 +15,11 @@ std::optional<RmppHeader> rmpp_header(const Bytes& mad) {
     return header;
 }
 
+bool is_rmpp_control(const Bytes& mad) {
+    const std::optional<RmppHeader> rmpp = rmpp_header(mad);
+    return rmpp && rmpp->type != 0 && rmpp->type != rmpp_data;
+}
+
 std::size_t sa_block_size(const Bytes& mad) {
     const std::size_t came = mad.size() - std::min(mad.size(), sa_offset);
     const std::optional<RmppHeader> header = rmpp_header(mad);

@@ -25,6 +25,10 @@ namespace fabric {
 /// The RMPP header of a MAD; empty when the MAD has none.
 std::optional<RmppHeader> rmpp_header(const Bytes& mad);
 
+/// Whether a MAD only acknowledges, stops or aborts a transfer, and holds neither question nor
+/// answer.
+bool is_rmpp_control(const Bytes& mad);
+
 /// How many bytes of SA header and data a MAD holds: all that came, or what the PayloadLength of
 /// its RMPP header says of a first and only segment.
 std::size_t sa_block_size(const Bytes& mad);

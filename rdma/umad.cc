@@ -31,10 +31,7 @@ class Frame {
 };
 
 bool wants_answer(const fabric::Packet& packet) {
-    if (packet.dest_qp != fabric::gsi_qp)
-        return true;
-    const auto rmpp = fabric::rmpp_header(packet.payload);
-    return !rmpp || rmpp->type == fabric::rmpp_data;
+    return packet.dest_qp != fabric::gsi_qp || !fabric::is_rmpp_control(packet.payload);
 }
 
 class UmadPort final : public Transport {

@@ -13,6 +13,7 @@
 #include <deque>
 #include <functional>
 
+#include "fabric/rmpp.h"
 #include "host/check.h"
 #include "host/services.h"
 #include "tarv/tarv-api-control.h"
@@ -209,7 +210,8 @@ class RunningTest : public ModuleTest {
 
   private:
     void note_query(const fabric::SeenPacket& seen) {
-        if (seen.direction == fabric::Direction::out && seen.packet.dest_qp == fabric::gsi_qp)
+        if (seen.direction == fabric::Direction::out && seen.packet.dest_qp == fabric::gsi_qp &&
+            !fabric::is_rmpp_control(seen.packet.payload))
             note("query on port " + std::to_string(seen.port) + " to lid " +
                  std::to_string(seen.packet.dlid) + " sl " + std::to_string(seen.packet.sl));
     }

@@ -42,7 +42,8 @@ class SaQuery : public support::SaTest {
         fabric.gsi().set_translations({false, false});
         fabric.sa().speak(fabric::SaDialect::original);
         fabric.on_packet([this](const fabric::SeenPacket& seen) {
-            if (seen.direction == fabric::Direction::out)
+            if (seen.direction == fabric::Direction::out &&
+                !fabric::is_rmpp_control(seen.packet.payload))
                 sent.push_back({seen.port, seen.packet});
         });
     }
