@@ -166,6 +166,20 @@ std::string format_ready(const RunOptions& options, const Detachment* detachment
            detachment->log_name() + ";\n" + way + ".\n";
 }
 
+/* What programs read. */
+void export_peers(const RunOptions& options, Machine& machine, const Resolver& resolver,
+                  const Departure& departure, Output& output) {
+    const auto peers = choose_peers(machine, resolver.peers(), options.only, options.sort);
+    if (options.json) {
+        std::optional<Ways> ways;
+        if (options.hops)
+            ways.emplace(machine.site());
+        output.say(to_json(machine, resolver, peers, departure, ways ? &*ways : nullptr));
+    }
+    if (options.csv)
+        output.say(to_csv(machine, peers));
+}
+
 int run_host(const RunOptions& options, Site site, Output& output, Detachment* detachment) {
     if (options.hops)
         require_topology(site);
@@ -218,15 +232,7 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
     say(format_departure(departure, width));
     if (!resolver)
         return departure.clean() ? 0 : 1;
-    const auto peers = choose_peers(machine, resolver->peers(), options.only, options.sort);
-    if (options.json) {
-        std::optional<Ways> ways;
-        if (options.hops)
-            ways.emplace(machine.site());
-        output.say(to_json(machine, *resolver, peers, departure, ways ? &*ways : nullptr));
-    }
-    if (options.csv)
-        output.say(to_csv(machine, peers));
+    export_peers(options, machine, *resolver, departure, output);
     const bool plotted = plot.save(*resolver);
     const bool resolved = std::ranges::all_of(resolver->peers(), &Peer::resolved);
     return departure.clean() && resolved && plotted ? 0 : 1;

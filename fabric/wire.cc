@@ -138,13 +138,14 @@ struct Format<SaHeader> {
 };
 
 /* What is asked of a path, and what it has, from that byte on. */
-#define PATH_TERMS(byte)                                                                           \
-    FIELD(raw_traffic, byte, 0, 1), FIELD(flow_label, byte, 4, 20), FIELD(hop_limit, byte, 24, 8), \
-        WHOLE(traffic_class, byte + 4), FIELD(reversible, byte + 5, 0, 1),                         \
-        FIELD(numb_path, byte + 5, 1, 7), WHOLE(pkey, byte + 6), FIELD(sl, byte + 8, 12, 4),       \
-        FIELD(mtu_selector, byte + 10, 0, 2), FIELD(mtu, byte + 10, 2, 6),                         \
-        FIELD(rate_selector, byte + 11, 0, 2), FIELD(rate, byte + 11, 2, 6),                       \
-        FIELD(life_time_selector, byte + 12, 0, 2), FIELD(life_time, byte + 12, 2, 6)
+#define PATH_TERMS(byte)                                                         \
+    FIELD(raw_traffic, (byte), 0, 1), FIELD(flow_label, (byte), 4, 20),          \
+        FIELD(hop_limit, (byte), 24, 8), WHOLE(traffic_class, (byte) + 4),       \
+        FIELD(reversible, (byte) + 5, 0, 1), FIELD(numb_path, (byte) + 5, 1, 7), \
+        WHOLE(pkey, (byte) + 6), FIELD(sl, (byte) + 8, 12, 4),                   \
+        FIELD(mtu_selector, (byte) + 10, 0, 2), FIELD(mtu, (byte) + 10, 2, 6),   \
+        FIELD(rate_selector, (byte) + 11, 0, 2), FIELD(rate, (byte) + 11, 2, 6), \
+        FIELD(life_time_selector, (byte) + 12, 0, 2), FIELD(life_time, (byte) + 12, 2, 6)
 
 template <>
 struct Format<MultiPathRecord> {

@@ -4,8 +4,9 @@
 #include "tests/simulation/judge.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cstddef>
 #include <ostream>
+#include <span>
 
 #include "host/check.h"
 #include "host/faults.h"
@@ -321,7 +322,10 @@ void Judge::arp_request(const tarv_arp_data_t& record, int media_reset) {
     asked.src_ip = record.src_ip;
     asked.dst_ip = record.dst_ip;
     asked.context = record.context;
-    if (std::memcmp(&asked, &record, sizeof asked) != 0)
+    const auto bytes_of = [](const tarv_arp_data_t& data) {
+        return std::as_bytes(std::span(&data, 1));
+    };
+    if (!std::ranges::equal(bytes_of(asked), bytes_of(record)))
         violate("packet_wrong", "an ARP request holds more than its five fields");
     if (windows_.empty())
         return violate("packet_needless", "an ARP request was sent out of nothing");
