@@ -213,6 +213,9 @@ std::string Judge::enter_read_whole(host::ProcFile& file, const std::string& nam
 }
 
 std::string Judge::enter_read_part(app::ScriptReader& reader, std::size_t size, long offset) {
+    // Who wants nothing of the beginning asks the module for nothing.
+    if (size == 0 && offset <= 0 && !readings_.contains(&reader))
+        return ScriptHost::enter_read_part(reader, size, offset);
     open("read");
     Reading& reading = readings_.contains(&reader) ? readings_[&reader] : begin_reading(&reader);
     const std::string part = ScriptHost::enter_read_part(reader, size, offset);
