@@ -19,6 +19,14 @@ namespace {
 using app::Latencies, app::printable, app::Table;
 using testing::AllOf, testing::HasSubstr, testing::IsEmpty, testing::Not;
 
+app::Site site_of(const char* topology) {
+    std::istringstream text(topology);
+    app::Site site;
+    site.topology = fabric::read_topology(text, "test");
+    site.hosts = fabric::deal_addresses(site.topology);
+    return site;
+}
+
 // A host of two rails, one with a name that would clear a terminal, one with wide letters, and what
 // a switch has inside it.
 constexpr const char* odd_names =
@@ -29,11 +37,7 @@ constexpr const char* odd_names =
     "Ca 1 \"F\" # \"Leaf Aggregation Node\"\n";
 
 TEST(Result, IsTheSameForPeopleAndPrograms) {
-    std::istringstream text(odd_names);
-    app::Site site;
-    site.topology = fabric::read_topology(text, "odd");
-    site.hosts = fabric::deal_addresses(site.topology);
-    app::Machine machine(site, {}, host::Options{});
+    app::Machine machine(site_of(odd_names), {}, host::Options{});
     machine.start();
     machine.switch_on();
     machine.fabric().peer(machine.fabric().hosts().at(4).ip).drop_all();
@@ -102,11 +106,7 @@ constexpr const char* two_ways =
     "Ca 1 \"A\" # \"us HCA-1\"\nCa 1 \"B\" # \"them HCA-1\"\nCa 1 \"C\" # \"others HCA-1\"\n";
 
 TEST(Hops, AreThoseOfThePathThatTheSaComputed) {
-    std::istringstream text(two_ways);
-    app::Site site;
-    site.topology = fabric::read_topology(text, "two");
-    site.hosts = fabric::deal_addresses(site.topology);
-    app::Machine machine(site, {}, host::Options{});
+    app::Machine machine(site_of(two_ways), {}, host::Options{});
     machine.start();
     machine.switch_on();
     app::Resolver resolver(machine, app::peers_of(machine), {});
