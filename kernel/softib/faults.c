@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 /*
- * Packets that are lost, late or doubled on purpose, as the administrator says in lines:
+ * Packets that are lost, late, doubled or changed on purpose, as the administrator says in lines:
  *
  *   NODE PORT CLASS lose [HOW OFTEN]       NODE and PORT may be *: all
  *   NODE PORT CLASS late MS [HOW OFTEN]    CLASS is smp, sa, gmp, arp, data or any
  *   NODE PORT CLASS twice [HOW OFTEN]      HOW OFTEN: the next 3, or 10%; without it, always
+ *   NODE PORT sa plain [HOW OFTEN]         answers in one segment of RMPP are sent without RMPP
  *
  * A line is for what leaves that port. The first line that fits a packet, and is not used up,
  * decides.
@@ -21,10 +22,10 @@
 #define ALWAYS U32_MAX
 
 enum sib_class { CLASS_SMP, CLASS_SA, CLASS_GMP, CLASS_ARP, CLASS_DATA, CLASS_ANY };
-enum action { LOSE, LATE, TWICE };
+enum action { LOSE, LATE, TWICE, PLAIN };
 
 static const char *const classes[] = { "smp", "sa", "gmp", "arp", "data", "any" };
-static const char *const actions[] = { "lose", "late", "twice" };
+static const char *const actions[] = { "lose", "late", "twice", "plain" };
 
 struct fault {
 	struct list_head link;
@@ -50,21 +51,47 @@ static enum sib_class class_of(const struct sib_packet *p)
 	return p->len > 1 && p->data[0] == 0x08 && p->data[1] == 0x06 ? CLASS_ARP : CLASS_DATA;
 }
 
-static bool fits(const struct fault *f, const struct sib_port *out, enum sib_class class)
+static bool is_segment_alone(const struct sib_packet *p)
 {
+	const struct ib_rmpp_mad *mad = (const struct ib_rmpp_mad *)p->data;
+	const u8 alone =
+		IB_MGMT_RMPP_FLAG_ACTIVE | IB_MGMT_RMPP_FLAG_FIRST | IB_MGMT_RMPP_FLAG_LAST;
+
+	return p->len == sizeof(*mad) && mad->mad_hdr.method & IB_MGMT_METHOD_RESP &&
+	       mad->rmpp_hdr.rmpp_type == IB_MGMT_RMPP_TYPE_DATA &&
+	       ib_get_rmpp_flags((struct ib_rmpp_hdr *)&mad->rmpp_hdr) == alone;
+}
+
+/* Where RMPP says how much is data, a MAD alone has zeros to its end. */
+static void make_plain(struct sib_packet *p)
+{
+	struct ib_rmpp_mad *mad = (struct ib_rmpp_mad *)p->data;
+	u32 payload = be32_to_cpu(mad->rmpp_hdr.paylen_newwin);
+	u32 end = min_t(u32, p->len, payload + IB_MGMT_RMPP_HDR);
+
+	memset(p->data + end, 0, p->len - end);
+	memset(&mad->rmpp_hdr, 0, sizeof(mad->rmpp_hdr));
+	mad->rmpp_hdr.rmpp_version = IB_MGMT_RMPP_VERSION;
+}
+
+static bool fits(const struct fault *f, const struct sib_port *out, const struct sib_packet *p)
+{
+	const enum sib_class class = class_of(p);
+
 	return f->left && (!f->node || f->node == out->node) &&
 	       (!f->port || f->port == out->number) &&
 	       (f->class == CLASS_ANY || f->class == class) &&
+	       (f->action != PLAIN || is_segment_alone(p)) &&
 	       (f->percent == 100 || get_random_u32() % 100 < f->percent);
 }
 
-struct sib_fate sib_fate(const struct sib_port *out, const struct sib_packet *p)
+struct sib_fate sib_fate(const struct sib_port *out, struct sib_packet *p)
 {
 	struct sib_fate fate = {};
 	struct fault *f;
 
 	list_for_each_entry (f, &faults, link) {
-		if (!fits(f, out, class_of(p)))
+		if (!fits(f, out, p))
 			continue;
 		if (f->left != ALWAYS)
 			f->left--;
@@ -72,6 +99,8 @@ struct sib_fate sib_fate(const struct sib_port *out, const struct sib_packet *p)
 		fate.lost = f->action == LOSE;
 		fate.copies = f->action == TWICE;
 		fate.delay_ms = f->action == LATE ? f->ms : 0;
+		if (f->action == PLAIN)
+			make_plain(p);
 		break;
 	}
 	return fate;
@@ -108,7 +137,7 @@ static int parse(struct fault *f, char *line)
 		return -EINVAL;
 	class = match_string(classes, ARRAY_SIZE(classes), word[2]);
 	action = match_string(actions, ARRAY_SIZE(actions), word[3]);
-	if (class < 0 || action < 0)
+	if (class < 0 || action < 0 || (action == PLAIN && class != CLASS_SA))
 		return -EINVAL;
 	f->class = class;
 	f->action = action;

@@ -268,7 +268,7 @@ struct sib_fate {
 	unsigned int copies; /* beside the packet */
 	unsigned int delay_ms;
 };
-struct sib_fate sib_fate(const struct sib_port *out, const struct sib_packet *p);
+struct sib_fate sib_fate(const struct sib_port *out, struct sib_packet *p);
 int sib_fault_add(char *line); /* without the lock */
 void sib_faults_clear(void);   /* without the lock */
 struct seq_file;
