@@ -120,11 +120,11 @@ const Call calls[] = {
      "10\\.1\\.0\\.3  Far +<Far> .*\n10\\.1\\.0\\.1  Left .*\npeers +3  all resolved\n.*"},
     // Without the two translations nothing comes of an answer.
     {"the module's mask",
-     "ibsim:Near" + site + "--keep-component-mask --debug-level 4 --for 0.3 Far", 1,
+     "ibsim:Near" + site + "--keep-component-mask --debug-level 4 --for 1 Far", 1,
      "Not resolved:\n  10\\.1\\.0\\.3  Far  the time was up\n",
      ".*Incoming mad has an error status <0x600> -> dropped\\.\n.*"},
     {"the answer's attribute",
-     "ibsim:Near" + site + "--keep-answer-attribute --debug-level 2 --for 0.3 Far", 1,
+     "ibsim:Near" + site + "--keep-answer-attribute --debug-level 2 --for 1 Far", 1,
      "Not resolved:\n  10\\.1\\.0\\.3  Far  the time was up\n",
      ".*Invalid attribute ID\\. <0x0035>\n.*"},
     {"no such host", "ibsim:Near" + site + "F..r", 2, "",
