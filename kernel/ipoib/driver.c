@@ -183,7 +183,6 @@ static bool find_route(__be32 ip, struct way *way)
 {
 	struct flowi4 flow = { .daddr = ip };
 	struct rtable *route = ip_route_output_key(&init_net, &flow);
-
 	bool direct;
 
 	if (IS_ERR(route))
