@@ -119,9 +119,8 @@ const Call calls[] = {
      "address .*\n10\\.1\\.0\\.4  Other +<Other> .* <Other> <- <Near>  10 Gb/s  2048\n"
      "10\\.1\\.0\\.3  Far +<Far> .*\n10\\.1\\.0\\.1  Left .*\npeers +3  all resolved\n.*"},
     // Without the two translations nothing comes of an answer.
-    {"the module's mask",
-     "ibsim:Near" + site + "--keep-component-mask --debug-level 4 --for 1 Far", 1,
-     "Not resolved:\n  10\\.1\\.0\\.3  Far  the time was up\n",
+    {"the module's mask", "ibsim:Near" + site + "--keep-component-mask --debug-level 4 --for 1 Far",
+     1, "Not resolved:\n  10\\.1\\.0\\.3  Far  the time was up\n",
      ".*Incoming mad has an error status <0x600> -> dropped\\.\n.*"},
     {"the answer's attribute",
      "ibsim:Near" + site + "--keep-answer-attribute --debug-level 2 --for 1 Far", 1,
