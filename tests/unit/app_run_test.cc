@@ -71,6 +71,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::ValuesIn(std::vector<BadInput>{
         {"NoVerb", "", "tarv-host: a verb is missing.*"},
         {"UnknownVerb", "rum", "tarv-host: there is no verb rum; did you mean \"run\"."},
+        {"BegunVerb", "fab", "tarv-host: there is no verb fab; did you mean \"fabric\"."},
         {"UnknownOption", "run --fabrik x",
          "tarv-host: there is no option --fabrik; did you mean \"--fabric\"."},
         {"SurplusWord", "run now", "tarv-host: .* now"},
@@ -97,13 +98,16 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Run, ResolvesAllPeersAndLeavesNothing) {
     const std::string capture = temporary("erf");
+    const std::string hosts =
+        write_file("more", std::string(three_addresses) + "192.168.0.1 mail\n");
     const Result result =
-        tarv_host("run --resolve-all --fabric FABRIC --hosts HOSTS --capture " + capture);
+        tarv_host("run --resolve-all --fabric FABRIC --hosts " + hosts + " --capture " + capture);
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.err, IsEmpty());
     EXPECT_THAT(
         result.out,
         AllOf(HasSubstr("alpha, 10.1.0.1, port 1 LID 11, port 2 LID 12\n"),
+              HasSubstr("\nHost list  1 line skipped, about none of them\n"),
               HasSubstr("TARV: Initialized.\n"), HasSubstr("13 <- 11  13 <- 12  40 Gb/s  2048\n"),
               HasSubstr("15 <- 11  15 <- 12  10 Gb/s  2048\n"),
               HasSubstr("requests            4  2 to learn, 2 more to ask the cache\n"

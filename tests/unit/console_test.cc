@@ -38,7 +38,7 @@ cat control
 resolve 10.0.0.2
 resolve 10.5.5.5 no-callback
 cat version
-quit
+exit
 fly)");
     EXPECT_EQ(session.status, 0);
     const std::string record =
@@ -90,7 +90,7 @@ TEST(Console, ShowsTheKernelLogAsItIsTold) {
 }
 
 TEST(Console, HelpListsItsOwnWordsAndTheControlFiles) {
-    const std::string out = converse("help").out;
+    const std::string out = converse("?").out;
     for (const char* line : {"\n  resolve IP [from IP] ", "\n  quit\n", "\n  dmesg [-C|-D|-E]\n",
                              "\n  remove ip - removes the specified entry from the arp table",
                              "\n  set_retry_cnt cnt - set the number of"})
