@@ -297,11 +297,16 @@ unmounts_when_killed() {
 unmounted() { ! mounted; }
 
 a_detached_host_is_there_when_it_says_so() {
-    local out
-    "$program" run --mount "$directory" --detach --log "$work/log" >/dev/null
+    local out process
+    echo before >"$work/log"
+    out=$("$program" run --mount "$directory" --detach --log "$work/log")
     equal "$?/$(cut -d' ' -f1,2 "$version")" "0/tarv 1.21"
+    # Nothing of the terminal is kept.
+    process=$(grep -o 'process [0-9]*' <<<"$out" | cut -d' ' -f2)
+    equal "$(readlink "/proc/$process/fd/"{0,1,2} | paste -sd' ')" "/dev/null $work/log $work/log"
     fusermount3 -u "$directory" || fail "fusermount3"
     within contains "$work/log" "Unloaded; nothing remains"
+    equal "$(head -n 1 "$work/log")" before
     out=$("$program" run --mount "$work/none" --detach --log "$work/log" 2>&1)
     equal "$?/$out" "2/tarv-host: --mount: $work/none: No such file or directory"
 }
