@@ -28,16 +28,23 @@ void Output::say(const std::string& text) {
         ++lost_lines_;
         return;
     }
-    if (lost_lines_ > 0)
-        text_ += "... " + std::to_string(std::exchange(lost_lines_, 0)) +
-                 " lines lost, because nobody read them in time ...\n";
+    tell_losses();
     text_ += text;
     said_.notify_one();
+}
+
+void Output::tell_losses() {
+    if (lost_lines_ == 0)
+        return;
+    text_ += "... " + std::to_string(lost_lines_) + (lost_lines_ == 1 ? " line" : " lines") +
+             " lost, because nobody read in time ...\n";
+    lost_lines_ = 0;
 }
 
 bool Output::finish() {
     {
         const std::lock_guard guard(mutex_);
+        tell_losses();
         finishing_ = true;
         said_.notify_one();
     }

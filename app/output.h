@@ -31,6 +31,7 @@ class Output {
     bool finish();
 
   private:
+    void tell_losses();
     void write_all();
     void write_out(const std::string& text);
 

@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // The program as its user meets it, and the passes and reports that it is made of.
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <thread>
 
 #include "app/machine.h"
+#include "app/output.h"
 #include "app/picture.h"
 #include "app/report.h"
 #include "app/resolve.h"
@@ -75,6 +80,9 @@ INSTANTIATE_TEST_SUITE_P(
         {"ResolveNobody", "resolve node022", ".*is known by that name; did you mean \"node02\"."},
         {"UnknownOption", "run --fabrik x",
          "tarv-host: there is no option --fabrik; did you mean \"--fabric\"."},
+        {"TwoForms", "run --resolve-all --json --csv",
+         "tarv-host: --json and --csv exclude each other"},
+        {"NobodyIsResolved", "run --all", "tarv-host: what was asked for is about the peers, .*"},
         {"SurplusWord", "run now", "tarv-host: .* now"},
         {"OptionWithoutValue", "run --fabric", "tarv-host: --fabric: .*"},
         {"LevelOutOfRange", "run --debug-level 6", "tarv-host: --debug-level: Value 6 .*"},
@@ -143,6 +151,34 @@ TEST(Run, TellsWhatItCouldNotWrite) {
     const Result half = tarv_host("run --resolve-all -q --capture /dev/full");
     EXPECT_EQ(half.status, 1);
     EXPECT_THAT(half.out, HasSubstr("\nThe capture is not whole: "));
+}
+
+// A pipe takes no more than its reader leaves room for. What is behind that is kept, but for too
+// much.
+TEST(Output, TellsHowManyLinesNobodyReadInTime) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const auto size = static_cast<std::size_t>(fcntl(ends[1], F_SETPIPE_SZ, 4096));
+    app::Output output(ends[1], 4 * size);
+    const std::string most(4 * size - 1, '-');
+    output.say(most + "\n");
+    // Once the writer has begun with the first, there is room for one more: the second or the last.
+    output.say(most + "\n");
+    output.say("last\n");
+    std::string read_text;
+    std::thread reader([&] {
+        char text[512];
+        for (ssize_t length; (length = read(ends[0], text, sizeof text)) > 0;)
+            read_text.append(text, static_cast<std::size_t>(length));
+    });
+    EXPECT_TRUE(output.finish());
+    close(ends[1]);
+    reader.join();
+    close(ends[0]);
+    EXPECT_THAT(
+        read_text,
+        MatchesRegex("-+\n(-+\n)?\\.\\.\\. (1 line|2 lines) lost, because nobody read in time "
+                     "\\.\\.\\.\n(last\n)?"));
 }
 
 TEST(Run, UnloadsInOrderWhenToldToStop) {

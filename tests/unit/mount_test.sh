@@ -299,7 +299,7 @@ unmounted() { ! mounted; }
 a_detached_host_is_there_when_it_says_so() {
     local out process
     echo before >"$work/log"
-    out=$("$program" run --mount "$directory" --detach --log "$work/log")
+    out=$("$program" run --mount "$directory" --detach --log "$work/log" <"$0")
     equal "$?/$(cut -d' ' -f1,2 "$version")" "0/tarv 1.21"
     # Nothing of the terminal is kept.
     process=$(grep -o 'process [0-9]*' <<<"$out" | cut -d' ' -f2)
