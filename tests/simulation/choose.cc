@@ -304,6 +304,9 @@ void make_arp(Line& line) {
     line.perhaps(12, [](Line& more) { more.word("path-from").gid(); });
 }
 
+/// A module loaded so keeps nobody longer than to the next run of the ageing timer.
+constexpr std::string_view ageless = "arp_cache_timeout_sec=0";
+
 constexpr Kind kinds[] = {
     {3000, "resolve", make_resolve, true},
     {2000, "tick", make_tick, true},
@@ -434,12 +437,15 @@ std::string Chooser::next_line() {
         kinds[choose_row(random_, std::size(kinds), [&](std::size_t i) { return weights_[i]; })];
     Line line(*this, kind.verb);
     kind.make(line);
-    halted_ |= line.text().starts_with("control") && line.text().find("halt") != std::string::npos;
+    const bool halts =
+        line.text().starts_with("control") && line.text().find("halt") != std::string::npos;
+    stale_ |= halts || line.text().ends_with(ageless);
     return line.text();
 }
 
-/* Who waits gets his last word within all the retries that may be set. A halted module comes anew.
- * Then one try is enough for everybody, because nothing is lost any more. */
+/* Who waits gets his last word within all the retries that may be set. A module that is halted, or
+ * that forgets at each run of the ageing timer, comes anew. Then one try is enough for everybody,
+ * because nothing is lost any more. */
 std::vector<std::string> Chooser::last_lines() const {
     std::vector<std::string> lines = {"calm", "driver quick 0", "driver pkey 0xFFFF"};
     for (const char* const port : {"port 1", "port 2"}) {
@@ -454,7 +460,7 @@ std::vector<std::string> Chooser::last_lines() const {
     for (std::uint32_t i = 1; i < hosts_; ++i)
         lines.push_back("peer " + addresses_[i] + " up");
     lines.emplace_back("tick 80000");
-    if (halted_)
+    if (stale_)
         lines.emplace_back("unload");
     for (const char* const line : {"load", "attach", "control enable", "control sa_queries on",
                                    "control statics_inv on", "control flush", "tick 10"})

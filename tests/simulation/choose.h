@@ -44,7 +44,7 @@ class Chooser {
     std::uint64_t length_;
     std::vector<std::string> addresses_;  ///< the hosts', our own first, then others
     bool large_;
-    bool halted_ = false;  ///< perhaps
+    bool stale_ = false;  ///< perhaps halted, or loaded so that it keeps no entry
     std::array<std::uint32_t, most_rows> weights_{};
 };
 

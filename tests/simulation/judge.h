@@ -102,6 +102,7 @@ class Judge : public app::ScriptHost, private fabric::Witness {
     void account(const State& found);
     void forget(const app::ScriptReply& made, Client& client, const char* where);
     void check_patience();
+    void check_remaining(const std::string& line);
 
     // What a script does.
     int enter_load(const std::vector<std::string>& parameters) override;
@@ -141,6 +142,8 @@ class Judge : public app::ScriptHost, private fabric::Witness {
     };
 
     const unsigned long first_jiffy_;
+    const unsigned long pools_failed_before_;  ///< calls, when this host began
+    const unsigned long deregistrations_failed_before_;
     Model model_{fabric()};
     State found_;  ///< the module's, at the last look
     bool unloading_ = false;
