@@ -46,6 +46,8 @@ TEST_P(OperationTest, LearnsFromRequestsAndRepliesAlike) {
         EXPECT_EQ(replies[0].src_ip, host_ip(1));
         EXPECT_EQ(replies[0].dst_ip, host_ip(2));
     }
+    EXPECT_EQ(hear(heard(3, static_cast<tarv_arp_op_t>(row.operation))), row.status)
+        << "nobody waits for that peer";
 }
 
 // clang-format off
