@@ -10,6 +10,8 @@
 #include <system_error>
 #include <utility>
 
+#include "app/table.h"
+
 namespace app {
 
 Output::Output(int descriptor, std::size_t most) : descriptor_(descriptor), most_(most) {
@@ -36,9 +38,8 @@ void Output::say(const std::string& text) {
 void Output::tell_losses() {
     if (lost_lines_ == 0)
         return;
-    text_ += "... " + std::to_string(lost_lines_) + (lost_lines_ == 1 ? " line" : " lines") +
+    text_ += "... " + counted(std::exchange(lost_lines_, 0), "line") +
              " lost, because nobody read in time ...\n";
-    lost_lines_ = 0;
 }
 
 bool Output::finish() {

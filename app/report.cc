@@ -25,10 +25,6 @@ std::string text(const char* format, Arguments... arguments) {
     return buffer;
 }
 
-std::string count(std::size_t number, const char* noun) {
-    return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
-
 /* "12 <- 11": the peer's LID and ours on the path that begins at a port of ours. */
 std::string path_cell(const tarv_arp_data_t& record, const fabric::Gid& port) {
     for (const auto& [kind, path] : paths_of(record))
@@ -166,7 +162,7 @@ std::string format_mtu(std::uint8_t code) {
 
 std::string format_bytes(std::size_t bytes) {
     if (bytes < 1024)
-        return count(bytes, "byte");
+        return counted(bytes, "byte");
     if (bytes < 10 * 1024 * 1024)
         return std::to_string((bytes + 1023) / 1024) + " KiB";
     return std::to_string((bytes + 1024 * 1024 - 1) / (1024 * 1024)) + " MiB";
@@ -189,8 +185,7 @@ std::string format_surroundings(const Site& site) {
     const auto switches = static_cast<std::size_t>(std::ranges::count(
         site.topology.nodes, fabric::NodeKind::switch_node, &fabric::Node::kind));
     return (adapter.empty() ? "" : adapter + "\n") + "Fabric     " + printable(site.topology.file) +
-           ": " + count(machines.size(), "host") + ", " + std::to_string(switches) +
-           (switches == 1 ? " switch" : " switches");
+           ": " + counted(machines.size(), "host") + ", " + counted(switches, "switch", "es");
 }
 
 std::string format_machine(Machine& machine, std::size_t width) {
@@ -277,7 +272,7 @@ std::string format_unresolved(Machine& machine, const std::vector<Peer>& peers, 
         for (const auto& [reason, times] : reasons)
             result += std::to_string(times) + ": " + reason + "\n";
     if (not_asked)
-        result += "  " + count(not_asked, "peer") + " not asked for: " + why_not + "\n";
+        result += "  " + counted(not_asked, "peer") + " not asked for: " + why_not + "\n";
     return result;
 }
 
@@ -304,7 +299,7 @@ std::string format_departure(const Departure& departure, std::size_t width) {
         departure.capture_whole ? "" : "The capture is not whole: its file could not be written.\n";
     if (departure.remains.empty())
         return wrap(result + "Unloaded; nothing remains: " +
-                        count(departure.memory.allocations, "allocation") + " made and freed, " +
+                        counted(departure.memory.allocations, "allocation") + " made and freed, " +
                         format_bytes(departure.memory.peak_bytes) +
                         " at most;\nno timer armed, no datagram out, no name registered.\n",
                     width);

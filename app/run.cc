@@ -212,8 +212,7 @@ int run_host(const RunOptions& options, Site site, Output& output, Detachment* d
     const std::size_t width = detachment ? 0 : terminal_width(STDOUT_FILENO);
     say((quiet ? "" : "\n") + format_machine(machine, width));
     if (skipped_lines > 0)
-        say("Host list  " + std::to_string(skipped_lines) +
-            (skipped_lines == 1 ? " line" : " lines") + " skipped, about none of them\n");
+        say("Host list  " + counted(skipped_lines, "line") + " skipped, about none of them\n");
     if (detachment)
         detachment->ready(format_ready(options, detachment));
     sd_notify(0, "READY=1");  // says nothing where nobody has asked for it

@@ -79,6 +79,10 @@ std::string printable(std::string_view text) {
     return result;
 }
 
+std::string counted(std::size_t number, const std::string& noun, const char* ending) {
+    return std::to_string(number) + " " + noun + (number == 1 ? "" : ending);
+}
+
 std::size_t display_width(const std::string& text) {
     // Of this thread alone, and for the time of the call: how wide characters are.
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);

@@ -14,6 +14,9 @@ namespace app {
 /// a fabric calls something must not command a terminal.
 std::string printable(std::string_view text);
 
+/// "1 host", "2 hosts"; with what the plural ends in.
+std::string counted(std::size_t number, const std::string& noun, const char* ending = "s");
+
 /// How many columns a printable text takes.
 std::size_t display_width(const std::string& text);
 
