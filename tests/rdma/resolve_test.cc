@@ -7,8 +7,10 @@
 #include <atomic>
 #include <deque>
 
+#include "app/kmsg.h"
 #include "app/machine.h"
 #include "app/options.h"
+#include "tarv/logger.h"
 #include "tests/support/machine.h"
 #include "tests/support/opensm.h"
 
@@ -173,7 +175,8 @@ TEST(Resolve, SaysWhatOpensmKnowsOrWhatIsWrong) {
 }
 
 /* Something that begins, lasts and ends while a host runs as Near. `has_begun` and `has_ended` are
- * what the host sees of it. */
+ * what the host sees of it; `told` is what the module says when it hears of the end, if it has to:
+ * the host knows earlier, and a query by a port that the module takes to be down is refused. */
 struct Situation {
     const char* name;
     void (*begin)(Surroundings&);
@@ -181,6 +184,7 @@ struct Situation {
     bool answered_meanwhile;
     void (*end)(Surroundings&);
     bool (*has_ended)(Surroundings&, rdma::Device&);
+    const char* told = "";
 };
 
 const Situation situations[] = {
@@ -192,7 +196,8 @@ const Situation situations[] = {
          if (device.port(1).linked && !device.port(1).up)
              around.ground.manager().tell(SIGHUP);  // look at all ports
          return device.port(1).up;
-     }},
+     },
+     "Received link_up <port:1>"},
     {"an SA hangs and comes back",
      [](Surroundings& around) { around.ground.manager().tell(SIGSTOP); },
      [](Surroundings&, rdma::Device&) { return true; }, false,
@@ -253,9 +258,11 @@ TEST_P(Situations, AreSurvived) {
     options.adapter = "ibsim:Near";
     options.fabric = around.ground.picture_file();
     options.hosts = around.hosts_file();
-    options.debug_level = 0;
+    options.debug_level = TARV_DEBUG;
     std::deque<Request> requests;  // outlive the module, which knows them
-    app::Machine machine(app::read_site(options), options, {host::Clock::real_time});
+    app::Kmsg kmsg;
+    app::Machine machine(app::read_site(options), options, {host::Clock::real_time},
+                         [&](const host::LogLine& line) { kmsg.append(line); });
     const auto ask = [&](const char* name) -> Request& {
         return requests.emplace_back(machine, name);
     };
@@ -273,8 +280,13 @@ TEST_P(Situations, AreSurvived) {
         machine.kernel().advance(200);
         EXPECT_NE(meanwhile.status(), tarv_stat_ok);
     }
+    const std::uint64_t before = kmsg.extent().end;
     it.end(around);
-    ASSERT_TRUE(support::wait_until([&] { return it.has_ended(around, device); }));
+    ASSERT_TRUE(support::wait_until([&] {
+        return it.has_ended(around, device) &&
+               kmsg.read(kmsg.extent().end - before, before).find(it.told) != std::string::npos;
+    }));
+    machine.kernel().settle();  // until the module is through with it
     for (const char* const name : {"Left", "Other"})
         EXPECT_TRUE(ask(name).answered()) << name;
     EXPECT_TRUE(machine.stop().clean());
