@@ -14,10 +14,12 @@
 
 namespace support {
 
-/// A file of the running test's own.
+/// A file of the running test's own, or of the program's where no test runs.
 inline std::string temporary(const std::string& name) {
     const auto* const test = testing::UnitTest::GetInstance()->current_test_info();
-    std::string path = std::string(test->test_suite_name()) + "." + test->name() + "." + name;
+    std::string path = test ? std::string(test->test_suite_name()) + "." + test->name()
+                            : program_invocation_short_name;
+    path += "." + name;
     std::ranges::replace(path, '/', '.');
     return testing::TempDir() + path;
 }

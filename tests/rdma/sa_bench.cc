@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: GPL-2.0-only OR BSD-2-Clause
 //
 // How many path queries a second OpenSM answers to the module, and how many to a client that does
-// nothing but send and receive: the same queries, 64 outstanding, in turn in one run. Run by hand:
-// it says figures, and judges none of them.
-#include <gtest/gtest.h>
-
+// nothing but send and receive: the same queries, 64 outstanding, in turn in one run.
+#include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
+#include <memory>
+#include <optional>
 #include <semaphore>
 #include <span>
 #include <sstream>
+#include <stdexcept>
 
 #include "app/machine.h"
 #include "app/options.h"
@@ -166,8 +166,8 @@ fabric::Bytes common_part(const fabric::Packet& asked) {
     return mad;
 }
 
-/* The first query that the module sends is the bare client's. */
-void expect_same_query(app::Machine& machine, ModuleClient& client, const fabric::Packet& bare) {
+/* Throws unless the first query that the module sends is the bare client's. */
+void check_same_query(app::Machine& machine, ModuleClient& client, const fabric::Packet& bare) {
     std::optional<fabric::Packet> first;
     machine.on_packet([&](const fabric::SeenPacket& seen) {
         if (seen.direction == fabric::Direction::out && !first)
@@ -175,65 +175,92 @@ void expect_same_query(app::Machine& machine, ModuleClient& client, const fabric
     });
     client.run(1);
     machine.on_packet({});
-    EXPECT_EQ(common_part(first.value()), common_part(bare));
+    if (common_part(first.value()) != common_part(bare))
+        throw std::runtime_error("the two clients do not ask the same");
 }
 
-double median(std::vector<double> values) {
-    std::ranges::sort(values);
-    return values[values.size() / 2];
-}
-
-TEST(SaRate, NextToABareClient) {
-    SKIP_WITHOUT_OPENSM();
-    const fabric::Topology made =
-        fabric::make_fabric({.hosts = hosts, .two_port_percent = 0, .lids = false});
-    std::ostringstream net;
-    write_topology(net, made);
-    const auto id = [&](std::size_t n) { return made.nodes.at(n).id; };
-    std::vector<std::size_t> adapters;
-    for (std::size_t n = 0; n < made.nodes.size(); n++)
-        if (made.nodes[n].kind == fabric::NodeKind::adapter)
-            adapters.push_back(n);
-    support::Ground ground(net.str(), id(adapters[2]));
-    ground.picture();
-
-    app::HostOptions options;
-    options.adapter = "ibsim:" + id(adapters[0]);
-    options.fabric = ground.picture_file();
-    options.debug_level = 0;
-    app::Machine machine(app::read_site(options), options, {host::Clock::real_time});
-    machine.start();
-    const rdma::Device& device = machine.site().device->device();
-
-    const fabric::EndPort from = rdma::open_device("ibsim:" + id(adapters[1]))->device().port(1);
-    const auto road = rdma::attach_to_ibsim(id(adapters[1]));
-    std::vector<fabric::Gid> gids;
-    for (const fabric::Host& host : machine.site().hosts) {
-        const fabric::Node& node =
-            machine.site().topology.nodes.at(static_cast<std::size_t>(host.node));
-        const fabric::Gid gid = support::wire_gid(node.ports.at(1).guid);
-        if (gid == from.gid || host.ip == machine.site().our_host().ip)
-            continue;
-        gids.push_back(gid);
+/* The subnet, and in turn on two of its adapters the two clients. */
+class Contest {
+  public:
+    Contest() : ground_(net(), id(manager)), machine_(site(), options(), {host::Clock::real_time}) {
+        machine_.start();
+        from_ = rdma::open_device("ibsim:" + id(bare))->device().port(1);
+        road_ = rdma::attach_to_ibsim(id(bare));
+        for (const fabric::Host& host : machine_.site().hosts) {
+            const fabric::Node& node =
+                machine_.site().topology.nodes.at(static_cast<std::size_t>(host.node));
+            const fabric::Gid gid = support::wire_gid(node.ports.at(1).guid);
+            if (gid != from_.gid && host.ip != machine_.site().our_host().ip)
+                peers_.push_back(gid);
+        }
+        module_.emplace(peers_);
+        sm_lid_ = machine_.site().device->device().manager(1).lid;
+        check_same_query(machine_, *module_, query(from_, sm_lid_, peers_[0], 0));
     }
-    ModuleClient client(gids);
-    const std::uint16_t sm_lid = device.manager(1).lid;
-    expect_same_query(machine, client, query(from, sm_lid, gids[0], 0));
-    std::vector<double> ratios, bare_rates, module_rates, bare_us, module_us;
-    for (int round = 0; round < rounds; round++) {
-        const Cost bare = cost_of([&] { run_bare_client(*road, from, sm_lid, gids); });
-        const Cost module = cost_of([&] { client.run(); });
-        bare_rates.push_back(bare.per_second);
-        module_rates.push_back(module.per_second);
-        ratios.push_back(module.per_second / bare.per_second);
-        bare_us.push_back(bare.processor_us);
-        module_us.push_back(module.processor_us);
-        std::printf("bare %.0f/s, %.1f us  module %.0f/s, %.1f us  ratio %.2f\n", bare.per_second,
-                    bare.processor_us, module.per_second, module.processor_us, ratios.back());
+
+    Cost run_bare() {
+        return cost_of([this] { run_bare_client(*road_, from_, sm_lid_, peers_); });
     }
-    std::printf("medians: bare %.0f/s, %.1f us  module %.0f/s, %.1f us  ratio %.2f\n",
-                median(bare_rates), median(bare_us), median(module_rates), median(module_us),
-                median(ratios));
+    Cost run_module() {
+        return cost_of([this] { module_->run(); });
+    }
+
+  private:
+    // Which of the adapters.
+    static constexpr std::size_t ours = 0, bare = 1, manager = 2;
+
+    static const fabric::Topology& made() {
+        static const fabric::Topology topology =
+            fabric::make_fabric({.hosts = hosts, .two_port_percent = 0, .lids = false});
+        return topology;
+    }
+    static std::string net() {
+        std::ostringstream text;
+        write_topology(text, made());
+        return text.str();
+    }
+    static std::string id(std::size_t number) {
+        for (const fabric::Node& node : made().nodes)
+            if (node.kind == fabric::NodeKind::adapter && number-- == 0)
+                return node.id;
+        throw std::out_of_range("there are fewer adapters");
+    }
+    app::HostOptions options() const {
+        app::HostOptions options;
+        options.adapter = "ibsim:" + id(ours);
+        options.fabric = ground_.picture_file();
+        options.debug_level = 0;
+        return options;
+    }
+    app::Site site() const {
+        ground_.picture();
+        return app::read_site(options());
+    }
+
+    support::Ground ground_;
+    app::Machine machine_;
+    fabric::EndPort from_;
+    std::unique_ptr<rdma::Transport> road_;
+    std::vector<fabric::Gid> peers_;
+    std::optional<ModuleClient> module_;
+    std::uint16_t sm_lid_ = 0;
+};
+
+/* One round of both; what somebody else does to the machine meanwhile they share. */
+void path_queries(benchmark::State& state) {
+    static Contest contest;
+    for (auto _ : state) {
+        const Cost bare = contest.run_bare();
+        const Cost module = contest.run_module();
+        state.counters = {{"bare/s", bare.per_second},
+                          {"module/s", module.per_second},
+                          {"bare_us", bare.processor_us},
+                          {"module_us", module.processor_us},
+                          {"ratio", module.per_second / bare.per_second}};
+    }
 }
+BENCHMARK(path_queries)->Iterations(1)->Repetitions(rounds)->DisplayAggregatesOnly();
 
 }  // namespace
+
+BENCHMARK_MAIN();
